@@ -1,0 +1,37 @@
+# The user's entry points. Each target first installs whatever is missing (scripts/bootstrap is
+# idempotent and quick when nothing is), then configures and builds with CMake presets.
+PRESET ?= dev
+BUILD_DIR := build/$(PRESET)
+CTEST_ARGS ?=
+
+.PHONY: all bootstrap configure build test run format clean asan bench
+
+all: build
+
+bootstrap:
+	@scripts/bootstrap
+
+configure: bootstrap
+	@if [ ! -f $(BUILD_DIR)/build.ninja ]; then cmake --preset $(PRESET); fi
+
+build: configure
+	cmake --build --preset $(PRESET)
+
+test: build
+	ctest --preset $(PRESET) $(CTEST_ARGS)
+
+# Starts the engine with its console on the simulated kiosk.
+run: build
+	$(BUILD_DIR)/apps/kestrix --simulate $(ARGS)
+
+asan:
+	$(MAKE) test PRESET=asan
+
+bench: build
+	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done
+
+format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf build

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+// The layout of the shared settings store: every section and key the engine reads or writes,
+// with its default and the console control it belongs to. The rest of the engine names keys
+// through this file only.
+namespace kestrix::store {
+
+inline constexpr std::string_view kApp = "KSX";
+
+namespace section {
+inline constexpr std::string_view kSettings = "Settings";
+inline constexpr std::string_view kCoinAcceptor = "CoinAcceptor";
+inline constexpr std::string_view kBillValidator = "BillValidator";
+inline constexpr std::string_view kBillDispenser = "BillDispenser";
+inline constexpr std::string_view kHoppers = "Hoppers";
+inline constexpr std::string_view kPinPad = "Pin Pad";
+// The host mailbox.
+inline constexpr std::string_view kStatus = "Status";
+// Linux: port number -> device path ("3" = "/dev/ttyUSB0").
+inline constexpr std::string_view kPorts = "Ports";
+inline constexpr std::string_view kPinPadSimulator = "Pin Pad Simulator";
+inline constexpr std::string_view kPinPadMethods = "Pin Pad Methods";
+}  // namespace section
+
+// Host mailbox keys (section "Status").
+namespace mailbox {
+inline constexpr std::string_view kDue = "Due";
+inline constexpr std::string_view kDueCC = "DueCC";
+inline constexpr std::string_view kChange = "Change";
+inline constexpr std::string_view kCancel = "Cancel";
+inline constexpr std::string_view kExit = "Exit";
+inline constexpr std::string_view kStatus = "Status";
+inline constexpr std::string_view kCredit = "Credit";
+inline constexpr std::string_view kChangeDispensed = "ChangeDispensed";
+inline constexpr std::string_view kTubes = "Tubes";
+inline constexpr std::string_view kBDStatus = "BDStatus";
+inline constexpr std::string_view kBDCassette = "BDCassette";
+inline constexpr std::string_view kBDDispensed = "BDDispensed";
+inline constexpr std::string_view kReferenceCC = "ReferenceCC";
+inline constexpr std::string_view kKsxError = "KSX_Error";
+}  // namespace mailbox
+
+// Keys of the other sections that are not operator settings.
+namespace key {
+inline constexpr std::string_view kOnLine = "On Line";  // section "Pin Pad"
+// Hoppers link settings beside the operator's (section "Hoppers").
+inline constexpr std::string_view kH1Address = "h1Address";
+inline constexpr std::string_view kH2Address = "h2Address";
+inline constexpr std::string_view kDispenseMode = "DispenseMode";
+inline constexpr std::string_view kEcho = "Echo";
+// Which card payment library drives the pin pad (section "Pin Pad"): "simulated" or "com".
+inline constexpr std::string_view kLibrary = "Library";
+std::string tubeCoinType(int slot);  // "tubeCoinType1".."tubeCoinType5"
+std::string tubeCoinQty(int slot);   // "tubeCoinQty1".."tubeCoinQty5"
+}  // namespace key
+
+// How a setting is read at the console's load.
+enum class SettingKind {
+    Port,    // read with "" as default, shown as text; a missing key is no error
+    Flag,    // strict whole number 0..2 into a check box; missing or junk is an error
+    Number,  // strict number shown as text; missing or junk is an error
+    Text,    // read with "" as default
+};
+
+struct DeviceSetting {
+    std::string_view section;
+    std::string key;
+    std::string control;  // console control that shows and edits it
+    SettingKind kind;
+    std::string defaultValue;  // what the default set writes
+};
+
+// Every operator setting, in the order Save writes them. The console's load reads them in the
+// same order (all but "Printer", which it matches against the installed printers).
+const std::vector<DeviceSetting>& deviceSettings();
+
+// The default set, in the order it is written when a flag or number cannot be read at load.
+std::vector<const DeviceSetting*> defaultSetOrder();
+
+// The fourteen mailbox writes of the console's load, in order.
+struct MailboxValue {
+    std::string_view key;
+    std::string_view value;
+};
+const std::vector<MailboxValue>& mailboxReset();
+
+const DeviceSetting& setting(std::string_view key);
+
+}  // namespace kestrix::store

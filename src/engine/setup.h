@@ -1,0 +1,185 @@
+#pragma once
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "console.h"
+#include "platform/clock.h"
+#include "platform/instance.h"
+#include "platform/message_box.h"
+#include "platform/network_info.h"
+#include "platform/payment_library.h"
+#include "platform/printer.h"
+#include "platform/scheduler.h"
+#include "platform/serial_port.h"
+#include "platform/settings_store.h"
+
+namespace kestrix {
+
+class MdbLink;
+class BillDispenser;
+class CashPayment;
+class Hoppers;
+class CardPayment;
+
+// Everything the engine needs from the outside world.
+struct Platform {
+    Clock& clock;
+    Scheduler& scheduler;
+    SettingsStore& store;
+    MessageBox& messageBox;
+    Printer& printer;
+    NetworkInfo& network;
+    Instance& instance;
+    PaymentLibrary& paymentLibrary;
+    SerialPort& mdbPort;        // MSComm1: MDB interface adapter
+    SerialPort& dispenserPort;  // MSComm2: bill dispenser
+    SerialPort& hoppersPort;    // MSComm3: hoppers interface
+};
+
+// Console-level payment state shared by the device routines. Tables are indexed from 1, as the
+// console numbers its coin types, bill types and tube slots; index 0 is unused.
+struct EngineState {
+    bool loaded = false;
+    double amountDue = 0;     // 0: no cash payment running
+    double creditAmount = 0;  // credit of the running cash payment
+    int cancelKeepsCredit = 0;
+
+    float tubesValue = 0;  // money in the changer's tubes (single precision, as published)
+    bool tubesUsable = true;
+    bool pollTimedOut = false;
+    bool bvNeedsInit = false;
+    bool payoutBusy = false;
+    double lastBillTime = 0;  // seconds since midnight of the last credited bill
+    std::array<int, 5> commandBytes{};
+
+    std::array<double, 17> coinValue{};
+    std::array<int, 17> tubeCount{};
+    std::array<double, 6> tubeSlotCoin{};
+    std::array<double, 17> billValue{};
+
+    // The port name the port-error message names: the last one equipment initialisation set.
+    std::string portName;
+};
+
+// The engine object, named after the console form that owns every device link, timer and
+// routine. Lives on the engine thread; every public routine runs there.
+class Setup {
+public:
+    explicit Setup(Platform platform);
+    ~Setup();
+    Setup(const Setup&) = delete;
+    Setup& operator=(const Setup&) = delete;
+
+    // --- Lifecycle ------------------------------------------------------------------------
+    // Start-up: false (after telling the operator) when another instance runs on this store.
+    bool startUp();
+    void Form_Load();
+    void Save_Click();
+    void Cancel_Click();  // the console's "Cancel" button: Exit
+    void Form_Unload();   // the console window closes: Exit
+    void Exit();
+    bool ended() const { return m_ended; }
+
+    // Port and device handlers (operator clicks on the console).
+    void comPorts_Click();
+    void comPorts1_Click();
+    void CoinAcceptorEnabled_Click();
+    void billValidatorEnabled_Click();
+    void pinPadEnabled_Click();
+    void billDispenserEnabled_Click();
+    void hoppersEnabled_Click();
+    void bDispType_Click();
+
+    // --- Host command monitor ---------------------------------------------------------------
+    void Monitor_Timer();
+
+    // --- Device routines --------------------------------------------------------------------
+    void InitEquipment();
+    void enablePayment_Click();
+    void pollTimer_Timer();
+    void DispenseChange(double& amount);
+    void changeTimer_Timer();
+    void bvRecovery();
+    void bdDispenseBills_Click();
+    void bdDispenserRefill_Click();
+    void hDispenseCoins_Click();
+    void enablePaymentCC_Click();
+    void clickTimer_Timer();
+    void ccTimer_Timer();
+    void ccReadCard_Click();
+    void ccPrinters_Click();
+
+    // An operator edit from a view: sets the field, then runs the control's click handler when
+    // it has one (check boxes and lists raise their click when changed).
+    void operatorEdit(const std::string& name, const std::string& text, int value);
+    // An operator click on a button by its control name.
+    void operatorClick(const std::string& name);
+
+    // --- Shared services for the device routines --------------------------------------------
+    Console& console() { return m_console; }
+    EngineState& state() { return m_state; }
+    Platform& platform() { return m_platform; }
+    MdbLink& link() { return *m_link; }
+    BillDispenser& dispenser() { return *m_dispenser; }
+    CashPayment& cash() { return *m_cash; }
+    Hoppers& hoppers() { return *m_hoppers; }
+    CardPayment& card() { return *m_card; }
+
+    Timer& monitorTimer() { return *m_monitor; }
+    Timer& pollTimer() { return *m_pollTimer; }
+    Timer& changeTimer() { return *m_changeTimer; }
+    Timer& clickTimer() { return *m_clickTimer; }
+    Timer& ccTimer() { return *m_ccTimer; }
+
+    // Reads and writes of the application's settings (application "KSX").
+    std::string getSetting(std::string_view section, std::string_view key,
+                           std::string_view defaultValue = {});
+    void saveSetting(std::string_view section, std::string_view key, std::string_view value);
+    // The host mailbox (section "Status"); reads default to "".
+    std::string mailbox(std::string_view key);
+    void writeMailbox(std::string_view key, std::string_view value);
+
+    // Waits `seconds` on the clock without yielding (the engine's Pause).
+    void pause(double seconds);
+
+    // The change payout's yielding wait for the coin changer. While it runs, payment actions
+    // (cash start/stop, card, change, exit) that arrive are held back and run after the routine
+    // that started the payout has returned, so none of them begins or ends a second time.
+    void yieldUntil(const std::function<bool()>& done);
+    bool payoutWaiting() const { return m_payoutWaitDepth > 0; }
+
+private:
+    // Runs `action` now, or holds it back while the payout wait runs; true when held back.
+    bool holdDuringPayout(const std::function<void()>& action);
+    void loadSettings();
+    void writeDefaultSet();
+    void fillPrinters();
+    void switchDispenserButtons();
+    void switchHopperButton();
+
+    Platform m_platform;
+    Console m_console;
+    EngineState m_state;
+    bool m_ended = false;
+    int m_payoutWaitDepth = 0;
+    std::vector<std::function<void()>> m_heldActions;
+
+    std::unique_ptr<MdbLink> m_link;
+    std::unique_ptr<BillDispenser> m_dispenser;
+    std::unique_ptr<CashPayment> m_cash;
+    std::unique_ptr<Hoppers> m_hoppers;
+    std::unique_ptr<CardPayment> m_card;
+
+    std::unique_ptr<Timer> m_monitor;
+    std::unique_ptr<Timer> m_pollTimer;
+    std::unique_ptr<Timer> m_changeTimer;
+    std::unique_ptr<Timer> m_clickTimer;
+    std::unique_ptr<Timer> m_ccTimer;
+};
+
+}  // namespace kestrix

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <tuple>
+
+#include "engine/platform/settings_store.h"
+
+namespace kestrix::sim {
+
+// The settings store in memory, for the virtual world.
+class MemoryStore : public SettingsStore {
+public:
+    std::string get(std::string_view app, std::string_view section, std::string_view key,
+                    std::string_view defaultValue = {}) override;
+    void set(std::string_view app, std::string_view section, std::string_view key,
+             std::string_view value) override;
+    std::vector<Entry> list(std::string_view app, std::string_view section = {}) override;
+
+    bool has(std::string_view app, std::string_view section, std::string_view key) const;
+    void erase(std::string_view app, std::string_view section, std::string_view key);
+    // Every write in order ("section/key=value"), for tests of write order.
+    const std::vector<std::string>& writes() const { return m_writes; }
+    void clearWrites() { m_writes.clear(); }
+    // Makes every operation fail, as a store on a vanished disk would.
+    void setBroken(bool broken) { m_broken = broken; }
+
+private:
+    using Key = std::tuple<std::string, std::string, std::string>;
+    std::map<Key, std::string> m_values;
+    std::vector<std::string> m_writes;
+    bool m_broken = false;
+};
+
+}  // namespace kestrix::sim
