@@ -1,5 +1,6 @@
 #include "formulas.h"
 
+#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <cmath>
@@ -12,6 +13,8 @@
 namespace kestrix {
 
 namespace {
+
+constexpr double kSecondsPerDay = 86400.0;
 
 KsxError reraise(const KsxError& e, const char* source) {
     return KsxError(e.number(), e.what(), source);
@@ -95,7 +98,8 @@ void Pause(Clock& clock, double seconds) {
         if (left <= 0) {
             return;
         }
-        clock.sleep(left);
+        // Never sleep past midnight: the wait must see midnight to restart from it.
+        clock.sleep(std::min(left, kSecondsPerDay - now));
     }
 }
 
@@ -144,7 +148,7 @@ std::string currencyText(double value) {
         return "$0.00";
     }
     const bool negative = value < 0;
-    const double cents = std::nearbyint(std::fabs(value) * 100.0);
+    const double cents = std::round(std::fabs(value) * 100.0);
     char buf[64];
     std::snprintf(buf, sizeof buf, "%.0f", std::floor(cents / 100.0));
     std::string whole(buf);

@@ -128,7 +128,9 @@ void Setup::loadSettings() {
         trapped([this, &s] {
             switch (s.kind) {
                 case SettingKind::Port:
-                    m_console.setText(s.control, getSetting(s.section, s.key, ""));
+                    // The lists hold port numbers: a missing or junk port cannot be shown.
+                    m_console.setText(s.control,
+                                      std::to_string(strictInt(getSetting(s.section, s.key, ""))));
                     break;
                 case SettingKind::Flag: {
                     const int v = strictInt(getSetting(s.section, s.key));

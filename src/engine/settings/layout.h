@@ -60,7 +60,7 @@ std::string tubeCoinQty(int slot);   // "tubeCoinQty1".."tubeCoinQty5"
 
 // How a setting is read at the console's load.
 enum class SettingKind {
-    Port,    // read with "" as default, shown as text; a missing key is no error
+    Port,    // read with "" as default; the port list takes a whole number, so "" is an error
     Flag,    // strict whole number 0..2 into a check box; missing or junk is an error
     Number,  // strict number shown as text; missing or junk is an error
     Text,    // read with "" as default

@@ -1,0 +1,152 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+
+#include "engine/errors.h"
+#include "engine/formulas.h"
+#include "sim/world/virtual_time.h"
+
+namespace kestrix {
+namespace {
+
+TEST(ConvertBaseNToDec, ReadsDigitTextsInAnyBase) {
+    struct Row {
+        const char* digits;
+        int base;
+        const char* expected;
+    };
+    const Row rows[] = {
+        {"ff", 16, "255"},  {"0A", 16, "10"},     {"0b", 16, "11"},      {"11111111", 2, "255"},
+        {"00000000", 2, "0"}, {"Z", 36, "35"},    {"10", 36, "36"},      {"ff", 1, ""},
+        {"ff", 37, ""},     {"ff", 0, ""},        {"7", 8, "7"},
+        // No digit is checked against the base: "9" in base 2 still counts 9.
+        {"9", 2, "9"},
+        // A stranger to the alphabet counts -1 times its power.
+        {"-", 16, "-1"},    {"1-", 16, "15"},     {" 1", 16, "-15"},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(ConvertBaseNToDec(r.digits, r.base), r.expected) << r.digits << " base " << r.base;
+    }
+}
+
+TEST(ConvertBaseNToDec, RaisesWithItsOwnNameAsSource) {
+    try {
+        ConvertBaseNToDec("", 16);
+        FAIL() << "an empty text has no character to read";
+    } catch (const KsxError& e) {
+        EXPECT_EQ(e.source(), "ConvertBaseNToDec");
+        EXPECT_EQ(e.number(), KsxError::kInvalidProcedureCall);
+    }
+    // A hostile 1 MB digit text overflows instead of producing a number.
+    try {
+        ConvertBaseNToDec(std::string(1 << 20, 'F'), 16);
+        FAIL() << "expected an overflow";
+    } catch (const KsxError& e) {
+        EXPECT_EQ(e.source(), "ConvertBaseNToDec");
+        EXPECT_EQ(e.number(), KsxError::kOverflow);
+    }
+}
+
+TEST(ConvertDecToBaseN, WritesDigitTexts) {
+    struct Row {
+        double value;
+        int base;
+        const char* expected;
+    };
+    const Row rows[] = {
+        {255, 16, "FF"}, {0, 16, "0"},   {0, 2, "0"},     {12, 2, "1100"}, {35, 36, "Z"},
+        {11, 16, "B"},   {1, 2, "1"},    {255, 40, ""},   {255, 1, ""},    {65535, 16, "FFFF"},
+        {0x10B, 16, "10B"},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(ConvertDecToBaseN(r.value, r.base), r.expected) << r.value << " base " << r.base;
+    }
+}
+
+TEST(ConvertDecToBaseN, RaisesOnValuesItCannotWrite) {
+    for (double bad : {-5.0, 1e12, std::nan(""), double(INFINITY)}) {
+        try {
+            ConvertDecToBaseN(bad, 16);
+            FAIL() << bad;
+        } catch (const KsxError& e) {
+            EXPECT_EQ(e.source(), "ConvertDecToBaseN") << bad;
+        }
+    }
+}
+
+TEST(Pause, WaitsOnTheClockAndRestartsAtMidnight) {
+    sim::VirtualClock clock(10 * 3600.0);
+    Pause(clock, 0.5);
+    EXPECT_NEAR(clock.elapsed(), 0.5, 1e-9);
+
+    // Begun 0.2 s before midnight: the time left to midnight plus the whole duration.
+    sim::VirtualClock late(86400.0 - 0.2);
+    Pause(late, 0.5);
+    EXPECT_NEAR(late.elapsed(), 0.7, 1e-6);
+
+    sim::VirtualClock zero;
+    Pause(zero, 0);
+    EXPECT_EQ(zero.elapsed(), 0);
+}
+
+TEST(NumberText, WritesTheShortestPlainDecimal) {
+    struct Row {
+        double value;
+        const char* expected;
+    };
+    const Row rows[] = {
+        {0, "0"},          {-0.0, "0"},          {2.5, "2.5"},     {10, "10"},
+        {0.1 + 0.2, "0.3"}, {12.5, "12.5"},      {-5, "-5"},       {1234.5, "1234.5"},
+        {7.5, "7.5"},      {1.0 / 3, "0.333333333333333"},        {123456789012345.0, "123456789012345"},
+        {1e15, "1E+15"},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(numberText(r.value), r.expected) << r.value;
+    }
+    EXPECT_EQ(singleText(142.5f), "142.5");
+    EXPECT_EQ(singleText(0.1f + 0.2f), "0.3");
+    EXPECT_EQ(singleText(0.0f), "0");
+    EXPECT_EQ(singleText(1234567.8f), "1234568");
+}
+
+TEST(CurrencyText, DollarsWithTwoDecimalsAndThousands) {
+    EXPECT_EQ(currencyText(0), "$0.00");
+    EXPECT_EQ(currencyText(1234.5), "$1,234.50");
+    EXPECT_EQ(currencyText(12.5), "$12.50");
+    EXPECT_EQ(currencyText(0.005), "$0.01");
+    EXPECT_EQ(currencyText(1234567.891), "$1,234,567.89");
+    EXPECT_EQ(currencyText(-5), "-$5.00");
+    EXPECT_EQ(currencyText(std::nan("")), "$0.00");
+}
+
+TEST(LeadingNumber, TakesTheLeadingNumberAndNeverInventsAnAmount) {
+    struct Row {
+        std::string text;
+        double expected;
+    };
+    const Row rows[] = {
+        {"12.5", 12.5}, {"  7", 7},    {"3abc", 3},      {"abc", 0},     {"", 0},
+        {"-5", -5},     {"-3", -3},    {"0", 0},         {"1e3", 1000},  {"1e309", 0},
+        {"NaN", 0},     {"inf", 0},    {"Infinity", 0},  {".5", 0.5},    {"5.", 5},
+        {"+4", 4},      {"1,000", 1},  {"1e", 1},        {"0x10", 0},    {"--5", 0},
+        {std::string(1 << 20, '9'), 0},  // a 1 MB number is no amount
+        {std::string(1 << 20, 'x'), 0},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(leadingNumber(r.text), r.expected) << r.text.substr(0, 20);
+    }
+}
+
+TEST(StrictConversion, RefusesEmptyAndJunk) {
+    EXPECT_EQ(strictNumber(" 12.5 "), 12.5);
+    EXPECT_EQ(strictInt("1"), 1);
+    EXPECT_EQ(strictInt("0"), 0);
+    for (const char* junk : {"", "x", "1x", "1e309", "NaN", " "}) {
+        EXPECT_THROW(strictNumber(junk), KsxError) << junk;
+    }
+    EXPECT_THROW(strictInt("40000"), KsxError);
+}
+
+}  // namespace
+}  // namespace kestrix

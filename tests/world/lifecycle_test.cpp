@@ -1,0 +1,281 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "engine/settings/layout.h"
+#include "engine/setup.h"
+#include "sim/world/fakes.h"
+#include "sim/world/memory_store.h"
+#include "sim/world/virtual_serial_port.h"
+#include "sim/world/virtual_time.h"
+
+namespace kestrix {
+namespace {
+
+// A pin pad library that records that it was used and otherwise says nothing.
+class QuietLibrary : public PaymentLibrary {
+public:
+    int calls = 0;
+    PinPadIdentity identify() override { return ++calls, PinPadIdentity{}; }
+    void setNumericParameter(const std::string&) override { ++calls; }
+    void setCurrency(const std::string&) override { ++calls; }
+    void setAmount(const std::string&) override { ++calls; }
+    std::string readCard() override { return ++calls, std::string(); }
+    PinPadErrorDetails errorDetails() override { return ++calls, PinPadErrorDetails{}; }
+    std::string cardNumber() override { return ++calls, std::string(); }
+    std::string cardHolder() override { return ++calls, std::string(); }
+    void setTextParameter(const std::string&) override { ++calls; }
+    std::string prepareOperation(const std::string&) override { return ++calls, std::string(); }
+    std::string runSale(const SaleRequest&) override { return ++calls, std::string(); }
+    std::string result() override { return ++calls, std::string(); }
+    void closeOperation() override { ++calls; }
+    void cancelOperation() override { ++calls; }
+    std::string displayMessage() override { return ++calls, std::string(); }
+    std::string operationNumber() override { return ++calls, std::string(); }
+    std::string responseCode() override { return ++calls, std::string(); }
+    std::string declineCause() override { return ++calls, std::string(); }
+    std::string errorText() override { return ++calls, std::string(); }
+    std::string errorCode() override { return ++calls, std::string(); }
+};
+
+// The engine with no devices attached: enough for the load, Save, Exit and the monitor's
+// request handling when every device is disabled.
+struct BareEngine {
+    sim::VirtualClock clock;
+    sim::VirtualScheduler scheduler{clock};
+    sim::MemoryStore store;
+    sim::RecordingMessageBox messages;
+    sim::RecordingPrinter printer{{"Front Printer", "Voucher Printer"}};
+    sim::FixedNetworkInfo network;
+    sim::FixedInstance instance;
+    QuietLibrary library;
+    sim::VirtualSerialPort mdb{clock, "MSComm1"};
+    sim::VirtualSerialPort dispenser{clock, "MSComm2"};
+    sim::VirtualSerialPort hoppers{clock, "MSComm3"};
+    std::unique_ptr<Setup> engine;
+
+    BareEngine() {
+        clock.setDeadline(3600);
+        engine = std::make_unique<Setup>(Platform{clock, scheduler, store, messages, printer,
+                                                  network, instance, library, mdb, dispenser,
+                                                  hoppers});
+    }
+    std::string get(std::string_view section, std::string_view key) {
+        return store.get(store::kApp, section, key, "<missing>");
+    }
+    void set(std::string_view section, std::string_view key, std::string_view value) {
+        store.set(store::kApp, section, key, value);
+    }
+    std::string mailbox(std::string_view key) { return get(store::section::kStatus, key); }
+    Console& console() { return engine->console(); }
+};
+
+TEST(Load, AnEmptyStoreGetsTheDefaultSetAndAResetMailbox) {
+    BareEngine e;
+    e.set(store::section::kStatus, "Due", "12.5");  // left over from before the start
+    ASSERT_TRUE(e.engine->startUp());
+
+    for (const store::MailboxValue& v : store::mailboxReset()) {
+        EXPECT_EQ(e.mailbox(v.key), v.value) << v.key;
+    }
+    for (const store::DeviceSetting& s : store::deviceSettings()) {
+        EXPECT_EQ(e.get(s.section, s.key), s.defaultValue) << s.key;
+    }
+    Console& c = e.console();
+    EXPECT_EQ(c.text("comPorts"), "0");
+    EXPECT_EQ(c.text("bDispType"), "50");
+    EXPECT_EQ(c.text("h1CoinValue"), "1");
+    EXPECT_EQ(c.text("ccUser"), "N/A");
+    EXPECT_EQ(c.text("ccURL"), "N/A");
+    EXPECT_EQ(c.text("ccPrinters"), "Default Printer...");
+    EXPECT_FALSE(c.checked("CoinAcceptorEnabled"));
+    EXPECT_FALSE(c.enabled("bdDispenseBills"));
+    EXPECT_FALSE(c.enabled("hDispenseCoins"));
+    EXPECT_TRUE(e.engine->state().loaded);
+    EXPECT_TRUE(e.engine->monitorTimer().enabled());
+    EXPECT_EQ(e.library.calls, 0) << "the pin pad is disabled";
+    EXPECT_TRUE(e.messages.shown().empty());
+}
+
+TEST(Load, OneJunkFlagRewritesTheWholeDefaultSetAndRetriesTheRead) {
+    BareEngine e;
+    e.set("Settings", "COM", "4");
+    e.set("CoinAcceptor", "CAE", "1");
+    e.set("CoinAcceptor", "ChangeEnabled", "1");
+    for (int n = 1; n <= 16; ++n) {
+        e.set("CoinAcceptor", "CoinType" + std::to_string(n) + "_Enabled", "1");
+        e.set("BillValidator", "BillType" + std::to_string(n) + "_Enabled", "0");
+        e.set("BillValidator", "BillType" + std::to_string(n) + "_Value", "20");
+    }
+    e.set("CoinAcceptor", "CoinType3_Enabled", "x");
+    e.set("BillValidator", "BVE", "0");
+    e.set("BillDispenser", "BDE", "0");
+    e.set("BillDispenser", "BillDispTypeValue", "100");
+    e.set("Hoppers", "HE", "0");
+    e.set("Hoppers", "h1CoinValue", "5");
+    e.set("Hoppers", "h2CoinValue", "10");
+    e.set("Pin Pad", "PPE", "0");
+    e.set("Pin Pad", "URL", "");
+    e.set("Pin Pad", "Printer", "Voucher Printer");
+    e.store.clearWrites();
+    ASSERT_TRUE(e.engine->startUp());
+
+    // Every operator setting went back to its default, including the ones that were fine.
+    for (const store::DeviceSetting& s : store::deviceSettings()) {
+        EXPECT_EQ(e.get(s.section, s.key), s.defaultValue) << s.key;
+    }
+    // Reads made before the junk flag keep what they read; the failed read and those after it
+    // see the defaults.
+    Console& c = e.console();
+    EXPECT_EQ(c.text("comPorts"), "4");
+    EXPECT_TRUE(c.checked("CoinAcceptorEnabled"));
+    EXPECT_TRUE(c.checked("ct2_Enabled"));
+    EXPECT_FALSE(c.checked("ct3_Enabled"));
+    EXPECT_EQ(c.text("bt1_Value"), "0");
+    EXPECT_EQ(c.text("h2CoinValue"), "1");
+    EXPECT_EQ(c.text("ccURL"), "N/A");
+    // The default set is written once, in its own order: the dispenser's port with the dispenser.
+    std::vector<std::string> defaults;
+    for (const std::string& w : e.store.writes()) {
+        if (w.rfind("Settings/", 0) == 0 || w.rfind("BillDispenser/", 0) == 0) {
+            defaults.push_back(w);
+        }
+    }
+    const std::vector<std::string> expected = {"Settings/COM=0", "BillDispenser/BDE=0",
+                                               "Settings/COM1=0", "BillDispenser/BillDispTypeValue=50",
+                                               "Settings/COM2=0"};
+    EXPECT_EQ(defaults, expected);
+}
+
+TEST(Load, PrinterSettingSelectsTheInstalledPrinter) {
+    BareEngine e;
+    ASSERT_TRUE(e.engine->startUp());
+    e.set("Pin Pad", "Printer", "Voucher Printer");
+    BareEngine again;
+    again.store = e.store;
+    ASSERT_TRUE(again.engine->startUp());
+    EXPECT_EQ(again.console().text("ccPrinters"), "Voucher Printer");
+    EXPECT_EQ(again.printer.current(), "Voucher Printer");
+    EXPECT_EQ(again.console().field("ccPrinters").items.size(), 2u);
+}
+
+TEST(StartUp, ASecondInstanceIsRefusedAndTouchesNothing) {
+    BareEngine e;
+    e.instance.setAnotherRunning(true);
+    e.set("Status", "Due", "7");
+    EXPECT_FALSE(e.engine->startUp());
+    ASSERT_EQ(e.messages.shown().size(), 1u);
+    EXPECT_EQ(e.messages.shown()[0].text, "Another version of this program is already running");
+    EXPECT_EQ(e.messages.shown()[0].title, "Unable to start");
+    EXPECT_EQ(e.mailbox("Due"), "7");
+}
+
+TEST(Save, WritesEverySettingInOrderWithoutReinitialising) {
+    BareEngine e;
+    ASSERT_TRUE(e.engine->startUp());
+    e.engine->operatorEdit("ct4_Enabled", "", 1);
+    e.engine->operatorEdit("bt9_value", "500", 0);
+    e.engine->operatorEdit("ccUser", "kiosk7", 0);
+    e.store.clearWrites();
+    const int opens = e.mdb.opens() + e.dispenser.opens() + e.hoppers.opens();
+    e.engine->operatorClick("Save");
+
+    std::vector<std::string> keys;
+    for (const std::string& w : e.store.writes()) {
+        keys.push_back(w.substr(0, w.find('=')));
+    }
+    ASSERT_EQ(keys.size(), store::deviceSettings().size());
+    EXPECT_EQ(keys.front(), "Settings/COM");
+    EXPECT_EQ(keys[3], "CoinAcceptor/CAE");
+    EXPECT_EQ(keys.back(), "Pin Pad/Printer");
+    EXPECT_EQ(e.get("CoinAcceptor", "CoinType4_Enabled"), "1");
+    EXPECT_EQ(e.get("BillValidator", "BillType9_Value"), "500");
+    EXPECT_EQ(e.get("Pin Pad", "User"), "kiosk7");
+    EXPECT_EQ(e.mdb.opens() + e.dispenser.opens() + e.hoppers.opens(), opens);
+}
+
+TEST(Handlers, DeviceBoxesSwitchTheirButtonsAndReinitialiseOnlyOnceLoaded) {
+    BareEngine e;
+    // Before the load nothing re-initialises, but the buttons follow the box.
+    e.engine->operatorEdit("billDispenserEnabled", "", 1);
+    EXPECT_TRUE(e.console().enabled("bdDispenseBills"));
+    e.engine->operatorEdit("hoppersEnabled", "", 1);
+    EXPECT_TRUE(e.console().enabled("hDispenseCoins"));
+    EXPECT_EQ(e.mailbox("KSX_Error"), "<missing>");
+
+    ASSERT_TRUE(e.engine->startUp());
+    e.set("Status", "KSX_Error", "x");
+    e.engine->operatorEdit("comPorts", "5", 0);
+    EXPECT_EQ(e.mailbox("KSX_Error"), "0") << "the port change re-ran the initialisation";
+}
+
+TEST(Exit, WithEveryDeviceDisabledSendsNothingAndMarksThePinPadOffLine) {
+    BareEngine e;
+    ASSERT_TRUE(e.engine->startUp());
+    e.set("Status", "Exit", "1");
+    e.scheduler.runFor(0.6);
+    EXPECT_TRUE(e.engine->ended());
+    EXPECT_TRUE(e.scheduler.quitRequested());
+    EXPECT_EQ(e.get("Pin Pad", "On Line"), "No");
+    EXPECT_EQ(e.mailbox("Exit"), "1") << "Exit is never cleared by the engine";
+    EXPECT_TRUE(e.mdb.written().empty());
+}
+
+TEST(Monitor, RequestsThatAreNotAmountsAreLeftAlone) {
+    for (const char* due : {"0", "", "-3", "abc", "1e309", "NaN"}) {
+        BareEngine e;
+        ASSERT_TRUE(e.engine->startUp());
+        e.set("Status", "Due", due);
+        e.set("Status", "DueCC", due);
+        e.set("Status", "Change", due);
+        e.scheduler.runFor(2);
+        EXPECT_EQ(e.mailbox("Due"), due);
+        EXPECT_EQ(e.mailbox("Change"), due);
+        EXPECT_FALSE(e.engine->clickTimer().enabled()) << due;
+        EXPECT_EQ(e.console().text("due"), "") << due;
+    }
+}
+
+TEST(Monitor, ACancelWithNothingRunningIsDiscarded) {
+    for (const char* cancel : {"1", "2", "0", "anything"}) {
+        BareEngine e;
+        ASSERT_TRUE(e.engine->startUp());
+        e.set("Status", "Cancel", cancel);
+        e.scheduler.runFor(0.6);
+        EXPECT_EQ(e.mailbox("Cancel"), "") << cancel;
+        EXPECT_EQ(e.engine->state().cancelKeepsCredit, 0);
+    }
+}
+
+TEST(Monitor, HidesTheConsoleOnlyForAnExactTrailingHideSwitch) {
+    struct Row {
+        const char* commandLine;
+        bool hidden;
+    };
+    for (const Row& r : {Row{"/hide", true}, Row{"--store x /hide", true}, Row{"/HIDE", false},
+                         Row{"/hide ", false}, Row{"", false}}) {
+        BareEngine e;
+        e.instance.setCommandLine(r.commandLine);
+        ASSERT_TRUE(e.engine->startUp());
+        e.scheduler.runFor(0.4);
+        EXPECT_TRUE(e.console().field("Setup").visible) << "hidden before the first tick";
+        e.scheduler.runFor(0.2);
+        EXPECT_EQ(!e.console().field("Setup").visible, r.hidden) << r.commandLine;
+    }
+}
+
+TEST(Monitor, AStoreThatFailsSkipsOnlyTheFailingStatements) {
+    BareEngine e;
+    ASSERT_TRUE(e.engine->startUp());
+    e.store.setBroken(true);
+    EXPECT_NO_THROW(e.scheduler.runFor(5));
+    EXPECT_FALSE(e.engine->ended());
+    e.store.setBroken(false);
+    e.set("Status", "Exit", "yes");
+    e.scheduler.runFor(0.6);
+    EXPECT_TRUE(e.engine->ended());
+}
+
+}  // namespace
+}  // namespace kestrix
