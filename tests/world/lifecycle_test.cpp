@@ -101,6 +101,8 @@ TEST(Load, AnEmptyStoreGetsTheDefaultSetAndAResetMailbox) {
 TEST(Load, OneJunkFlagRewritesTheWholeDefaultSetAndRetriesTheRead) {
     BareEngine e;
     e.set("Settings", "COM", "4");
+    e.set("Settings", "COM1", "2");
+    e.set("Settings", "COM2", "3");
     e.set("CoinAcceptor", "CAE", "1");
     e.set("CoinAcceptor", "ChangeEnabled", "1");
     for (int n = 1; n <= 16; ++n) {
