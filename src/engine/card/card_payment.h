@@ -1,24 +1,64 @@
 #pragma once
 
+#include <exception>
+#include <functional>
+#include <string>
+
+#include "engine/platform/clock.h"
+#include "engine/platform/payment_library.h"
+#include "engine/platform/printer.h"
+
 namespace kestrix {
 
+class Console;
 class Setup;
 
-// Card payment through the payment library, vouchers and the pin pad test. Placeholder until
-// the card payment lands.
+// Card payment through the payment library, its vouchers and the pin pad test. The library
+// blocks in the card read and the sale while it pumps the engine's event loop, so the watch
+// (`ccTimer`), the monitor and the operator's clicks run inside those calls; the flags below
+// keep such a nested click from starting a second use of the library.
 class CardPayment {
 public:
     explicit CardPayment(Setup& setup) : m_setup(setup) {}
     // Equipment initialisation's pin pad query: fills the pin pad fields and "On Line".
     void queryPinPad() {}
-    void enablePaymentCC_Click() {}
-    void clickTimer_Timer() {}
-    void ccTimer_Timer() {}
-    void ccReadCard_Click() {}
-    void ccPrinters_Click() {}
+    void enablePaymentCC_Click();
+    void clickTimer_Timer();
+    void ccTimer_Timer();
+    void ccReadCard_Click();
+    void ccPrinters_Click();
+
+    // The amount of the payment in progress (0 when none).
+    double dueAmount() const { return m_dueAmount; }
+    bool saleInProgress() const { return m_inSale; }
+    bool testReadInProgress() const { return m_inTestRead; }
+
+    // The six displays the start of a payment clears, by index 1..6.
+    static constexpr int kPinPadDisplays = 6;
+    static std::string pinPadDisplay(int index);
+    // What `ccPantallaPP` shows when the pin pad cannot read a card.
+    static std::string pinPadErrorMessage(const PinPadErrorDetails& details);
+    // The transaction reference: the adapter's address without its "-", "_", yymmdd, hhmmss.
+    static std::string buildReference(const std::string& adapterAddress, const LocalDateTime& now);
 
 private:
-    [[maybe_unused]] Setup& m_setup;
+    void paymentClick();
+    void runSale();
+    void commonEnd();
+    void testRead();
+    void showStatus(std::string text);
+    void printVoucher(const std::function<void(Printer&)>& print);
+    void reportError(const std::exception& error);
+    PaymentLibrary& library();
+    Console& console();
+
+    Setup& m_setup;
+    double m_dueAmount = 0;
+    double m_credit = 0;
+    std::string m_reference;
+    bool m_inSale = false;      // the library is running this payment's read or sale
+    bool m_inTestRead = false;  // the library is running the operator's test read
+    bool m_watchErrorReported = false;
 };
 
 }  // namespace kestrix

@@ -1,0 +1,360 @@
+#include "card_payment.h"
+
+#include <cstdio>
+
+#include "engine/errors.h"
+#include "engine/formulas.h"
+#include "engine/settings/layout.h"
+#include "engine/setup.h"
+#include "voucher.h"
+
+namespace kestrix {
+
+namespace {
+
+constexpr std::string_view kCardCaption = "Credit Card";
+constexpr std::string_view kCancelCaption = "Cancel Payment...";
+constexpr std::string_view kReadCaption = "Read Card";
+constexpr std::string_view kReadCancelCaption = "Cancel";
+constexpr std::string_view kNotAvailable = "N/A";
+
+// What the library is told about the sale. The numeric parameter and the operation code are the
+// values the pin pad's acquirer configured for unattended sales; their meaning stays inside the
+// library.
+constexpr std::string_view kNumericParameter = "50";
+constexpr std::string_view kCurrency = "MXN";
+constexpr std::string_view kOperationCode = "11";
+constexpr std::string_view kTestAmount = "0.01";
+
+constexpr std::string_view kApproved = "approved";
+constexpr std::string_view kDenied = "denied";
+constexpr std::string_view kError = "error";
+
+// Sets a flag for the life of a scope, so an error escaping a library call cannot leave it set.
+class FlagScope {
+public:
+    explicit FlagScope(bool& flag) : m_flag(flag) { m_flag = true; }
+    ~FlagScope() { m_flag = false; }
+    FlagScope(const FlagScope&) = delete;
+    FlagScope& operator=(const FlagScope&) = delete;
+
+private:
+    bool& m_flag;
+};
+
+std::string twoDigits(int value) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%02d", value % 100);
+    return text;
+}
+
+}  // namespace
+
+std::string CardPayment::pinPadDisplay(int index) {
+    // The displays a card payment fills as it goes, cleared at its start so that nothing of the
+    // previous payment (a stale "Credit Card Approved" above all) is read as this one's.
+    static const char* const kDisplays[] = {"ccNumTarjeta", "ccTarjetahabiente", "ccPantallaPP",
+                                            "dueDisplay",   "creditDisplay",     "statusDisplay"};
+    if (index < 1 || index > kPinPadDisplays) {
+        throw KsxError(KsxError::kInvalidProcedureCall, "Invalid procedure call or argument");
+    }
+    return kDisplays[index - 1];
+}
+
+std::string CardPayment::pinPadErrorMessage(const PinPadErrorDetails& details) {
+    return details.error + " DescError = " + details.description + " CodError =  " + details.code +
+           "\n";
+}
+
+std::string CardPayment::buildReference(const std::string& adapterAddress,
+                                        const LocalDateTime& now) {
+    std::string reference;
+    for (char ch : adapterAddress) {
+        if (ch != '-') {
+            reference += ch;
+        }
+    }
+    reference += '_';
+    reference += twoDigits(now.year) + twoDigits(now.month) + twoDigits(now.day);
+    reference += twoDigits(now.hour) + twoDigits(now.minute) + twoDigits(now.second);
+    return reference;
+}
+
+PaymentLibrary& CardPayment::library() {
+    return m_setup.platform().paymentLibrary;
+}
+
+Console& CardPayment::console() {
+    return m_setup.console();
+}
+
+void CardPayment::showStatus(std::string text) {
+    console().setText("statusDisplay", std::move(text));
+    m_setup.writeMailbox(store::mailbox::kStatus, console().text("statusDisplay"));
+}
+
+void CardPayment::reportError(const std::exception& error) {
+    // The console's ordinary report of an error nobody trapped: the error's number and text in a
+    // message box, after which the console goes on with whatever state it was left in.
+    std::string text;
+    if (const auto* ksx = dynamic_cast<const KsxError*>(&error)) {
+        text = "Run-time error '" + std::to_string(ksx->number()) + "':\n\n" + ksx->what();
+    } else {
+        text = error.what();
+    }
+    m_setup.platform().messageBox.show(text, console().text("Setup"));
+}
+
+// --- Card payment -------------------------------------------------------------------------------
+
+void CardPayment::enablePaymentCC_Click() {
+    try {
+        paymentClick();
+    } catch (const std::exception& e) {
+        // The payment's state is left as the failing call found it: the caption still reads
+        // "Cancel Payment...", so the next click (operator or host) runs the cancel path and
+        // the common end.
+        reportError(e);
+    }
+}
+
+void CardPayment::paymentClick() {
+    Console& c = console();
+    if (m_inSale) {
+        // A click while the library runs this payment (it pumps messages while it waits) is the
+        // cancel: the library is asked to stop, and the payment then ends once, through its own
+        // result handling and common end.
+        if (c.text("enablePaymentCC") == kCancelCaption) {
+            library().cancelOperation();
+        }
+        return;
+    }
+    if (m_inTestRead) {
+        // The operator's pin pad test holds the library; a payment cannot share it.
+        return;
+    }
+
+    c.setEnabled("enablePayment", false);
+    c.setEnabled("enablePaymentCC", false);
+    const double amount = leadingNumber(c.text("due"));
+    if (!(amount > 0 && m_dueAmount == 0)) {
+        // Nothing to charge, or a payment that an error left half done: cancel what the library
+        // may still hold.
+        if (c.text("enablePaymentCC") == kCancelCaption) {
+            library().cancelOperation();
+        }
+        commonEnd();
+        return;
+    }
+    if (!(c.checked("pinPadEnabled") && c.text("enablePaymentCC") == kCardCaption)) {
+        commonEnd();
+        return;
+    }
+
+    for (int i = 1; i <= kPinPadDisplays; ++i) {
+        c.setText(pinPadDisplay(i), "");
+    }
+    m_setup.ccTimer().setEnabled(true);
+    m_dueAmount = leadingNumber(c.text("due"));
+    m_credit = 0;
+
+    m_reference = m_setup.mailbox(store::mailbox::kReferenceCC);
+    if (m_reference.empty()) {
+        m_reference = buildReference(m_setup.platform().network.firstAdapterAddress(),
+                                     m_setup.platform().clock.now());
+        m_setup.writeMailbox(store::mailbox::kReferenceCC, m_reference);
+    }
+
+    c.setText("dueDisplay", "Amount Due: " + currencyText(m_dueAmount));
+    m_setup.writeMailbox(store::mailbox::kDueCC, numberText(m_dueAmount));
+    m_setup.writeMailbox(store::mailbox::kCredit, numberText(m_credit));
+    m_setup.writeMailbox(store::mailbox::kStatus, c.text("statusDisplay"));
+    c.setText("creditDisplay", "$0.00");
+
+    c.setText("enablePaymentCC", std::string(kCancelCaption));
+    c.setEnabled("enablePaymentCC", true);
+
+    {
+        FlagScope inSale(m_inSale);
+        runSale();
+    }
+    commonEnd();
+}
+
+void CardPayment::runSale() {
+    Console& c = console();
+    PaymentLibrary& lib = library();
+
+    lib.setNumericParameter(std::string(kNumericParameter));
+    lib.setCurrency(std::string(kCurrency));
+    lib.setAmount(numberText(m_dueAmount));
+    c.setText("ccNumTarjeta", std::string(kNotAvailable));
+    c.setText("ccTarjetahabiente", std::string(kNotAvailable));
+    c.setText("ccPantallaPP", std::string(kNotAvailable));
+
+    const std::string readError = lib.readCard();
+    if (!readError.empty()) {
+        const PinPadErrorDetails details = lib.errorDetails();
+        c.setText("ccPantallaPP", pinPadErrorMessage(details));
+        showStatus("Pin Pad Error");
+        m_setup.writeMailbox(store::mailbox::kReferenceCC, "");
+        printVoucher(
+            [&](Printer& p) { voucher::printPinPadError(p, details.description, details.code); });
+        m_setup.ccTimer().setEnabled(false);
+        // The read reached the library: its operation is closed like any other.
+        lib.closeOperation();
+        return;
+    }
+
+    c.setText("ccNumTarjeta", lib.cardNumber());
+    c.setText("ccTarjetahabiente", lib.cardHolder());
+    lib.setTextParameter("");
+    SaleRequest sale;
+    sale.user = c.text("ccUser");
+    sale.password = c.text("ccPassword");
+    sale.company = c.text("ccCompany");
+    sale.branch = c.text("ccBranch");
+    sale.country = c.text("ccCountry");
+    sale.operationText = lib.prepareOperation(std::string(kOperationCode));
+    sale.reference = m_reference;
+    sale.operationCode = std::string(kOperationCode);
+    sale.currency = std::string(kCurrency);
+    const std::string voucherText = lib.runSale(sale);
+
+    const std::string result = lib.result();
+    if (result == kApproved) {
+        printVoucher([&](Printer& p) { voucher::printApproved(p, voucherText); });
+        c.setText("statusDisplay", "Credit Card Approved");
+        m_credit = m_dueAmount;
+        c.setText("creditDisplay", currencyText(m_credit));
+        m_setup.writeMailbox(store::mailbox::kCredit, numberText(m_credit));
+        m_setup.writeMailbox(store::mailbox::kStatus, c.text("statusDisplay"));
+    } else if (result == kDenied) {
+        voucher::DeclinedDetails declined;
+        declined.operationNumber = lib.operationNumber();
+        declined.reference = m_reference;
+        declined.responseCode = lib.responseCode();
+        declined.cause = lib.declineCause();
+        printVoucher([&](Printer& p) { voucher::printDeclined(p, declined); });
+        showStatus("Credit Card Denied");
+    } else if (result == kError) {
+        const std::string error = lib.errorText();
+        const std::string code = lib.errorCode();
+        printVoucher([&](Printer& p) { voucher::printCommunicationError(p, error, code); });
+        showStatus("Error: " + error + " Código = " + code);
+    }
+    // Any other text is not a result this engine knows: nothing is shown, printed or credited.
+    m_setup.writeMailbox(store::mailbox::kReferenceCC, "");
+    lib.closeOperation();
+}
+
+void CardPayment::printVoucher(const std::function<void(Printer&)>& print) {
+    // A printer that fails must not cost the host the payment's outcome: the error is reported
+    // and the result is still shown and written.
+    try {
+        print(m_setup.platform().printer);
+    } catch (const std::exception& e) {
+        reportError(e);
+    }
+}
+
+void CardPayment::commonEnd() {
+    Console& c = console();
+    c.setText("enablePaymentCC", std::string(kCardCaption));
+    // The attempt is over whatever its outcome: the host asks again for another try, so the
+    // request is cleared rather than left for the monitor to start once more.
+    m_dueAmount = 0;
+    c.setText("dueDisplay", "Amount Due: " + currencyText(m_dueAmount));
+    m_setup.writeMailbox(store::mailbox::kDueCC, numberText(m_dueAmount));
+    m_setup.writeMailbox(store::mailbox::kReferenceCC, "");
+    c.setEnabled("enablePayment", true);
+    c.setEnabled("enablePaymentCC", true);
+}
+
+void CardPayment::clickTimer_Timer() {
+    if (m_inTestRead) {
+        // The host's request waits (timer left on) until the operator's pin pad test is over.
+        return;
+    }
+    if (!m_inSale) {
+        m_setup.enablePaymentCC_Click();
+    }
+    // During a sale the monitor sees the payment's own "DueCC" and enables this timer again;
+    // that is not a new request (and must not be taken for a cancel).
+    m_setup.clickTimer().setEnabled(false);
+}
+
+void CardPayment::ccTimer_Timer() {
+    Console& c = console();
+    try {
+        c.setText("ccPantallaPP", library().displayMessage());
+        if (c.text("enablePaymentCC") == kCancelCaption) {
+            showStatus(c.text("ccPantallaPP"));
+        }
+        m_watchErrorReported = false;
+    } catch (const std::exception& e) {
+        // Told once, not five times a second, until the library answers again.
+        if (!m_watchErrorReported) {
+            m_watchErrorReported = true;
+            reportError(e);
+        }
+    }
+}
+
+// --- Pin pad test
+// ---------------------------------------------------------------------------------
+
+void CardPayment::ccReadCard_Click() {
+    try {
+        testRead();
+    } catch (const std::exception& e) {
+        reportError(e);
+    }
+}
+
+void CardPayment::testRead() {
+    if (m_inSale) {
+        // The test would change the amount of the sale the library is running.
+        return;
+    }
+    Console& c = console();
+    PaymentLibrary& lib = library();
+    m_setup.ccTimer().setEnabled(true);
+    if (c.text("ccReadCard") != kReadCaption) {
+        lib.cancelOperation();
+        c.setText("ccReadCard", std::string(kReadCaption));
+        return;
+    }
+    if (m_inTestRead) {
+        // The cancelled read has not come back from the library yet.
+        return;
+    }
+    c.setText("ccReadCard", std::string(kReadCancelCaption));
+    FlagScope inTest(m_inTestRead);
+    lib.setCurrency(std::string(kCurrency));
+    c.setText("ccNumTarjeta", std::string(kNotAvailable));
+    c.setText("ccTarjetahabiente", std::string(kNotAvailable));
+    c.setText("ccPantallaPP", std::string(kNotAvailable));
+    lib.setAmount(std::string(kTestAmount));
+    const std::string readError = lib.readCard();
+    if (!readError.empty()) {
+        c.setText("ccPantallaPP", pinPadErrorMessage(lib.errorDetails()));
+        m_setup.ccTimer().setEnabled(false);
+    } else {
+        c.setText("ccNumTarjeta", lib.cardNumber());
+        c.setText("ccTarjetahabiente", lib.cardHolder());
+    }
+    c.setText("ccReadCard", std::string(kReadCaption));
+}
+
+// --- Voucher printer ----------------------------------------------------------------------------
+
+void CardPayment::ccPrinters_Click() {
+    try {
+        m_setup.platform().printer.select(console().text("ccPrinters"));
+    } catch (const std::exception& e) {
+        reportError(e);
+    }
+}
+
+}  // namespace kestrix
