@@ -1,0 +1,67 @@
+#pragma once
+
+#include <QObject>
+#include <QThread>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "engine/console.h"
+
+namespace kestrix {
+class Setup;
+class MessageBox;
+}  // namespace kestrix
+
+namespace kestrix::qt {
+
+struct EngineOptions {
+    std::string storePath;    // resolved path of the SQLite store
+    std::string commandLine;  // the process's arguments after the program name
+    // Where the simulated kiosk's links are ("Ports" 1, 2, 3 are pointed at them); empty for a
+    // real kiosk.
+    std::string simulatorDir;
+};
+
+// Runs the engine (the Setup object, its timers and every device adapter) on its own thread with
+// its own event loop. Everything engine-side is created, used and destroyed on that thread; the
+// rest of the process talks to it only through post() and the signals below.
+class EngineHost : public QObject {
+    Q_OBJECT
+
+public:
+    // `messageBox` must be safe to call from the engine thread and must not block it.
+    EngineHost(EngineOptions options, std::shared_ptr<MessageBox> messageBox);
+    ~EngineHost() override;
+
+    void start();
+    // Queues `action` on the engine thread, after what is already queued. Safe from any thread;
+    // dropped once the engine has ended.
+    void post(std::function<void(Setup&)> action);
+    // Blocks until the engine thread has finished; the engine's exit code.
+    int wait();
+    bool running() const;
+
+signals:
+    // Emitted on the engine thread; connect with a queued connection.
+    void fieldChanged(const kestrix::Field& field);
+    void indicatorFlashed(kestrix::Indicator which);
+    // The engine has loaded (true) or refused to start because another instance runs (false).
+    void startedUp(bool ok);
+    void ended(int exitCode);
+
+private:
+    void run();
+
+    EngineOptions m_options;
+    std::shared_ptr<MessageBox> m_messageBox;
+    std::unique_ptr<QThread> m_thread;
+    struct Shared;
+    std::shared_ptr<Shared> m_shared;
+    int m_exitCode = 0;
+};
+
+}  // namespace kestrix::qt
+
+Q_DECLARE_METATYPE(kestrix::Field)
+Q_DECLARE_METATYPE(kestrix::Indicator)
