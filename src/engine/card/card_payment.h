@@ -21,7 +21,7 @@ class CardPayment {
 public:
     explicit CardPayment(Setup& setup) : m_setup(setup) {}
     // Equipment initialisation's pin pad query: fills the pin pad fields and "On Line".
-    void queryPinPad() {}
+    void queryPinPad();
     void enablePaymentCC_Click();
     void clickTimer_Timer();
     void ccTimer_Timer();

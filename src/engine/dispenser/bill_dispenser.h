@@ -1,21 +1,122 @@
 #pragma once
 
+#include <optional>
+#include <string>
+#include <string_view>
+
 namespace kestrix {
 
 class Setup;
 
-// The single-cassette bill dispenser on MSComm2. Placeholder until the dispenser lands.
+// The single-cassette bill dispenser on MSComm2 ("9600,e,8,1").
+//
+// Every request is a fixed byte string (DLE ENQ, DLE STX, length, data ending in 1C, DLE ETX and
+// two fixed check bytes); the engine never builds a frame. After a request it waits, sends DLE ACK
+// twice, reads the receive buffer once and picks fields out of the reply's hexadecimal rendering
+// at fixed character positions.
+namespace bd {
+
+// The set-up request of a bill type: header, then (0.2 s later) body. No set-up for other types.
+struct SetupFrame {
+    std::string header;
+    std::string body;
+};
+std::optional<SetupFrame> setupFrame(int billType);
+
+// Dispense one bill: header, 0.2 s, then the three body parts back to back.
+struct DispenseFrame {
+    std::string header;
+    std::string body[3];
+};
+const DispenseFrame& dispenseFrame();
+
+// The status request, in one write.
+const std::string& statusFrame();
+
+// DLE ACK.
+const std::string& ackFrame();
+
+// The reply as the dispenser routines see it: each byte's upper-case hexadecimal digits without a
+// leading zero, passed through the numeric display pattern "00". A numeral ("5") gains its zero
+// ("05"); a one-letter text (bytes 0A to 0F) is not a number and stays one character, which
+// shifts every later field one position to the left. The dispenser's field positions were fixed
+// against this rendering, so it is kept.
+std::string renderReply(std::string_view bytes);
+
+// Characters `length` from 1-based position `position`; shorter (or empty) near the end.
+std::string field(std::string_view reply, std::size_t position, std::size_t length);
+
+// The fields of a set-up or status answer.
+struct Decoded {
+    bool error = false;
+    bool low = false;
+    std::string version;
+    std::string maxLen = "0";
+    std::string minLen = "0";
+    int thickness = 0;
+};
+enum class Answer { Setup, Status };
+Decoded decode(std::string_view reply, Answer answer);
+
+// The outcome of one dispense answer. `error` is empty when the answer has neither known prefix:
+// the earlier error state stands.
+struct DispenseOutcome {
+    std::optional<bool> error;
+    int count = 0;
+};
+DispenseOutcome decodeDispense(std::string_view reply);
+
+// A dispense answer is asked for until it has at least this many characters.
+inline constexpr std::size_t kDispenseAnswerMinChars = 13;
+
+}  // namespace bd
+
 class BillDispenser {
 public:
+    static constexpr std::string_view kLineSettings = "9600,e,8,1";
+
     explicit BillDispenser(Setup& setup) : m_setup(setup) {}
-    void initBillDispenser(int& bType) { (void)bType; }
-    void statusBillDispenser() {}
-    void dispenseBD() {}
-    void bdDispenseBills_Click() {}
-    void bdDispenserRefill_Click() {}
+
+    // Sets the dispenser up for the bill type (20, 50, 100, 200, 500 or 1000; any other type gets
+    // no set-up) and reads its version, sizes and cassette state into the console. Writes nothing
+    // to the store. Port errors are thrown to the caller's trap.
+    void initBillDispenser(int& bType);
+    // Reads the dispenser's state into the console and writes the three mailbox keys.
+    void statusBillDispenser();
+    // Delivers at most one bill; waits for an answer without limit.
+    void dispenseBD();
+    // Pays the number of bills in `bdQtyBills`, stopping at the first error.
+    void bdDispenseBills_Click();
+    // Runs the status read with the test buttons held off.
+    void bdDispenserRefill_Click();
+
+    // Console-level state.
+    const std::string& bdReply() const { return m_bdReply; }
+    bool bdError() const { return m_bdError; }
+    bool bdLow() const { return m_bdLow; }
+    const std::string& bdMaxLen() const { return m_bdMaxLen; }
+    const std::string& bdMinLen() const { return m_bdMinLen; }
+    int bdThicknessValue() const { return m_bdThicknessValue; }
+    const std::string& bdVersion() const { return m_bdVersion; }
+    int bdLastCount() const { return m_bdLastCount; }
 
 private:
-    [[maybe_unused]] Setup& m_setup;
+    void sendAckTwice();
+    void readReply();
+    void apply(const bd::Decoded& d);
+    void show();
+    void writeMailbox();
+    void switchButtons(bool enabled);
+
+    Setup& m_setup;
+    std::string m_bdReply;
+    bool m_bdError = false;
+    bool m_bdLow = false;
+    std::string m_bdMaxLen = "0";
+    std::string m_bdMinLen = "0";
+    int m_bdThicknessValue = 0;
+    std::string m_bdVersion;
+    int m_bdLastCount = 0;
 };
 
 }  // namespace kestrix
