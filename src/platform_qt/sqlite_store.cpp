@@ -1,0 +1,200 @@
+#include "sqlite_store.h"
+
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <initializer_list>
+#include <system_error>
+
+namespace kestrix::qt {
+
+namespace {
+
+std::string envValue(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? std::string(value) : std::string();
+}
+
+// Binds text by length: values may be long and hold any byte, quotes included.
+int bindText(sqlite3_stmt* stmt, int index, std::string_view text) {
+    return sqlite3_bind_text64(stmt, index, text.empty() ? "" : text.data(), text.size(),
+                               SQLITE_TRANSIENT, SQLITE_UTF8);
+}
+
+std::string columnText(sqlite3_stmt* stmt, int column) {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+    const int bytes = sqlite3_column_bytes(stmt, column);
+    return text != nullptr ? std::string(text, static_cast<std::size_t>(bytes)) : std::string();
+}
+
+// Resets a statement when a query ends, however it ends: a statement left mid-way would hold
+// its read snapshot open and the next read would not be fresh.
+struct Reset {
+    sqlite3_stmt* stmt;
+    ~Reset() {
+        sqlite3_reset(stmt);
+        sqlite3_clear_bindings(stmt);
+    }
+};
+
+}  // namespace
+
+std::string resolveStorePath(const std::string& cliValue) {
+    if (!cliValue.empty()) {
+        return cliValue;
+    }
+    if (std::string env = envValue("KSX_STORE"); !env.empty()) {
+        return env;
+    }
+    std::filesystem::path config;
+    // A relative XDG_CONFIG_HOME is invalid and ignored, as the XDG rules say.
+    if (std::string xdg = envValue("XDG_CONFIG_HOME"); !xdg.empty() && xdg.front() == '/') {
+        config = xdg;
+    } else if (std::string home = envValue("HOME"); !home.empty()) {
+        config = std::filesystem::path(home) / ".config";
+    } else if (std::string appData = envValue("APPDATA"); !appData.empty()) {
+        config = appData;
+    } else {
+        throw StoreError("settings store: no home directory to keep the store in (set KSX_STORE)");
+    }
+    return (config / "kestrix" / "KSX.db").string();
+}
+
+SqliteStore::SqliteStore(std::string path) : m_path(std::move(path)) {
+    if (m_path.empty()) {
+        throw StoreError("settings store: empty path");
+    }
+    const std::filesystem::path dir = std::filesystem::path(m_path).parent_path();
+    if (!dir.empty()) {
+        std::error_code ec;
+        std::filesystem::create_directories(dir, ec);
+        if (ec) {
+            throw StoreError("settings store " + m_path + ": cannot create " + dir.string() + ": " +
+                             ec.message());
+        }
+    }
+    const int rc = sqlite3_open_v2(
+        m_path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+        nullptr);
+    if (rc != SQLITE_OK) {
+        const std::string message = m_db != nullptr ? sqlite3_errmsg(m_db) : sqlite3_errstr(rc);
+        sqlite3_close(m_db);
+        m_db = nullptr;
+        throw StoreError("settings store " + m_path + ": " + message);
+    }
+    try {
+        sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
+        // WAL lets the host read while the engine writes and the other way round. NORMAL
+        // synchronisation is safe against a crash of either program; the mailbox is reset at
+        // every engine start anyway.
+        exec("PRAGMA journal_mode=WAL");
+        exec("PRAGMA synchronous=NORMAL");
+        exec(
+            "CREATE TABLE IF NOT EXISTS settings("
+            "app TEXT NOT NULL COLLATE NOCASE, "
+            "section TEXT NOT NULL COLLATE NOCASE, "
+            "key TEXT NOT NULL COLLATE NOCASE, "
+            "value TEXT NOT NULL, "
+            "PRIMARY KEY(app, section, key))");
+        m_get = prepare("SELECT value FROM settings WHERE app=?1 AND section=?2 AND key=?3");
+        m_set = prepare(
+            "INSERT INTO settings(app, section, key, value) VALUES(?1, ?2, ?3, ?4) "
+            "ON CONFLICT(app, section, key) DO UPDATE SET value=excluded.value");
+        m_listAll =
+            prepare("SELECT section, key, value FROM settings WHERE app=?1 ORDER BY section, key");
+        m_listSection = prepare(
+            "SELECT section, key, value FROM settings WHERE app=?1 AND section=?2 "
+            "ORDER BY section, key");
+    } catch (const std::exception&) {
+        closeAll();
+        throw;
+    }
+}
+
+SqliteStore::~SqliteStore() {
+    closeAll();
+}
+
+void SqliteStore::closeAll() {
+    for (sqlite3_stmt** stmt : {&m_get, &m_set, &m_listAll, &m_listSection}) {
+        sqlite3_finalize(*stmt);
+        *stmt = nullptr;
+    }
+    sqlite3_close(m_db);
+    m_db = nullptr;
+}
+
+void SqliteStore::fail(const std::string& what) const {
+    throw StoreError("settings store " + m_path + ": " + what + ": " + sqlite3_errmsg(m_db));
+}
+
+void SqliteStore::exec(const char* sql) {
+    char* error = nullptr;
+    if (sqlite3_exec(m_db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
+        std::string message = error != nullptr ? error : sqlite3_errmsg(m_db);
+        sqlite3_free(error);
+        throw StoreError("settings store " + m_path + ": " + message);
+    }
+}
+
+sqlite3_stmt* SqliteStore::prepare(const char* sql) {
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v3(m_db, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
+        fail("cannot prepare a query");
+    }
+    return stmt;
+}
+
+std::string SqliteStore::get(std::string_view app, std::string_view section, std::string_view key,
+                             std::string_view defaultValue) {
+    std::lock_guard lock(m_mutex);
+    Reset reset{m_get};
+    if (bindText(m_get, 1, app) != SQLITE_OK || bindText(m_get, 2, section) != SQLITE_OK ||
+        bindText(m_get, 3, key) != SQLITE_OK) {
+        fail("cannot read " + std::string(section) + "/" + std::string(key));
+    }
+    switch (sqlite3_step(m_get)) {
+        case SQLITE_ROW:
+            return columnText(m_get, 0);
+        case SQLITE_DONE:
+            return std::string(defaultValue);
+        default:
+            fail("cannot read " + std::string(section) + "/" + std::string(key));
+    }
+}
+
+void SqliteStore::set(std::string_view app, std::string_view section, std::string_view key,
+                      std::string_view value) {
+    std::lock_guard lock(m_mutex);
+    Reset reset{m_set};
+    if (bindText(m_set, 1, app) != SQLITE_OK || bindText(m_set, 2, section) != SQLITE_OK ||
+        bindText(m_set, 3, key) != SQLITE_OK || bindText(m_set, 4, value) != SQLITE_OK ||
+        sqlite3_step(m_set) != SQLITE_DONE) {
+        fail("cannot write " + std::string(section) + "/" + std::string(key));
+    }
+}
+
+std::vector<SettingsStore::Entry> SqliteStore::list(std::string_view app,
+                                                    std::string_view section) {
+    std::lock_guard lock(m_mutex);
+    sqlite3_stmt* stmt = section.empty() ? m_listAll : m_listSection;
+    Reset reset{stmt};
+    if (bindText(stmt, 1, app) != SQLITE_OK ||
+        (!section.empty() && bindText(stmt, 2, section) != SQLITE_OK)) {
+        fail("cannot list the settings");
+    }
+    std::vector<Entry> entries;
+    for (;;) {
+        const int rc = sqlite3_step(stmt);
+        if (rc == SQLITE_DONE) {
+            return entries;
+        }
+        if (rc != SQLITE_ROW) {
+            fail("cannot list the settings");
+        }
+        entries.push_back({columnText(stmt, 0), columnText(stmt, 1), columnText(stmt, 2)});
+    }
+}
+
+}  // namespace kestrix::qt
