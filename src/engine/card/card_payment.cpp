@@ -269,6 +269,9 @@ void CardPayment::commonEnd() {
     m_setup.writeMailbox(store::mailbox::kReferenceCC, "");
     c.setEnabled("enablePayment", true);
     c.setEnabled("enablePaymentCC", true);
+    // While the sale ran, the monitor saw the payment's own "DueCC" and may have armed the click
+    // timer; with the `due` box still holding the amount, that tick would charge it again.
+    m_setup.clickTimer().setEnabled(false);
 }
 
 void CardPayment::clickTimer_Timer() {
