@@ -1,0 +1,147 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "engine/card/card_payment.h"
+#include "engine/card/voucher.h"
+#include "sim/world/fakes.h"
+
+namespace kestrix {
+namespace {
+
+using Document = sim::RecordingPrinter::Document;
+
+std::vector<std::string> texts(const Document& doc) {
+    std::vector<std::string> out;
+    for (const auto& line : doc) {
+        out.push_back(line.text);
+    }
+    return out;
+}
+
+std::vector<std::string> blanks(int n) {
+    return std::vector<std::string>(static_cast<std::size_t>(n), "");
+}
+
+std::vector<std::string> join(std::initializer_list<std::vector<std::string>> parts) {
+    std::vector<std::string> out;
+    for (const auto& p : parts) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
+}
+
+const std::vector<std::string> kBox = {
+    "**********************************", "**********************************",
+    "***                            ***", "***     CARGO NO PROCESADO     ***",
+    "***                            ***", "**********************************",
+    "**********************************"};
+
+TEST(Voucher, FixedLinesAreThirtyFourCharacters) {
+    for (const std::string& line : kBox) {
+        EXPECT_EQ(line.size(), 34u) << line;
+    }
+    EXPECT_EQ(voucher::kNotProcessedLine, kBox[3]);
+}
+
+TEST(Voucher, MarkersAreRemovedInTheirOrder) {
+    struct Row {
+        std::string in;
+        std::string out;
+    };
+    const std::vector<Row> rows = {
+        // " @b" goes last: what the others leave as " @b..." loses those three characters.
+        {"x @bill", "xill"},
+        {"TOTAL @cnb  @bill", "TOTALill"},
+        // " @br " goes before " @b": a break marker is deleted whole, not as " @b" + "r ".
+        {"A @br B", "AB"},
+        {"A @brB", "ArB"},
+        // Markers are deleted, not rendered, and the blanks around them go too.
+        {" @cnb COMERCIO @cnn ACME @lnn  @b", "COMERCIOACME"},
+        // Occurrences are removed in one pass each; what a removal joins is not looked at again.
+        {"a  @cnb cnb b", "a cnb b"},
+        {"sin marcas", "sin marcas"},
+        {"", ""},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(voucher::withoutMarkers(row.in), row.out) << row.in;
+    }
+}
+
+TEST(Voucher, ApprovedIsTheLibraryTextAsOneStatement) {
+    sim::RecordingPrinter p;
+    // " @br" before a line break is not the break marker (no trailing blank): only " @b" goes.
+    voucher::printApproved(p, "COMERCIO @br\nTOTAL $25.00 @b");
+    ASSERT_EQ(p.documents().size(), 1u);
+    const Document& doc = p.documents()[0];
+    EXPECT_EQ(texts(doc), (std::vector<std::string>{"COMERCIOr\nTOTAL $25.00", "_"}));
+    for (const auto& line : doc) {
+        EXPECT_EQ(line.font, "Courier New");
+        EXPECT_TRUE(line.bold);
+        EXPECT_EQ(line.size, 10);
+    }
+}
+
+TEST(Voucher, DeclinedLayoutAllAtTenPoints) {
+    sim::RecordingPrinter p;
+    voucher::printDeclined(p,
+                           {"000123", "001A2B3C4D5E_250314093015", "05", "FONDOS INSUFICIENTES"});
+    ASSERT_EQ(p.documents().size(), 1u);
+    const Document& doc = p.documents()[0];
+    const auto expected =
+        join({{"Tarjeta Declinada"},
+              blanks(4),
+              kBox,
+              blanks(4),
+              {"Número de Operacion : 000123", "Referencia : 001A2B3C4D5E_250314093015",
+               "Código de Respuesta : 05", "Causa : FONDOS INSUFICIENTES"},
+              blanks(5),
+              {"_"}});
+    EXPECT_EQ(texts(doc), expected);
+    for (const auto& line : doc) {
+        EXPECT_EQ(line.size, 10) << line.text;
+        EXPECT_EQ(line.font, "Courier New");
+        EXPECT_TRUE(line.bold);
+    }
+}
+
+TEST(Voucher, ErrorVouchersPrintTheirDetailsAtFivePoints) {
+    struct Row {
+        void (*print)(Printer&, std::string_view, std::string_view);
+        std::string heading;
+    };
+    const std::vector<Row> rows = {{voucher::printCommunicationError, "ERROR DE COMUNICACIÓN"},
+                                   {voucher::printPinPadError, "PIN PAD ERROR"}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.heading);
+        sim::RecordingPrinter p;
+        row.print(p, "Sin respuesta", "T01");
+        ASSERT_EQ(p.documents().size(), 1u);
+        const Document& doc = p.documents()[0];
+        const auto expected = join({{row.heading},
+                                    blanks(5),
+                                    kBox,
+                                    blanks(5),
+                                    {"Error: Sin respuesta", "Código = T01"},
+                                    blanks(6),
+                                    {"_"}});
+        ASSERT_EQ(texts(doc), expected);
+        for (std::size_t i = 0; i < doc.size(); ++i) {
+            const bool detail = i == 18 || i == 19;
+            EXPECT_EQ(doc[i].size, detail ? 5 : 10) << i;
+            EXPECT_TRUE(doc[i].bold);
+        }
+    }
+}
+
+TEST(CardTexts, ReferenceAndPinPadMessage) {
+    EXPECT_EQ(CardPayment::buildReference("00-1A-2B-3C-4D-5E", {2025, 3, 14, 9, 30, 15}),
+              "001A2B3C4D5E_250314093015");
+    EXPECT_EQ(CardPayment::buildReference("", {2100, 12, 1, 23, 5, 0}), "_001201230500");
+    EXPECT_EQ(CardPayment::pinPadErrorMessage({"E1", "Sin tarjeta", "07", "ignored"}),
+              "E1 DescError = Sin tarjeta CodError =  07\n");
+}
+
+}  // namespace
+}  // namespace kestrix
