@@ -94,6 +94,18 @@ void QtSerialPort::open(int portNumber, std::string_view settings) {
     if (!m_port || m_port->thread() != QThread::currentThread()) {
         m_port = std::make_unique<QSerialPort>();
     }
+    const int openCount = ++m_openCount;
+    // Queued: Qt reports the error from inside its own read handler, where closing the port
+    // would pull the buffer away under it.
+    QObject::disconnect(m_port.get(), &QSerialPort::errorOccurred, nullptr, nullptr);
+    QObject::connect(
+        m_port.get(), &QSerialPort::errorOccurred, m_port.get(),
+        [this, openCount](QSerialPort::SerialPortError error) {
+            if (error == QSerialPort::ReadError || error == QSerialPort::ResourceError) {
+                onLoopError(openCount);
+            }
+        },
+        Qt::QueuedConnection);
     m_port->setPortName(QString::fromStdString(m_device));
     m_port->setBaudRate(line.baud);
     m_port->setParity(toParity(line.parity));
@@ -109,7 +121,21 @@ void QtSerialPort::open(int portNumber, std::string_view settings) {
     }
 }
 
+void QtSerialPort::onLoopError(int openCount) {
+    if (openCount != m_openCount || !isOpen()) {
+        return;  // a read or write already dealt with it, or the port was opened again
+    }
+    const QSerialPort::SerialPortError error = m_port->error();
+    if (error == QSerialPort::NoError || error == QSerialPort::TimeoutError) {
+        return;
+    }
+    const std::string reason = m_port->errorString().toStdString();
+    close();
+    m_failure = reason;
+}
+
 void QtSerialPort::close() {
+    m_failure.clear();
     if (m_port && m_port->isOpen()) {
         m_port->close();
     }
@@ -125,7 +151,8 @@ bool QtSerialPort::isOpen() const {
 void QtSerialPort::requireOpen(const char* operation) const {
     if (!isOpen()) {
         throw PortError("port " + std::to_string(m_portNumber) + ": " + operation +
-                        " on a closed port");
+                        (m_failure.empty() ? " on a closed port"
+                                           : " on a port closed after an error: " + m_failure));
     }
 }
 
@@ -140,6 +167,7 @@ void QtSerialPort::checkError(const char* operation) {
     }
     const std::string reason = m_port->errorString().toStdString();
     close();
+    m_failure = reason;
     throw PortError("port " + std::to_string(m_portNumber) + " (" + m_device + "): " + operation +
                     " failed: " + reason);
 }

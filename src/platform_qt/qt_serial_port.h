@@ -30,7 +30,9 @@ PortResolver storePortResolver(SettingsStore& store, std::string app = "KSX");
 //   (SerialPort::kReadQuantumMs) for something;
 // - write() hands the bytes to the driver before it returns (bounded by the bytes' wire time);
 // - the first read or resource error (a USB adapter pulled out, the other end of a pty gone)
-//   closes the port and throws PortError: left open, such a port makes Qt spin on it.
+//   closes the port and throws PortError: left open, such a port makes Qt spin on it. An error
+//   that Qt finds while the event loop runs (between two exchanges) closes the port as well, and
+//   the next read or write reports it.
 //
 // The QSerialPort is created on the thread that opens the port.
 class QtSerialPort : public SerialPort {
@@ -55,12 +57,18 @@ private:
     // Closes the port and throws when the port reports a real error; a wait that timed out is
     // not one.
     void checkError(const char* operation);
+    // Closes the port after an error found by the event loop's notifier.
+    void onLoopError(int openCount);
 
     PortResolver m_resolver;
     std::unique_ptr<QSerialPort> m_port;
     int m_portNumber = 0;
     int m_baud = 9600;
     std::string m_device;
+    // Counts opens, so that a late error report of an earlier open is ignored.
+    int m_openCount = 0;
+    // Why the port was closed under the engine's feet; told by the next read or write.
+    std::string m_failure;
 };
 
 }  // namespace kestrix::qt
