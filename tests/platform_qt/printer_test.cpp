@@ -1,0 +1,162 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFontDatabase>
+#include <QPrinterInfo>
+#include <QProcess>
+#include <QRegularExpression>
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+#include "platform_qt/lock_file_instance.h"
+#include "platform_qt/qt_network_info.h"
+#include "platform_qt/qt_printer.h"
+#include "support/support.h"
+
+namespace kestrix::qt {
+namespace {
+
+QString run(const QString& program, const QStringList& args) {
+    QProcess p;
+    p.start(program, args);
+    if (!p.waitForFinished(30000)) {
+        return {};
+    }
+    return QString::fromUtf8(p.readAllStandardOutput());
+}
+
+QString pdfText(const std::string& file) {
+    return run("pdftotext", {"-layout", QString::fromStdString(file), "-"});
+}
+
+QStringList pdfFiles(const std::string& dir) {
+    return QDir(QString::fromStdString(dir)).entryList({"*.pdf"}, QDir::Files, QDir::Name);
+}
+
+TEST(QtPrinter, VouchersGoToADirectoryAsPdfWithSpanishTextAndLongLinesWhole) {
+    const std::string dir = test::makeTempDir("ksx-vouchers");
+    QtPrinter printer;
+    printer.select(dir);
+    ASSERT_EQ(printer.current(), dir);
+    const auto installed = printer.installedPrinters();
+    EXPECT_NE(std::find(installed.begin(), installed.end(), dir), installed.end());
+
+    const std::string wide = "REF 0123456789 " + std::string(60, '=') + " 9876543210 FIN";
+    printer.setFontName("Courier New");
+    printer.setFontBold(true);
+    printer.setFontSize(10);
+    printer.printLine("Código");
+    printer.setFontBold(false);
+    printer.printLine("");
+    printer.printLine("ERROR DE COMUNICACIÓN");
+    printer.printLine(wide);
+    printer.printLine("Autorizaci\xf3n 123");  // Latin-1, as an older library writes it
+    printer.endDoc();
+
+    ASSERT_EQ(pdfFiles(dir).size(), 1);
+    const QString text = pdfText(printer.lastFile());
+    EXPECT_TRUE(text.contains(QString::fromUtf8("Código"))) << text.toStdString();
+    EXPECT_TRUE(text.contains(QString::fromUtf8("ERROR DE COMUNICACIÓN"))) << text.toStdString();
+    EXPECT_TRUE(text.contains(QString::fromStdString(wide))) << "not clipped nor wrapped";
+    EXPECT_TRUE(text.contains(QString::fromUtf8("Autorización 123")));
+
+    // The font asked for (or its stand-in) is the one in the document, bold included.
+    const QString fonts = run("pdffonts", {QString::fromStdString(printer.lastFile())});
+    EXPECT_TRUE(fonts.contains("Mono") || fonts.contains("Courier")) << fonts.toStdString();
+    EXPECT_TRUE(fonts.contains("Bold")) << fonts.toStdString();
+
+    // Every document is a file of its own; an empty one is none.
+    printer.printLine("second voucher");
+    printer.endDoc();
+    printer.endDoc();
+    EXPECT_EQ(pdfFiles(dir).size(), 2);
+    EXPECT_TRUE(pdfText(printer.lastFile()).contains("second voucher"));
+    EXPECT_FALSE(pdfText(printer.lastFile()).contains("Código")) << "the first is not repeated";
+}
+
+TEST(QtPrinter, HostileDocumentsPrintWhole) {
+    const std::string dir = test::makeTempDir("ksx-vouchers");
+    QtPrinter printer({dir});
+    EXPECT_EQ(printer.installedPrinters().back(), dir);
+    printer.select("No Such Printer");
+    printer.select(dir);
+    printer.select("No Such Printer");
+    EXPECT_EQ(printer.current(), dir) << "an unknown name keeps the current printer";
+
+    printer.setFontName("No Such Font");
+    printer.setFontSize(std::nan(""));
+    printer.setFontSize(-4);
+    printer.setFontSize(1e9);
+    printer.setFontSize(9);
+    std::string endless;
+    for (int i = 0; i < 300; ++i) {
+        endless += "[" + std::to_string(i) + "]";
+    }
+    printer.printLine(endless);
+    for (int i = 0; i < 400; ++i) {
+        printer.printLine("line " + std::to_string(i));
+    }
+    printer.printLine("two\nlines");
+    printer.endDoc();
+    const QString text = pdfText(printer.lastFile());
+    QString flat = text;
+    flat.remove(QRegularExpression("\\s"));
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_TRUE(flat.contains(QString("[%1]").arg(i))) << i;
+    }
+    EXPECT_TRUE(text.contains("line 0"));
+    EXPECT_TRUE(text.contains("line 399"));
+    EXPECT_TRUE(text.contains("two"));
+    EXPECT_TRUE(text.contains("lines"));
+}
+
+TEST(QtPrinter, MissingFontsFallBackToInstalledLookAlikes) {
+    const QString courier = QtPrinter::resolveFamily("Courier New");
+    EXPECT_TRUE(QFontDatabase::families().contains(courier, Qt::CaseInsensitive))
+        << courier.toStdString();
+    EXPECT_TRUE(QFontDatabase::isFixedPitch(courier)) << courier.toStdString();
+    EXPECT_FALSE(QtPrinter::resolveFamily("Arial").isEmpty());
+}
+
+TEST(QtPrinter, NoPrinterAtAllIsAnError) {
+    if (!QPrinterInfo::defaultPrinterName().isEmpty()) {
+        GTEST_SKIP() << "this machine has a printer; the test would print on it";
+    }
+    QtPrinter printer;
+    ASSERT_EQ(printer.current(), "");
+    printer.printLine("x");
+    EXPECT_THROW(printer.endDoc(), std::runtime_error);
+}
+
+TEST(QtNetworkInfo, AddressIsSixUpperCaseGroupsOrNothing) {
+    QtNetworkInfo network;
+    const std::string address = network.firstAdapterAddress();
+    if (!address.empty()) {
+        EXPECT_TRUE(QRegularExpression("^([0-9A-F]{2}-){5}[0-9A-F]{2}$")
+                        .match(QString::fromStdString(address))
+                        .hasMatch())
+            << address;
+        EXPECT_NE(address, "00-00-00-00-00-00");
+    }
+}
+
+TEST(LockFileInstance, OneEnginePerStoreAndItsCommandLine) {
+    const std::string lock =
+        LockFileInstance::lockPathFor(test::makeTempDir("ksx-lock") + "/KSX.db");
+    const QStringList args{"kestrix", "--store", "/tmp/x.db", "/hide"};
+    {
+        LockFileInstance first(lock, args);
+        EXPECT_EQ(first.commandLine(), "--store /tmp/x.db /hide");
+        EXPECT_FALSE(first.anotherIsRunning());
+        EXPECT_FALSE(first.anotherIsRunning()) << "asking again keeps the lock";
+        LockFileInstance second(lock, {"kestrix"});
+        EXPECT_TRUE(second.anotherIsRunning());
+        EXPECT_EQ(second.commandLine(), "");
+    }
+    LockFileInstance third(lock, {});
+    EXPECT_FALSE(third.anotherIsRunning()) << "the lock ends with its engine";
+}
+
+}  // namespace
+}  // namespace kestrix::qt
