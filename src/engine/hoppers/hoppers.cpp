@@ -261,14 +261,17 @@ int Hoppers::payFrom(CcTalkLink& link, std::uint8_t address, int coins, Mode mod
         Status now;
         if (!readStatus(link, address, now, kStatusAttempts)) {
             unknown = true;  // cannot tell: watch the counter below, never send again
+        } else if (now.event == before.event) {
+            if (attempt + 1 == kDispenseAttempts) {
+                report.outcome = linkFailure(r.outcome);
+                return 0;
+            }
+            // Not taken: sending it again cannot pay twice.
         } else if (now.event == 0) {
             report.outcome = Outcome::HopperReset;
             return 0;
-        } else if (now.event != before.event) {
+        } else {
             taken = true;
-        } else if (attempt + 1 == kDispenseAttempts) {
-            report.outcome = linkFailure(r.outcome);
-            return 0;
         }
     }
 
@@ -291,17 +294,17 @@ int Hoppers::payFrom(CcTalkLink& link, std::uint8_t address, int coins, Mode mod
             continue;
         }
         lost = 0;
-        if (s.event == 0) {
-            // The hopper restarted: its counts are gone; the coins seen paid are what is known.
-            report.outcome = Outcome::HopperReset;
-            return paid;
-        }
         if (s.event == before.event) {
             if (++stale >= kStalePolls) {
                 report.outcome = taken ? Outcome::Refused : Outcome::Absent;
                 return 0;  // the dispense never started
             }
             continue;
+        }
+        if (s.event == 0) {
+            // The hopper restarted: its counts are gone; the coins seen paid are what is known.
+            report.outcome = Outcome::HopperReset;
+            return paid;
         }
         paid = s.paid;
         if (s.remaining == 0) {
