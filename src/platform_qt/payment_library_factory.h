@@ -9,8 +9,16 @@
 
 namespace kestrix::qt {
 
-// The card payment library chosen by "Pin Pad"/"Library": "simulated" (the default, and the
-// only one off Windows) or "com" (the registered component, Windows only).
+// The card payment library the engine drives, chosen by section "Pin Pad", key "Library":
+//   "simulated" (also when the key is missing or empty)  the simulated pin pad (sim::SimPinPad,
+//                                                         steered by "Pin Pad Simulator");
+//   "com"   the registered COM component (Windows; see com_payment_library_win.h). On other
+//           systems every call fails with error 429, so the pin pad shows off line and a card
+//           payment reports the error;
+//   anything else  a library whose every call fails, naming the unknown setting: a mistyped
+//           name must not turn a kiosk's card payments into simulated approvals.
+// Case and surrounding blanks do not matter. Call it on the engine thread, with the engine's
+// clock and scheduler: the simulated pin pad waits on that event loop.
 std::unique_ptr<PaymentLibrary> makePaymentLibrary(SettingsStore& store, Clock& clock,
                                                    Scheduler& scheduler);
 
