@@ -93,7 +93,7 @@ ControlResult KioskModels::insertBill(int consoleType) {
 }
 
 ControlResult KioskModels::setTube(int consoleType, int count) {
-    m_changer.advance(m_now());
+    catchUp();
     return m_changer.setTubeCount(consoleType - 1, count);
 }
 
@@ -145,7 +145,16 @@ std::string KioskModels::frames(std::string_view name) const {
     return {};
 }
 
-std::string KioskModels::stateJson() const {
+void KioskModels::catchUp() {
+    const double now = m_now();
+    m_changer.advance(now);
+    m_validator.advance(now);
+    m_dispenser.advance(now);
+    m_hoppers.advance(now);
+}
+
+std::string KioskModels::stateJson() {
+    catchUp();
     JsonWriter w;
     w.beginObject();
     w.key("profile").value(m_profile.name);
@@ -211,7 +220,7 @@ ControlResult KioskModels::command(std::string_view line) {
             !wholeNumber(w[2], count)) {
             return usage("hopper 1|2 COUNT");
         }
-        m_hoppers.transmit(m_now());  // lets a running payout catch up first
+        catchUp();
         return m_hoppers.hopper(n).setCoins(count);
     }
     if (verb == "fault") {

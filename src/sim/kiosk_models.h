@@ -54,7 +54,9 @@ public:
     ControlResult command(std::string_view line);
     static std::string commandHelp();
 
-    std::string stateJson() const;
+    // Lets every model catch up to the present (coins dropping, payouts, a dispense).
+    void catchUp();
+    std::string stateJson();
     // Recent traffic of a device, one line per frame, or empty for an unknown device.
     std::string frames(std::string_view device) const;
     std::vector<std::string> deviceNames() const;

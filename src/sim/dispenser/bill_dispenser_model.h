@@ -67,6 +67,8 @@ public:
     void powerCycle(double now) override;
     std::string stateJson() const override;
 
+    // Lets a running operation finish by `now`.
+    void advance(double now);
     ControlResult setBills(int count);
     int billsLeft() const { return m_left; }
     int billsDelivered() const { return m_delivered; }
@@ -87,7 +89,6 @@ private:
 
     void byte(std::uint8_t b, double now);
     void frameReceived(double now);
-    void advance(double now);
     void finish(const Operation& op, double now);
     void send(Bytes bytes, double at, std::string note);
     Bytes statusBlock(std::uint8_t flags) const;

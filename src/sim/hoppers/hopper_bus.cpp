@@ -89,10 +89,14 @@ void HopperBus::frameReceived(double now) {
     m_out.push_back({now + kReplySeconds, std::string(out.begin(), out.end())});
 }
 
-std::string HopperBus::transmit(double now) {
+void HopperBus::advance(double now) {
     for (auto& h : m_hoppers) {
         h->advance(now);
     }
+}
+
+std::string HopperBus::transmit(double now) {
+    advance(now);
     std::string out;
     while (!m_out.empty() && m_out.front().due <= now) {
         out += m_out.front().bytes;

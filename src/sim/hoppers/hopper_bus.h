@@ -23,6 +23,8 @@ public:
 
     void receive(std::string_view bytes, double now) override;
     std::string transmit(double now) override;
+    // Lets the hoppers' payouts catch up to `now`.
+    void advance(double now);
 
     // Hopper 1 or 2.
     Hopper& hopper(int number);

@@ -163,6 +163,10 @@ void MdbAdapter::emitWords(const std::vector<std::pair<std::uint8_t, bool>>& wor
 }
 
 std::string MdbAdapter::transmit(double now) {
+    // The peripherals keep working between commands (coins drop, payouts pay).
+    for (MdbPeripheral* p : m_peripherals) {
+        p->advance(now);
+    }
     std::string out;
     while (!m_out.empty() && m_out.front().due <= now) {
         out += m_out.front().text;

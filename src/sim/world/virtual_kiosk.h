@@ -76,7 +76,7 @@ public:
     ControlResult insertBill(int consoleType) { return m_models.insertBill(consoleType); }
     // A control command as kestrix-sim takes it ("coin 2", "fault changer silent on").
     ControlResult control(std::string_view command) { return m_models.command(command); }
-    std::string stateJson() const { return m_models.stateJson(); }
+    std::string stateJson() { return m_models.stateJson(); }
 
 private:
     VirtualClock m_clock;

@@ -1,0 +1,109 @@
+#pragma once
+
+// Helpers that drive device models the way a host does on the wire, with an explicit clock.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "sim/link_device.h"
+
+namespace kestrix::sim::test {
+
+using ByteList = std::vector<std::uint8_t>;
+
+inline std::string raw(const ByteList& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
+
+inline ByteList bytesOf(const std::string& s) {
+    return ByteList(s.begin(), s.end());
+}
+
+// A host at the other end of one link, with its own time.
+struct Host {
+    LinkDevice& device;
+    double now = 100.0;
+
+    void write(const ByteList& bytes) { device.receive(raw(bytes), now); }
+    // Lets `seconds` pass and takes everything the device sent meanwhile.
+    std::string wait(double seconds) {
+        now += seconds;
+        return device.transmit(now);
+    }
+    std::string exchange(const ByteList& bytes, double seconds = 0.1) {
+        write(bytes);
+        return wait(seconds);
+    }
+};
+
+// The MDB words of a command: the address word with mode 01, the data and the check byte
+// with mode 00.
+inline ByteList mdbWords(const ByteList& command) {
+    ByteList out;
+    unsigned sum = 0;
+    for (std::size_t i = 0; i < command.size(); ++i) {
+        out.push_back(command[i]);
+        out.push_back(i == 0 ? 1 : 0);
+        sum += command[i];
+    }
+    out.push_back(static_cast<std::uint8_t>(sum & 0xFF));
+    out.push_back(0);
+    return out;
+}
+
+inline const ByteList kMdbAck{0x00, 0x00};
+
+// The data bytes of an adapter's reply text ("0b00 0b01 " -> 0B 0B); empty on malformed text.
+inline ByteList replyBytes(const std::string& text) {
+    ByteList out;
+    if (text.size() % 5 != 0) {
+        return {};
+    }
+    for (std::size_t i = 0; i < text.size(); i += 5) {
+        out.push_back(static_cast<std::uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
+    }
+    return out;
+}
+
+// How the engine renders the dispenser's bytes: upper-case hexadecimal through the pattern
+// "00", so 00-09 read "00".."09" but 0A-0F read as a single letter.
+inline std::string engineHex(const std::string& bytes) {
+    static const char* kDigits = "0123456789ABCDEF";
+    std::string out;
+    for (const char c : bytes) {
+        const auto b = static_cast<unsigned char>(c);
+        if (b >= 0x0A && b <= 0x0F) {
+            out += kDigits[b];
+        } else {
+            out += kDigits[b >> 4];
+            out += kDigits[b & 0xF];
+        }
+    }
+    return out;
+}
+
+// The characters at 1-based `position`, as the engine picks a field.
+inline std::string field(const std::string& text, std::size_t position, std::size_t length) {
+    return position - 1 < text.size() ? text.substr(position - 1, length) : std::string();
+}
+
+}  // namespace kestrix::sim::test
+
+namespace kestrix::sim::test {
+
+// "10 05 10 02" -> bytes.
+inline ByteList hex(const std::string& text) {
+    ByteList out;
+    for (std::size_t i = 0; i + 1 < text.size();) {
+        if (text[i] == ' ') {
+            ++i;
+            continue;
+        }
+        out.push_back(static_cast<std::uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
+        i += 2;
+    }
+    return out;
+}
+
+}  // namespace kestrix::sim::test

@@ -1,0 +1,182 @@
+#include <gtest/gtest.h>
+
+#include "bench.h"
+#include "sim/dispenser/bill_dispenser_model.h"
+
+namespace kestrix::sim {
+namespace {
+
+using test::ByteList;
+using test::engineHex;
+using test::field;
+using test::hex;
+
+// The requests as the engine sends them: header, then the body in one or more writes.
+struct Request {
+    int billType;
+    ByteList header;
+    ByteList body;
+};
+
+const ByteList kSetUpHeader = hex("10 05 10 02 00 11");
+const Request kSetUps[] = {
+    {20, kSetUpHeader, hex("60 02 0D 00 8B 78 00 00 00 00 00 00 0F 00 00 00 1C 10 03 8D 9C")},
+    {100, kSetUpHeader, hex("60 02 0D 00 A5 7C 00 00 00 00 00 00 0F 00 00 00 1C 10 03 72 CB")},
+    {200, kSetUpHeader, hex("60 02 0D 00 A5 83 00 00 00 00 00 00 0F 00 00 00 1C 10 03 4F E2")},
+    {500, kSetUpHeader, hex("60 02 0D 00 A5 89 00 00 00 00 00 00 0F 00 00 00 1C 10 03 F8 F0")},
+    {1000, kSetUpHeader, hex("60 02 0D 00 A5 91 00 00 00 00 00 00 0F 00 00 00 1C 10 03 4C C9")},
+};
+const ByteList kDispenseHeader = hex("10 05 10 02 00 19");
+const ByteList kDispenseBody[] = {hex("60 03 15 00 30 B1 30 30 30 30 30 30"),
+                                  hex("B1 30 30 30 30 30 30 30 05 00 00 00"),
+                                  hex("1C 10 03 A3 8D")};
+const ByteList kStatus = hex("10 05 10 02 00 03 00 01 1C 10 03 FA 97");
+const ByteList kDleAck = hex("10 06");
+
+struct DispenserBench {
+    BillDispenserModel dispenser;
+    test::Host host{dispenser};
+
+    explicit DispenserBench(DispenserProfile p = {}) : dispenser(p) {}
+
+    // Set-up, 4 s, two acknowledgements 0.2 s apart, one read of everything.
+    std::string init(const Request& r) {
+        host.write(r.header);
+        std::string got = host.wait(0.2);
+        host.write(r.body);
+        got += host.wait(4);
+        return got + acknowledgeTwice();
+    }
+    std::string status() {
+        host.write(kStatus);
+        return host.wait(0.5) + acknowledgeTwice();
+    }
+    std::string acknowledgeTwice() {
+        host.write(kDleAck);
+        std::string got = host.wait(0.2);
+        host.write(kDleAck);
+        return got + host.wait(0.2);
+    }
+    // One dispense as the engine runs it: the rounds of reads until 13 characters came.
+    std::vector<std::string> dispense() {
+        host.write(kDispenseHeader);
+        std::string pending = host.wait(0.2);
+        for (const ByteList& part : kDispenseBody) {
+            host.write(part);
+        }
+        pending += host.wait(2);
+        std::vector<std::string> reads;
+        for (int round = 0; round < 10; ++round) {
+            pending += host.wait(1);
+            pending += acknowledgeTwice();
+            reads.push_back(engineHex(pending));
+            pending.clear();
+            if (reads.back().size() >= 13) {
+                break;
+            }
+        }
+        return reads;
+    }
+};
+
+// Every request of the engine's table carries a CRC-16/KERMIT over length, data and DLE ETX.
+TEST(BillDispenserModel, TheFixedRequestsCarryTheirCrc) {
+    std::vector<ByteList> frames;
+    for (const Request& r : kSetUps) {
+        ByteList f = r.header;
+        f.insert(f.end(), r.body.begin(), r.body.end());
+        frames.push_back(f);
+    }
+    ByteList d = kDispenseHeader;
+    for (const ByteList& part : kDispenseBody) {
+        d.insert(d.end(), part.begin(), part.end());
+    }
+    frames.push_back(d);
+    frames.push_back(kStatus);
+    for (const ByteList& f : frames) {
+        const ByteList covered(f.begin() + 4, f.end() - 2);  // length .. DLE ETX
+        const std::uint16_t crc = dispenserCrc(covered);
+        EXPECT_EQ(crc & 0xFF, f[f.size() - 2]);
+        EXPECT_EQ(crc >> 8, f[f.size() - 1]);
+    }
+}
+
+TEST(BillDispenserModel, SetUpAnswersDecodeAtTheEnginesPositions) {
+    const std::pair<std::string, std::string> sizes[] = {
+        {"8B", "78"}, {"A5", "7C"}, {"A5", "83"}, {"A5", "89"}, {"A5", "91"}};
+    for (std::size_t i = 0; i < std::size(kSetUps); ++i) {
+        DispenserBench b;
+        const std::string text = engineHex(b.init(kSetUps[i]));
+        SCOPED_TRACE(text);
+        EXPECT_EQ(field(text, 1, 8), "10061006");
+        EXPECT_EQ(field(text, 21, 6), "E00234");
+        EXPECT_EQ(field(text, 27, 8), "00000000");
+        EXPECT_EQ(field(text, 35, 4), "0215");
+        EXPECT_EQ(field(text, 39, 18), std::string(18, '0'));
+        EXPECT_EQ(field(text, 57, 2), "00");
+        EXPECT_EQ(field(text, 67, 2), sizes[i].first);
+        EXPECT_EQ(field(text, 69, 2), sizes[i].second);
+        EXPECT_EQ(field(text, 82, 2), "0F");
+        EXPECT_EQ(b.dispenser.setUpFor(), kSetUps[i].billType);
+    }
+}
+
+TEST(BillDispenserModel, StatusAnswersDecodeAtTheEnginesPositions) {
+    DispenserBench b;
+    const std::string text = engineHex(b.status());
+    SCOPED_TRACE(text);
+    EXPECT_EQ(field(text, 21, 6), "E00124");
+    EXPECT_EQ(field(text, 27, 8), "00000000");
+    EXPECT_EQ(field(text, 40, 16), std::string(16, '0'));
+    EXPECT_EQ(field(text, 57, 2), "00");
+}
+
+TEST(BillDispenserModel, DispensesOneBillAtATimeAndCountsTheCassette) {
+    DispenserBench b;
+    const auto reads = b.dispense();
+    ASSERT_EQ(reads.size(), 1u);
+    EXPECT_EQ(field(reads[0], 1, 8), "10061006");
+    EXPECT_EQ(field(reads[0], 21, 2), "E0");
+    EXPECT_EQ(field(reads[0], 100, 2), "B1");
+    EXPECT_EQ(b.dispenser.billsLeft(), 99);
+    EXPECT_EQ(b.dispenser.billsDelivered(), 1);
+}
+
+TEST(BillDispenserModel, ReportsLowUnderTenAndEmptyAsAnError) {
+    DispenserBench b;
+    b.dispenser.setBills(10);
+    EXPECT_EQ(field(engineHex(b.status()), 57, 2), "00");
+    b.dispenser.setBills(1);
+    EXPECT_EQ(field(engineHex(b.status()), 57, 2), "80");
+    EXPECT_EQ(field(b.dispense()[0], 100, 2), "B1") << "the last bill";
+    const std::string none = b.dispense()[0];
+    EXPECT_NE(field(none, 21, 2), "E0");
+    EXPECT_NE(field(none, 100, 2), "B1");
+    EXPECT_NE(field(engineHex(b.status()), 27, 8), "00000000") << "status flags tell empty";
+    EXPECT_EQ(b.dispenser.billsLeft(), 0);
+}
+
+TEST(BillDispenserModel, RefusesABadCrcAndAnswersAnUnknownCommandWithAnError) {
+    DispenserBench b;
+    ByteList bad = kStatus;
+    bad.back() ^= 0xFF;
+    b.host.write(bad);
+    EXPECT_EQ(test::bytesOf(b.host.wait(1)), hex("10 06 10 15")) << "ENQ taken, frame refused";
+
+    ByteList unknown = hex("10 05 10 02 00 03 00 07 1C 10 03");
+    const std::uint16_t crc = dispenserCrc(ByteList(unknown.begin() + 4, unknown.end()));
+    unknown.push_back(static_cast<std::uint8_t>(crc & 0xFF));
+    unknown.push_back(static_cast<std::uint8_t>(crc >> 8));
+    b.host.write(unknown);
+    EXPECT_EQ(field(engineHex(b.host.wait(1)), 21, 2), "F0");
+}
+
+TEST(BillDispenserModel, AsksAgainAfterTheHostsNak) {
+    DispenserBench b;
+    const std::string first = b.status();
+    b.host.write(hex("10 15"));
+    EXPECT_EQ(b.host.wait(0.1), first.substr(4)) << "the answer without the two ACKs";
+}
+
+}  // namespace
+}  // namespace kestrix::sim

@@ -1,0 +1,175 @@
+#include <gtest/gtest.h>
+
+#include "bench.h"
+#include "sim/hoppers/hopper_bus.h"
+
+namespace kestrix::sim {
+namespace {
+
+using test::ByteList;
+using test::bytesOf;
+using test::hex;
+
+HopperProfile second() {
+    HopperProfile p;
+    p.address = 4;
+    p.serialNumber = 0x05464F;
+    return p;
+}
+
+struct HopperBench {
+    HopperBus bus;
+    test::Host host{bus};
+
+    explicit HopperBench(HopperProfile first = {}, bool echo = true) : bus(first, second(), echo) {}
+
+    // Sends a frame and returns what came back within 0.1 s, echo included.
+    ByteList exchange(const ByteList& frame) { return bytesOf(host.exchange(frame, 0.1)); }
+    // The reply after the echo of `frame`.
+    ByteList reply(const ByteList& frame) {
+        const ByteList all = exchange(frame);
+        EXPECT_GE(all.size(), frame.size());
+        EXPECT_TRUE(std::equal(frame.begin(), frame.end(), all.begin())) << "echo first";
+        return ByteList(all.begin() + static_cast<long>(std::min(frame.size(), all.size())),
+                        all.end());
+    }
+    static ByteList frame(std::uint8_t address, std::uint8_t header, ByteList data = {}) {
+        data.insert(data.begin(), {address, static_cast<std::uint8_t>(data.size()), 1, header});
+        ByteList f = data;
+        f.push_back(ccTalkChecksum(f));
+        return f;
+    }
+    ByteList dispense(std::uint8_t coins) {
+        return reply(frame(3, 167, {0x4E, 0x46, 0x05, coins}));
+    }
+};
+
+TEST(CcTalk, ChecksumsMatchTheReferenceVectors) {
+    const char* vectors[] = {"03 00 01 FE FE",
+                             "04 00 01 FE FD",
+                             "03 00 01 F5 07",
+                             "01 06 03 00 50 61 79 6F 75 74 74",
+                             "03 00 01 F2 0A",
+                             "03 00 01 A3 59",
+                             "03 01 01 A4 A5 B2",
+                             "04 01 01 A4 A5 B1",
+                             "03 01 01 A4 00 57",
+                             "03 00 01 A0 5C",
+                             "03 00 01 A6 56",
+                             "04 00 01 A6 55",
+                             "03 00 01 A8 54",
+                             "03 00 01 D9 23",
+                             "03 00 01 AC 50",
+                             "03 00 01 01 FB",
+                             "03 09 01 A7 00 00 00 00 00 00 00 00 05 47",
+                             "03 04 01 A7 4E 46 05 03 B5",
+                             "01 00 03 00 FC",
+                             "01 00 03 05 F7",
+                             "01 04 03 00 07 00 05 00 EC",
+                             "01 01 03 00 08 F3"};
+    for (const char* v : vectors) {
+        const ByteList f = hex(v);
+        EXPECT_EQ(ccTalkChecksum(ByteList(f.begin(), f.end() - 1)), f.back()) << v;
+    }
+}
+
+TEST(HopperBus, AnswersTheReferenceRequestsAfterTheEcho) {
+    HopperBench b;
+    EXPECT_EQ(b.reply(hex("03 00 01 FE FE")), hex("01 00 03 00 FC"));
+    EXPECT_EQ(b.reply(hex("04 00 01 FE FD")), hex("01 00 04 00 FB"));
+    EXPECT_EQ(b.reply(hex("03 00 01 F5 07")), hex("01 06 03 00 50 61 79 6F 75 74 74"));
+    EXPECT_EQ(b.reply(hex("03 00 01 F2 0A")), hex("01 03 03 00 4E 46 05 60"));
+    EXPECT_EQ(b.reply(hex("03 00 01 A3 59")), hex("01 02 03 00 C0 00 3A")) << "power-up, disabled";
+    EXPECT_EQ(b.reply(hex("03 01 01 A4 A5 B2")), hex("01 00 03 00 FC"));
+    EXPECT_EQ(b.reply(hex("03 00 01 A3 59")), hex("01 02 03 00 40 00 BA"));
+    EXPECT_EQ(b.reply(hex("03 04 01 A7 4E 46 05 03 B5")), hex("01 01 03 00 01 FA"));
+}
+
+// Seven dispenses, the last of five coins: the status reply of the reference, byte for byte.
+TEST(HopperBus, PaysCoinsOverTimeAndCountsEvents) {
+    HopperBench b;
+    b.reply(HopperBench::frame(3, 164, {0xA5}));
+    for (int i = 0; i < 6; ++i) {
+        b.dispense(1);
+        b.host.wait(0.5);
+    }
+    EXPECT_EQ(b.dispense(5), hex("01 01 03 00 07 F4"));
+    EXPECT_EQ(b.dispense(1), hex("01 00 03 05 F7")) << "busy: refused, not queued";
+    b.host.wait(0.6);
+    const ByteList midway = b.reply(hex("03 00 01 A6 56"));
+    EXPECT_GT(midway[5], 0) << "still paying";
+    EXPECT_LT(midway[5], 5);
+    b.host.wait(1.5);
+    EXPECT_EQ(b.reply(hex("03 00 01 A6 56")), hex("01 04 03 00 07 00 05 00 EC"));
+    EXPECT_EQ(b.reply(hex("03 00 01 A8 54")), hex("01 03 03 00 0B 00 00 EE")) << "11 in all";
+    EXPECT_EQ(b.bus.hopper(1).coinsLeft(), 189);
+}
+
+TEST(HopperBus, TheEventCounterWrapsToOneAndAResetClearsIt) {
+    HopperBench b;
+    b.reply(HopperBench::frame(3, 164, {0xA5}));
+    for (int i = 1; i <= 255; ++i) {
+        b.dispense(0);
+    }
+    EXPECT_EQ(b.bus.hopper(1).eventCounter(), 255);
+    EXPECT_EQ(b.dispense(0)[4], 1);
+    b.reply(hex("03 00 01 01 FB"));
+    EXPECT_EQ(b.exchange(hex("03 00 01 A6 56")), hex("03 00 01 A6 56")) << "deaf after reset";
+    b.host.wait(0.2);
+    EXPECT_EQ(b.reply(hex("03 00 01 A6 56"))[4], 0);
+    EXPECT_EQ(b.dispense(1), hex("01 00 03 05 F7")) << "disabled after reset";
+}
+
+TEST(HopperBus, TakesOnlyTheSecurityBytesOfItsMode) {
+    struct Row {
+        std::string mode;
+        bool cipherFirst;
+        ByteList dispense;
+        bool accepted;
+    };
+    const ByteList zeros8 = hex("03 09 01 A7 00 00 00 00 00 00 00 00 05 47");
+    const ByteList serial = hex("03 04 01 A7 4E 46 05 03 B5");
+    const ByteList any8 = HopperBench::frame(3, 167, {1, 2, 3, 4, 5, 6, 7, 8, 2});
+    const Row rows[] = {
+        {"serial", false, serial, true},
+        {"serial", false, zeros8, false},
+        {"serial", false, hex("03 04 01 A7 4E 46 06 03 B4"), false},
+        {"zeros8", false, zeros8, true},
+        {"zeros8", false, serial, false},
+        {"noencrypt8", true, any8, true},
+        {"noencrypt8", false, any8, false},
+    };
+    for (const Row& r : rows) {
+        HopperProfile p;
+        p.mode = r.mode;
+        HopperBench b(p);
+        b.reply(HopperBench::frame(3, 164, {0xA5}));
+        if (r.cipherFirst) {
+            EXPECT_EQ(b.reply(hex("03 00 01 A0 5C")).size(), 13u);
+        }
+        const ByteList reply = b.reply(r.dispense);
+        ASSERT_GE(reply.size(), 5u) << r.mode;
+        EXPECT_EQ(reply[3] == 0, r.accepted) << r.mode;
+    }
+}
+
+TEST(HopperBus, StaysQuietOnBadFramesAndUnsupportedHeaders) {
+    HopperBench b;
+    EXPECT_EQ(b.exchange(hex("03 00 01 FE FF")), hex("03 00 01 FE FF")) << "bad checksum";
+    EXPECT_EQ(b.exchange(hex("03 00 01 04 F8")), hex("03 00 01 04 F8")) << "unsupported header";
+    EXPECT_EQ(b.exchange(hex("05 00 01 FE FC")), hex("05 00 01 FE FC")) << "nobody at 5";
+    EXPECT_EQ(b.exchange(hex("03 00 01 A0 5C")), hex("03 00 01 A0 5C")) << "no cipher in serial";
+    // A gap over 50 ms inside a frame resets the receiver.
+    b.host.write(hex("03 00"));
+    b.host.wait(0.08);
+    EXPECT_EQ(b.exchange(hex("01 FE FE")), hex("01 FE FE"));
+    EXPECT_EQ(b.reply(hex("03 00 01 FE FE")), hex("01 00 03 00 FC"));
+}
+
+TEST(HopperBus, AnInterfaceWithoutEchoSendsOnlyReplies) {
+    HopperBench b({}, false);
+    EXPECT_EQ(b.exchange(hex("03 00 01 FE FE")), hex("01 00 03 00 FC"));
+}
+
+}  // namespace
+}  // namespace kestrix::sim
