@@ -12,21 +12,23 @@ void CardPayment::queryPinPad() {
     bool online = false;
     try {
         const PinPadIdentity id = m_setup.platform().paymentLibrary.identify();
-        c.setText("ccEMVFull", id.emvFull);
-        c.setText("ccModel", id.model);
-        c.setText("ccSerialNumber", id.serialNumber);
-        c.setText("ccTradeMark", id.tradeMark);
-        c.setText("ccVersionApp", id.versionApp);
-        c.setText("ccCOM", id.com);
-        c.setText("ccPrinter", id.printer);
-        c.setText("ccCompany", id.company);
-        c.setText("ccBranch", id.branch);
-        c.setText("ccCountry", id.country);
         online = id.online;
+        // A pin pad that is not on line has nothing to tell: its fields keep "N/A".
+        if (online) {
+            c.setText("ccEMVFull", id.emvFull);
+            c.setText("ccModel", id.model);
+            c.setText("ccSerialNumber", id.serialNumber);
+            c.setText("ccTradeMark", id.tradeMark);
+            c.setText("ccVersionApp", id.versionApp);
+            c.setText("ccCOM", id.com);
+            c.setText("ccPrinter", id.printer);
+            c.setText("ccCompany", id.company);
+            c.setText("ccBranch", id.branch);
+            c.setText("ccCountry", id.country);
+        }
     } catch (const std::exception&) {
         // The pin pad sits behind the library, not behind one of our ports: a library that fails
-        // to answer means a pin pad that is not on line, not a port to choose again. Its fields
-        // keep "N/A".
+        // to answer means a pin pad that is not on line, not a port to choose again.
         online = false;
     }
     const std::string state = online ? "Yes" : "No";

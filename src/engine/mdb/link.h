@@ -141,7 +141,7 @@ public:
     // Byte k as decimal text; "" for an absent byte.
     std::string decimal(int k) const;
     // Byte k as the character of its code; "" for an absent byte or a value no byte has
-    // (garbage such as "zz" reads -17).
+    // (garbage such as "??" reads -17, "zz" 595).
     std::string character(int k) const;
     // Bytes `first`..`last` as characters, joined.
     std::string characters(int first, int last) const;

@@ -36,6 +36,7 @@ void VirtualSerialPort::open(int portNumber, std::string_view settings) {
     m_portNumber = portNumber;
     m_open = true;
     m_inbound.clear();
+    m_lastContact = m_clock.elapsed();
     ++m_opens;
 }
 
@@ -58,6 +59,7 @@ void VirtualSerialPort::checkUsable() {
 
 void VirtualSerialPort::write(std::string_view bytes) {
     checkUsable();
+    pullFromDevice();
     m_written.append(bytes);
     // The driver buffers the write; the device sees the last byte after its wire time.
     m_device->receive(bytes, m_clock.elapsed() + static_cast<double>(bytes.size()) * byteSeconds());
@@ -66,10 +68,14 @@ void VirtualSerialPort::write(std::string_view bytes) {
 void VirtualSerialPort::pullFromDevice() {
     const double now = m_clock.elapsed();
     const std::string out = m_device->transmit(now);
+    // The device put these bytes on the line at some moment since the port last looked (a read,
+    // a write or the open), so they travel from then: a reply that came during a pause is in the
+    // receive buffer when the engine reads after the pause, as on a real line.
     for (char c : out) {
-        m_lastArrival = std::max(m_lastArrival, now) + byteSeconds();
+        m_lastArrival = std::max(m_lastArrival, m_lastContact) + byteSeconds();
         m_inbound.push_back({c, m_lastArrival});
     }
+    m_lastContact = now;
 }
 
 std::string VirtualSerialPort::read() {

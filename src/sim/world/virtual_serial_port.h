@@ -57,6 +57,7 @@ private:
     };
     std::deque<InFlight> m_inbound;
     double m_lastArrival = 0;
+    double m_lastContact = 0;  // when the port last took the device's output
     std::string m_written;
     int m_opens = 0;
     long m_reads = 0;

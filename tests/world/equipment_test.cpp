@@ -1,0 +1,535 @@
+// Equipment initialisation, the MDB link, the bill dispenser and the MDB part of Exit on the
+// simulated kiosk in virtual time; scripted replies where no well-behaved device gives them.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "engine/dispenser/bill_dispenser.h"
+#include "engine/errors.h"
+#include "engine/mdb/link.h"
+#include "engine/settings/layout.h"
+#include "engine/setup.h"
+#include "scripted_devices.h"
+#include "sim/world/virtual_kiosk.h"
+
+namespace kestrix {
+namespace {
+
+using test::mdbReply;
+
+// The simulated kiosk with every device configured.
+struct Kiosk : sim::VirtualKiosk {
+    explicit Kiosk(const sim::KioskProfile& profile = sim::defaultProfile())
+        : sim::VirtualKiosk(profile) {
+        configureAllDevices();
+    }
+    void set(std::string_view section, std::string_view key, std::string_view value) {
+        store().set(store::kApp, section, key, value);
+    }
+    std::string setting(std::string_view section, std::string_view key) {
+        return store().get(store::kApp, section, key, "<missing>");
+    }
+    const std::string& text(std::string_view name) { return engine().console().text(name); }
+    bool checked(std::string_view name) { return engine().console().checked(name); }
+    std::vector<std::string> shown() {
+        std::vector<std::string> texts;
+        for (const auto& m : messageBox().shown()) {
+            texts.push_back(m.text);
+        }
+        return texts;
+    }
+    // Occurrences of `bytes` in what the engine wrote to the MDB adapter.
+    int sent(std::string_view bytes) {
+        int n = 0;
+        const std::string& w = mdbPort().written();
+        for (std::size_t at = w.find(bytes); at != std::string::npos; at = w.find(bytes, at + 2)) {
+            ++n;
+        }
+        return n;
+    }
+    // The MDB port wired to a scripted adapter that answers like the default changer and
+    // validator until a test changes a reply.
+    test::ScriptedMdb& scripted() {
+        mdbPort().wire(kPorts.mdb, &m_scripted);
+        return m_scripted;
+    }
+
+private:
+    test::ScriptedMdb m_scripted;
+};
+
+// An MDB identification text field: twelve characters, padded with blanks.
+std::string padded(std::string text) {
+    text.resize(12, ' ');
+    return text;
+}
+
+const std::string kReset = std::string("\x30\x01\x30\x00", 4);
+
+void scriptDefaultDevices(test::ScriptedMdb& mdb) {
+    mdb.script(0x08, {"0001 "});
+    mdb.script(0x09, {mdbReply({0x03, 0x14, 0x84, 0x02, 0x01, 0x00, 0x1F, 1, 2, 4, 10, 20})});
+    mdb.script(0x0F00, {mdbReply({'K', 'S', 'X'})});
+    mdb.script(0x0A, {mdbReply({0, 0, 40, 40, 30, 20, 10})});
+    mdb.script(0x30, {"0001 "});
+    mdb.script(0x33, {"0600 0601 "});
+    mdb.script(0x31, {mdbReply({0x01, 0x14, 0x84, 0x00, 0x64, 0x01})});
+    mdb.script(0x3700, {mdbReply({'K', 'S', 'X'})});
+}
+
+TEST(InitEquipment, PublishesWhatEveryDeviceOfTheKioskReports) {
+    Kiosk k;
+    k.set("Status", "KSX_Error", "1");
+    ASSERT_TRUE(k.start());
+    const sim::KioskProfile& p = k.models().profile();
+
+    EXPECT_TRUE(k.messageBox().shown().empty());
+    EXPECT_EQ(k.mailbox("KSX_Error"), "0");
+
+    // Pin pad.
+    EXPECT_EQ(k.text("ccModel"), "KSX-PP200");
+    EXPECT_EQ(k.text("ccEMVFull"), "KSX-PP EMV L2 4.3");
+    EXPECT_EQ(k.text("ccCountry"), "MX");
+    EXPECT_EQ(k.text("ccOnLine"), "Yes");
+    EXPECT_EQ(k.setting("Pin Pad", "On Line"), "Yes");
+    EXPECT_TRUE(k.engine().console().enabled("ccReadCard"));
+
+    // Bill dispenser, set up for its bills of 50.
+    EXPECT_EQ(k.dispenser().setUpFor(), 20) << "20 and 50 share one set-up";
+    EXPECT_EQ(k.text("bdSWVersion"), "0215");
+    EXPECT_EQ(k.text("bdMaxLenght"), "139");
+    EXPECT_EQ(k.text("bdMinLenght"), "120");
+    EXPECT_EQ(k.text("bdStatus"), "OK");
+    EXPECT_EQ(k.text("bdCasetteStatus"), "OK");
+    EXPECT_EQ(k.mailbox("BDStatus"), "OK");
+    EXPECT_EQ(k.mailbox("BDCassette"), "OK");
+    EXPECT_EQ(k.mailbox("BDDispensed"), "0");
+    EXPECT_TRUE(k.hoppersPort().isOpen());
+
+    // Coin changer: credits divided by the scaling factor; the five routed types fill the slots.
+    EXPECT_EQ(k.text("caFeatureLevel"), "03");
+    EXPECT_EQ(k.text("caCountryCode"), "1484");
+    EXPECT_EQ(k.text("caScalingFactor"), std::to_string(p.changer.scalingFactor));
+    EXPECT_EQ(k.text("caDecimal"), std::to_string(p.changer.decimalPlaces));
+    EXPECT_EQ(k.text("caManufacturer"), p.changer.manufacturer);
+    EXPECT_EQ(k.text("caSerialNumber"), p.changer.serialNumber);
+    EXPECT_EQ(k.text("caModelNumber"), padded(p.changer.modelNumber));
+    const char* values[] = {"0.5", "1", "2", "5", "10", "0"};
+    for (int n = 1; n <= 16; ++n) {
+        EXPECT_EQ(k.text(Console::ctValue(n)), values[std::min(n, 6) - 1]) << n;
+    }
+    for (int n = 1; n <= 5; ++n) {
+        const std::string count =
+            std::to_string(p.changer.tubeStart[static_cast<std::size_t>(n - 1)]);
+        EXPECT_EQ(k.text(Console::tubeCoinType(n)), values[n - 1]);
+        EXPECT_EQ(k.setting("CoinAcceptor", store::key::tubeCoinType(n)), values[n - 1]);
+        EXPECT_EQ(k.text(Console::tubeCoinQty(n)), count);
+        EXPECT_EQ(k.setting("CoinAcceptor", store::key::tubeCoinQty(n)), count);
+    }
+    EXPECT_EQ(k.text("tubesAmount"), "320");
+    EXPECT_EQ(k.mailbox("Tubes"), "320");
+    EXPECT_EQ(k.engine().state().coinValue[5], 10);
+
+    // Bill validator: stacker capacity in bytes 7-8; security levels and the escrow flag are read
+    // from bytes 8-9 and 10, one byte before the validator's own (9-10 and 11).
+    EXPECT_EQ(k.text("bvFeatureLevel"), "01");
+    EXPECT_EQ(k.text("bvCountryCode"), "1484");
+    EXPECT_EQ(k.text("bvScalingFactor"), "100");
+    EXPECT_EQ(k.text("bvDecimalPlaces"), "1");
+    EXPECT_EQ(k.text("bvStackerCapacity"), "500");
+    EXPECT_EQ(k.text("bvSecurityLevels"), "f400H");
+    EXPECT_EQ(k.text("bvEscrowCapability"), "NO");
+    EXPECT_EQ(k.text("bvManufacturer"), p.validator.manufacturer);
+    EXPECT_EQ(k.text("bvSerialNumber"), p.validator.serialNumber);
+    EXPECT_EQ(k.text("bvModelNumber"), padded(p.validator.modelNumber));
+    // Bytes 28 and 29 are the BCD version 02 10; byte 30 is the check byte.
+    int check = 0;
+    for (const std::string& s :
+         {p.validator.manufacturer, p.validator.serialNumber, padded(p.validator.modelNumber)}) {
+        for (char ch : s) {
+            check += static_cast<unsigned char>(ch);
+        }
+    }
+    check += 0x02 + 0x10;
+    EXPECT_EQ(k.text("bvSoftwareVersion"), "216" + std::to_string(check & 0xFF));
+
+    // The whole initialisation against its specified waits: dispenser 0.5 + 0.2 + 4 + 0.4 + 1,
+    // hoppers 0.1, changer 0.1 + 0.5, validator 4 x (0.5 + 0.1). The rest is the replies' wire
+    // time at 9600 baud and the reads that wait for it.
+    const double waits = 6.1 + 0.1 + 0.6 + 2.4;
+    RecordProperty("virtual_seconds", std::to_string(k.clock().elapsed()));
+    RecordProperty("specified_waits", std::to_string(waits));
+    EXPECT_GE(k.clock().elapsed(), waits);
+    EXPECT_LT(k.clock().elapsed(), waits + 0.5);
+}
+
+TEST(InitEquipment, WithNothingEnabledOnlyClearsTheDisplays) {
+    Kiosk k;
+    for (const auto& [section, key] : {std::pair{"Pin Pad", "PPE"},
+                                       {"BillDispenser", "BDE"},
+                                       {"Hoppers", "HE"},
+                                       {"CoinAcceptor", "CAE"},
+                                       {"BillValidator", "BVE"}}) {
+        k.set(section, key, "0");
+    }
+    ASSERT_TRUE(k.start());
+    for (const char* f :
+         {"ccEMVFull", "ccCompany", "caScalingFactor", "ct16_value", "tubeCoinType5",
+          "tubeCoinQty1", "tubesAmount", "bvSoftwareVersion", "bdThickness", "bdStatus"}) {
+        EXPECT_EQ(k.text(f), "N/A") << f;
+    }
+    EXPECT_EQ(k.text("bdQtyBills"), "1");
+    EXPECT_EQ(k.text("bdBillsDispensed"), "0");
+    EXPECT_EQ(k.text("ccOnLine"), "No");
+    EXPECT_EQ(k.text("bt3_Value"), "100") << "bill values are the operator's";
+    EXPECT_FALSE(k.engine().console().enabled("enablePaymentCC"));
+    EXPECT_EQ(k.mdbPort().opens() + k.dispenserPort().opens() + k.hoppersPort().opens(), 0);
+    EXPECT_EQ(k.clock().elapsed(), 0);
+}
+
+TEST(InitEquipment, AnAbsentChangerIsGivenUpOnItsFiveHundredFirstReadAndTheValidatorGoesOn) {
+    Kiosk k;
+    k.control("fault changer silent on");
+    ASSERT_TRUE(k.start());
+    EXPECT_EQ(k.shown(), std::vector<std::string>{"Check Coin Acceptor Connection!"});
+    EXPECT_FALSE(k.checked("CoinAcceptorEnabled"));
+    EXPECT_EQ(k.text("caScalingFactor"), "N/A");
+    EXPECT_EQ(k.text("bvModelNumber"), padded("KSX-BV-5"));
+    EXPECT_EQ(k.mailbox("KSX_Error"), "0");
+
+    Kiosk alone;  // the changer alone on the link: exactly 501 reads
+    alone.set("BillValidator", "BVE", "0");
+    alone.control("fault changer silent on");
+    ASSERT_TRUE(alone.start());
+    EXPECT_EQ(alone.mdbPort().reads(), 501);
+}
+
+TEST(InitEquipment, TheChangersResetLimitIsAboutASecondOfSilentReads) {
+    for (const auto& [delay, present] : {std::pair{0.9, true}, std::pair{1.1, false}}) {
+        Kiosk k;
+        k.set("BillValidator", "BVE", "0");
+        test::ScriptedMdb& mdb = k.scripted();
+        scriptDefaultDevices(mdb);
+        mdb.answerDelay[0x08] = delay;
+        ASSERT_TRUE(k.start());
+        EXPECT_EQ(k.checked("CoinAcceptorEnabled"), present) << delay;
+    }
+}
+
+TEST(InitEquipment, AnAbsentValidatorGetsThreeHundredAndOneResetsThenTheRoutineEnds) {
+    Kiosk k;
+    k.control("fault validator silent on");
+    ASSERT_TRUE(k.start());
+    EXPECT_EQ(k.shown(), std::vector<std::string>{"Check Bill Validator Connection!"});
+    EXPECT_FALSE(k.checked("billValidatorEnabled"));
+    EXPECT_EQ(k.sent(kReset), 301);
+    EXPECT_EQ(k.sent(std::string("\x33\x01", 2)), 0) << "no POLL after the failed RESET";
+    EXPECT_EQ(k.text("bvFeatureLevel"), "N/A");
+    EXPECT_EQ(k.text("caManufacturer"), "KSX");
+    // 301 x (0.5 s + 50 reads of 2 ms) after the devices before it.
+    RecordProperty("virtual_seconds", std::to_string(k.clock().elapsed()));
+    EXPECT_NEAR(k.clock().elapsed(), 7.1 + 301 * 0.6, 0.5);
+
+    Kiosk flaky;  // misses two replies in a row, answers the third: taken on a later attempt
+    flaky.control("fault validator flaky on");
+    ASSERT_TRUE(flaky.start());
+    EXPECT_TRUE(flaky.messageBox().shown().empty());
+    EXPECT_EQ(flaky.text("bvModelNumber"), padded("KSX-BV-5"));
+    EXPECT_GT(flaky.sent(kReset), 1);
+}
+
+TEST(InitEquipment, APortErrorNamesTheStepAndInitialisesNothingAfterIt) {
+    struct Row {
+        const char* name;
+        std::function<void(Kiosk&)> breakIt;
+        const char* portName;
+        bool dispenserDone, hoppersOpen, mdbOpened;
+    };
+    const Row rows[] = {
+        {"dispenser port missing", [](Kiosk& k) { k.set("Settings", "COM1", "7"); },
+         "Bill Dispenser", false, false, false},
+        {"hoppers port missing", [](Kiosk& k) { k.set("Settings", "COM2", "9"); },
+         "Hoppers Interface", true, false, false},
+        {"MDB port missing", [](Kiosk& k) { k.set("Settings", "COM", "4"); }, "MDB Interface", true,
+         true, false},
+        {"MDB cable pulled during SETUP",
+         [](Kiosk& k) {
+             test::ScriptedMdb& mdb = k.scripted();
+             scriptDefaultDevices(mdb);
+             mdb.onFrame = [&k](const std::string& f) {
+                 if (f == "09 09") {
+                     k.mdbPort().unplug();
+                 }
+             };
+         },
+         "MDB Interface", true, true, true},
+    };
+    for (const Row& row : rows) {
+        Kiosk k;
+        row.breakIt(k);
+        ASSERT_TRUE(k.start());
+        EXPECT_EQ(k.shown(), std::vector<std::string>{std::string(row.portName) +
+                                                      "- Port Error. Please select another port."})
+            << row.name;
+        EXPECT_EQ(k.mailbox("KSX_Error"), "1") << row.name;
+        EXPECT_EQ(k.text("bdStatus") == "OK", row.dispenserDone) << row.name;
+        EXPECT_EQ(k.hoppersPort().isOpen(), row.hoppersOpen) << row.name;
+        EXPECT_EQ(k.mdbPort().opens() > 0, row.mdbOpened) << row.name;
+        EXPECT_EQ(k.text("bvFeatureLevel"), "N/A") << row.name;
+        EXPECT_TRUE(k.checked("CoinAcceptorEnabled")) << row.name;
+    }
+    // Junk where a whole number belongs is the same run-time error as a missing port.
+    for (const auto& [field, portName] : {std::pair{"comPorts", "MDB Interface"},
+                                          {"comPorts1", "Bill Dispenser"},
+                                          {"bDispType", "Bill Dispenser"}}) {
+        Kiosk k;
+        ASSERT_TRUE(k.start());
+        k.engine().console().setText(field, "COM1");
+        k.engine().InitEquipment();
+        EXPECT_EQ(k.shown(), std::vector<std::string>{std::string(portName) +
+                                                      "- Port Error. Please select another port."})
+            << field;
+    }
+}
+
+// A pin pad library that cannot be reached.
+class UnreachableLibrary : public sim::SimPinPad {
+public:
+    using SimPinPad::SimPinPad;
+    PinPadIdentity identify() override {
+        throw KsxError(429, "ActiveX component can't create object", "cpIntegracionEMV");
+    }
+};
+
+TEST(InitEquipment, AnOffLineOrUnreachablePinPadIsNotAPortError) {
+    Kiosk k;
+    UnreachableLibrary library(k.clock(), k.scheduler(), k.store());
+    kestrix::Setup engine(Platform{k.clock(), k.scheduler(), k.store(), k.messageBox(), k.printer(),
+                                   k.network(), k.instance(), library, k.mdbPort(),
+                                   k.dispenserPort(), k.hoppersPort()});
+    ASSERT_TRUE(engine.startUp());
+    EXPECT_TRUE(k.messageBox().shown().empty());
+    EXPECT_EQ(engine.console().text("ccOnLine"), "No");
+    EXPECT_EQ(engine.console().text("bvModelNumber"), padded("KSX-BV-5"));
+    EXPECT_EQ(k.setting("Pin Pad", "On Line"), "No");
+
+    Kiosk offline;
+    offline.control("fault pinpad offline on");
+    ASSERT_TRUE(offline.start());
+    EXPECT_EQ(offline.text("ccOnLine"), "No");
+    EXPECT_EQ(offline.text("ccModel"), "N/A");
+    EXPECT_TRUE(offline.engine().console().enabled("ccReadCard")) << "the box decides";
+}
+
+TEST(InitEquipment, ChangerAndValidatorProfiles) {
+    // Scaling factor 5: a credit of 0Ah is a coin of 2.
+    sim::KioskProfile p = sim::defaultProfile();
+    p.changer.scalingFactor = 5;
+    p.changer.coinCredits = {10, 25, 10, 50};
+    p.changer.tubeRouting = 0x0007;
+    p.changer.tubeStart = {11, 22, 33};
+    // Security levels 00FF: their low byte is byte 10, where the escrow flag is read.
+    p.validator.securityLevels = 0x00FF;
+    Kiosk k(p);
+    ASSERT_TRUE(k.start());
+    EXPECT_EQ(k.text("ct1_value"), "2");
+    EXPECT_EQ(k.text("ct2_value"), "5");
+    EXPECT_EQ(k.text("ct4_value"), "10");
+    // Types 1 and 3 share a value: its slots show the higher type's count.
+    EXPECT_EQ(k.text("tubeCoinType1"), "2");
+    EXPECT_EQ(k.text("tubeCoinType3"), "2");
+    EXPECT_EQ(k.text("tubeCoinQty1"), "33");
+    EXPECT_EQ(k.text("tubeCoinQty3"), "33");
+    EXPECT_EQ(k.text("tubeCoinQty2"), "22");
+    EXPECT_EQ(k.text("tubeCoinType4"), "0") << "three routed types";
+    EXPECT_EQ(k.text("tubesAmount"), std::to_string(11 * 2 + 22 * 5 + 33 * 2));
+    EXPECT_EQ(k.text("bvEscrowCapability"), "YES");
+    EXPECT_EQ(k.text("bvSecurityLevels"), "f400H");
+}
+
+TEST(InitEquipment, ScriptedRepliesNoPeripheralShouldSend) {
+    // A tube status that is only an acknowledgement is asked again, each time after its wait;
+    // a short SETUP (two coin types, then its check byte AFh where type 3's credit would be) and
+    // garbled text give fields what their positions hold, without an error.
+    Kiosk k;
+    test::ScriptedMdb& mdb = k.scripted();
+    scriptDefaultDevices(mdb);
+    mdb.script(0x09, {mdbReply({0x02, 0x14, 0x84, 0x01, 0x02, 0x00, 0x03, 5, 10})});
+    mdb.script(0x0F00, {"4b00 ??00 5801 "});
+    mdb.script(0x0A, {"0001 ", "0001 ", "0000 0000 0300 0001 "});
+    ASSERT_TRUE(k.start());
+    EXPECT_TRUE(k.messageBox().shown().empty());
+    EXPECT_EQ(mdb.count("0A 0A"), 3);
+    EXPECT_EQ(k.text("ct1_value"), "5");
+    EXPECT_EQ(k.text("ct3_value"), "175");
+    EXPECT_EQ(k.text("ct4_value"), "0");
+    EXPECT_EQ(k.text("caManufacturer"), "KX");
+    EXPECT_EQ(k.text("caSerialNumber"), "");
+    EXPECT_EQ(k.text("tubeCoinQty1"), "3");
+    EXPECT_EQ(k.text("tubeCoinQty2"), "0");
+    EXPECT_EQ(k.text("tubesAmount"), "15");
+    EXPECT_EQ(k.text("bvDecimalPlaces"), "1");
+    EXPECT_EQ(k.text("bvStackerCapacity"), "254") << "its check byte, then nothing";
+
+    // A scaling factor of 0 cannot give coin values: a run-time error, told as a port error.
+    Kiosk zero;
+    scriptDefaultDevices(zero.scripted());
+    zero.scripted().script(0x09, {mdbReply({0x03, 0x14, 0x84, 0x00, 0x01, 0x00, 0x1F, 1, 2})});
+    ASSERT_TRUE(zero.start());
+    EXPECT_EQ(zero.shown(),
+              std::vector<std::string>{"MDB Interface- Port Error. Please select another port."});
+
+    // Junk text between the adapter's words never stops the initialisation.
+    Kiosk garbage;
+    garbage.control("fault adapter garbage on");
+    ASSERT_TRUE(garbage.start());
+    EXPECT_TRUE(garbage.checked("CoinAcceptorEnabled"));
+}
+
+// --- Bill dispenser ----------------------------------------------------------------------------
+
+TEST(BillDispenser, SetUpPerBillTypeThenTheAnswerAfterTheWaits) {
+    std::string written20;
+    for (int type : {20, 50, 100, 200, 500, 1000, 0, 5}) {
+        Kiosk k;
+        k.dispenserPort().open(sim::VirtualKiosk::kPorts.dispenser, BillDispenser::kLineSettings);
+        int bType = type;
+        k.engine().dispenser().initBillDispenser(bType);
+        const auto setup = bd::setupFrame(type);
+        const std::string acks = bd::ackFrame() + bd::ackFrame();
+        EXPECT_EQ(k.dispenserPort().written(), (setup ? setup->header + setup->body : "") + acks)
+            << type;
+        // 0.2 s between the set-up's two writes, 4 s, 0.2 s after each acknowledgement.
+        EXPECT_NEAR(k.clock().elapsed(), (setup ? 0.2 : 0) + 4.4, 0.003) << type;
+        // A type without a set-up still reads and decodes what came: nothing, an error.
+        EXPECT_EQ(k.text("bdStatus"), setup ? "OK" : "ERR") << type;
+        EXPECT_EQ(k.dispenser().setUpFor(), setup ? (type == 50 ? 20 : type) : 0) << type;
+        if (type == 20) {
+            written20 = k.dispenserPort().written();
+        } else if (type == 50) {
+            EXPECT_EQ(k.dispenserPort().written(), written20);
+        }
+    }
+}
+
+TEST(BillDispenser, FaultsShowInStatusCassetteAndFields) {
+    struct Row {
+        const char* fault;
+        const char* status;
+        const char* cassette;
+        const char* version;
+    };
+    const Row rows[] = {
+        {"low", "OK", "LOW", "0215"},
+        {"error", "ERR", "OK", "0215"},
+        {"silent", "ERR", "OK", ""},
+        // A byte 0Ch in the cassette count: every later field is read one character early.
+        {"shifted", "OK", "OK", "0215"},
+    };
+    for (const Row& row : rows) {
+        Kiosk k;
+        k.control(std::string("fault dispenser ") + row.fault + " on");
+        ASSERT_TRUE(k.start());
+        EXPECT_TRUE(k.messageBox().shown().empty()) << row.fault;
+        EXPECT_EQ(k.text("bdStatus"), row.status) << row.fault;
+        EXPECT_EQ(k.mailbox("BDStatus"), row.status) << row.fault;
+        EXPECT_EQ(k.text("bdCasetteStatus"), row.cassette) << row.fault;
+        EXPECT_EQ(k.mailbox("BDCassette"), row.cassette) << row.fault;
+        EXPECT_EQ(k.text("bdSWVersion"), row.version) << row.fault;
+        if (std::string(row.fault) == "shifted") {
+            EXPECT_NE(k.text("bdMaxLenght"), "139");
+        }
+    }
+}
+
+TEST(BillDispenser, AQuantityIsPaidBillByBillAndStopsOnAnError) {
+    Kiosk k;
+    ASSERT_TRUE(k.start());
+    k.dispenser().setBills(2);
+    k.engine().console().setText("bdQtyBills", "5");
+    k.engine().bdDispenseBills_Click();
+    EXPECT_EQ(k.dispenser().billsDelivered(), 2);
+    EXPECT_EQ(k.text("bdBillsDispensed"), "2");
+    EXPECT_EQ(k.text("bdStatus"), "ERR");
+    EXPECT_EQ(k.mailbox("BDStatus"), "ERR");
+    EXPECT_EQ(k.mailbox("BDDispensed"), "2");
+    EXPECT_TRUE(k.engine().console().enabled("bdDispenseBills"));
+
+    // In error nothing is paid until a status read clears it; the refill's status does.
+    k.engine().bdDispenseBills_Click();
+    EXPECT_EQ(k.dispenser().billsDelivered(), 2);
+    k.dispenser().setBills(100);
+    k.engine().bdDispenserRefill_Click();
+    EXPECT_EQ(k.text("bdStatus"), "OK");
+    EXPECT_EQ(k.mailbox("BDDispensed"), "0");
+
+    // A slow dispenser answers after the engine's first read: it asks again until it has it.
+    k.control("fault dispenser slow on");
+    k.engine().console().setText("bdQtyBills", "1");
+    k.engine().bdDispenseBills_Click();
+    EXPECT_EQ(k.dispenser().billsDelivered(), 3);
+    EXPECT_EQ(k.mailbox("BDDispensed"), "1");
+}
+
+TEST(BillDispenser, NothingToPayStillPublishesAndAVanishedPortIsAnError) {
+    Kiosk k;
+    ASSERT_TRUE(k.start());
+    for (const char* qty : {"0", "two", "-3"}) {
+        k.engine().console().setText("bdQtyBills", qty);
+        k.store().clearWrites();
+        k.engine().bdDispenseBills_Click();
+        EXPECT_EQ(k.store().writes().size(), 3u) << qty;
+    }
+    k.engine().console().setText("bdQtyBills", "1");
+    k.dispenserPort().unplug();
+    k.engine().bdDispenseBills_Click();
+    EXPECT_EQ(k.text("bdStatus"), "ERR");
+    EXPECT_EQ(k.mailbox("BDDispensed"), "0");
+    EXPECT_TRUE(k.engine().console().enabled("bdDispenserRefill"));
+}
+
+// --- The link and Exit -----------------------------------------------------------------------
+
+TEST(MdbLink, ACompleteReplyIsTakenAtOnceAndTheRestGoesToTheNextExchange) {
+    Kiosk k;
+    test::ScriptedMdb& mdb = k.scripted();
+    MdbLink& link = k.engine().link();
+    link.prepareFrames();
+    k.engine().console().setText("comPorts", "1");
+    link.open();
+    mdb.script(0x0B, {"0001 0b00 0b01 "});
+    link.send(link.frames().caPollFrame);
+    const mdb::Reply first = link.collect(mdb::kNoReadLimit);
+    EXPECT_TRUE(first.answered());
+    EXPECT_EQ(link.acknowledge(first), first.endsComplete());
+    const mdb::Reply rest = link.collect(mdb::completeBy(50));
+    EXPECT_EQ(first.text() + rest.text(), "0001 0b00 0b01 ");
+
+    // No end marker: a limited use gives up after its reads and its attempts, ACK after each.
+    mdb.script(0x33, {"0600 0900 zz"});
+    const mdb::Exchange ex = link.exchange(mdb::commands::validatorPoll(), mdb::use::kRecoveryPoll);
+    EXPECT_FALSE(ex.answered);
+    EXPECT_EQ(ex.attempts, 301);
+    EXPECT_EQ(ex.reply.reads(), 50);
+    EXPECT_EQ(mdb.count("ACK"), 301 + (first.endsComplete() ? 1 : 0));
+}
+
+TEST(Exit, ResetsTheChangerThenTheValidatorUntilItAnswers) {
+    Kiosk k;
+    ASSERT_TRUE(k.start());
+    test::ScriptedMdb& mdb = k.scripted();
+    scriptDefaultDevices(mdb);
+    k.mdbPort().open(sim::VirtualKiosk::kPorts.mdb, MdbLink::kLineSettings);
+    // The validator misses two resets: each gets 201 reads, then an ACK, then the RESET again.
+    mdb.script(0x30, {"", "", "0001 "});
+    k.engine().Exit();
+    EXPECT_EQ(mdb.frames(), (std::vector<std::string>{"08 08", "ACK", "30 30", "ACK", "30 30",
+                                                      "ACK", "30 30", "ACK", "33 33", "ACK"}));
+    EXPECT_EQ(k.setting("Pin Pad", "On Line"), "No");
+    EXPECT_FALSE(k.mdbPort().isOpen());
+    EXPECT_TRUE(k.engine().ended());
+}
+
+}  // namespace
+}  // namespace kestrix
