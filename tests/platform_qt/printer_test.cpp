@@ -10,7 +10,6 @@
 #include <string>
 
 #include "platform_qt/lock_file_instance.h"
-#include "platform_qt/qt_network_info.h"
 #include "platform_qt/qt_printer.h"
 #include "support/support.h"
 
@@ -127,18 +126,6 @@ TEST(QtPrinter, NoPrinterAtAllIsAnError) {
     ASSERT_EQ(printer.current(), "");
     printer.printLine("x");
     EXPECT_THROW(printer.endDoc(), std::runtime_error);
-}
-
-TEST(QtNetworkInfo, AddressIsSixUpperCaseGroupsOrNothing) {
-    QtNetworkInfo network;
-    const std::string address = network.firstAdapterAddress();
-    if (!address.empty()) {
-        EXPECT_TRUE(QRegularExpression("^([0-9A-F]{2}-){5}[0-9A-F]{2}$")
-                        .match(QString::fromStdString(address))
-                        .hasMatch())
-            << address;
-        EXPECT_NE(address, "00-00-00-00-00-00");
-    }
 }
 
 TEST(LockFileInstance, OneEnginePerStoreAndItsCommandLine) {

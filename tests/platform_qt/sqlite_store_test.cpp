@@ -119,58 +119,35 @@ TEST(SqliteStore, UnusablePathIsAStoreError) {
     EXPECT_THROW(SqliteStore{dir + "/junk.db"}, StoreError);
 }
 
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : m_name(name) {
-        if (const char* old = std::getenv(name)) {
-            m_old = old;
-            m_had = true;
-        }
-        if (value != nullptr) {
-            setenv(name, value, 1);
-        } else {
-            unsetenv(name);
-        }
+// The store path as the programs resolve it with KSX_STORE and XDG_CONFIG_HOME set as given
+// (nullptr: unset) and HOME=/home/kiosk. The test's own environment is put back afterwards.
+std::string pathWith(const char* ksxStore, const char* xdg, const std::string& cli = {}) {
+    const char* names[] = {"KSX_STORE", "XDG_CONFIG_HOME", "HOME"};
+    const char* values[] = {ksxStore, xdg, "/home/kiosk"};
+    std::string saved[3];
+    bool had[3];
+    for (int i = 0; i < 3; ++i) {
+        const char* old = std::getenv(names[i]);
+        had[i] = old != nullptr;
+        saved[i] = had[i] ? old : "";
+        values[i] != nullptr ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
     }
-    ~ScopedEnv() {
-        if (m_had) {
-            setenv(m_name, m_old.c_str(), 1);
-        } else {
-            unsetenv(m_name);
-        }
+    const std::string path = resolveStorePath(cli);
+    for (int i = 0; i < 3; ++i) {
+        had[i] ? setenv(names[i], saved[i].c_str(), 1) : unsetenv(names[i]);
     }
-
-private:
-    const char* m_name;
-    std::string m_old;
-    bool m_had = false;
-};
+    return path;
+}
 
 TEST(SqliteStore, StorePathRules) {
-    ScopedEnv home("HOME", "/home/kiosk");
-    {
-        ScopedEnv store("KSX_STORE", nullptr);
-        ScopedEnv xdg("XDG_CONFIG_HOME", nullptr);
-        EXPECT_EQ(resolveStorePath(""), "/home/kiosk/.config/kestrix/KSX.db");
-        EXPECT_EQ(resolveStorePath("/tmp/x.db"), "/tmp/x.db");
-    }
-    {
-        ScopedEnv store("KSX_STORE", nullptr);
-        ScopedEnv xdg("XDG_CONFIG_HOME", "/etc/cfg");
-        EXPECT_EQ(resolveStorePath(""), "/etc/cfg/kestrix/KSX.db");
-    }
-    {
-        ScopedEnv store("KSX_STORE", nullptr);
-        ScopedEnv xdg("XDG_CONFIG_HOME", "relative/cfg");
-        EXPECT_EQ(resolveStorePath(""), "/home/kiosk/.config/kestrix/KSX.db")
-            << "a relative XDG_CONFIG_HOME is ignored";
-    }
-    {
-        ScopedEnv store("KSX_STORE", "/srv/ksx.db");
-        ScopedEnv xdg("XDG_CONFIG_HOME", "/etc/cfg");
-        EXPECT_EQ(resolveStorePath(""), "/srv/ksx.db");
-        EXPECT_EQ(resolveStorePath("/opt/cli.db"), "/opt/cli.db") << "the option wins";
-    }
+    EXPECT_EQ(pathWith(nullptr, nullptr), "/home/kiosk/.config/kestrix/KSX.db");
+    EXPECT_EQ(pathWith(nullptr, nullptr, "/tmp/x.db"), "/tmp/x.db");
+    EXPECT_EQ(pathWith(nullptr, "/etc/cfg"), "/etc/cfg/kestrix/KSX.db");
+    EXPECT_EQ(pathWith(nullptr, "relative/cfg"), "/home/kiosk/.config/kestrix/KSX.db")
+        << "a relative XDG_CONFIG_HOME is ignored";
+    EXPECT_EQ(pathWith("/srv/ksx.db", "/etc/cfg"), "/srv/ksx.db");
+    EXPECT_EQ(pathWith("/srv/ksx.db", "/etc/cfg", "/opt/cli.db"), "/opt/cli.db")
+        << "the option wins";
 }
 
 }  // namespace
