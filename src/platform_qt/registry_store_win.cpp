@@ -1,5 +1,9 @@
 #include "registry_store_win.h"
 
+// RegGetValueW and RegSetKeyValueW came with Windows Vista; the kiosks run Windows 7 or later.
+#ifndef _WIN32_WINNT
+#define _WIN32_WINNT 0x0601
+#endif
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
