@@ -87,9 +87,7 @@ void EngineHost::run() {
         LockFileInstance instance(LockFileInstance::lockPathFor(m_options.storePath),
                                   QCoreApplication::arguments());
         std::unique_ptr<PaymentLibrary> library = makePaymentLibrary(store, clock, scheduler);
-        const auto resolver = [&store](int port) {
-            return store.get(store::kApp, store::section::kPorts, std::to_string(port), "");
-        };
+        const PortResolver resolver = storePortResolver(store);
         QtSerialPort mdbPort(resolver);
         QtSerialPort dispenserPort(resolver);
         QtSerialPort hoppersPort(resolver);
