@@ -1,0 +1,449 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "sim/kiosk_models.h"
+#include "sim/pty_kiosk.h"
+
+namespace kestrix::sim {
+
+namespace {
+
+// How often the loop wakes to let device answers out when nothing arrives: the models' answer
+// delays are a few milliseconds.
+constexpr int kLoopMs = 2;
+constexpr std::size_t kMaxPendingOut = 64 * 1024;
+constexpr std::size_t kMaxCommandBytes = 4096;
+
+std::string errnoText(const std::string& what) {
+    return what + ": " + std::strerror(errno);
+}
+
+void setNonBlocking(int fd) {
+    const int flags = fcntl(fd, F_GETFL, 0);
+    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+}
+
+void makeRaw(int fd) {
+    termios t{};
+    if (tcgetattr(fd, &t) == 0) {
+        cfmakeraw(&t);
+        cfsetispeed(&t, B9600);
+        cfsetospeed(&t, B9600);
+        tcsetattr(fd, TCSANOW, &t);
+    }
+}
+
+bool fillAddress(const std::string& path, sockaddr_un& addr) {
+    std::memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr.sun_path) {
+        return false;
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
+// Writes all of `text` to a socket, waiting at most about a second for a slow reader.
+void sendAll(int fd, const std::string& text) {
+    std::size_t done = 0;
+    for (int tries = 0; done < text.size() && tries < 100; ++tries) {
+        const ssize_t n = ::send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+        if (n > 0) {
+            done += static_cast<std::size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+            return;
+        }
+        pollfd p{fd, POLLOUT, 0};
+        ::poll(&p, 1, 10);
+    }
+}
+
+struct Link {
+    std::string name;
+    LinkDevice* device = nullptr;
+    int master = -1;
+    int slave = -1;  // kept open so the master never sees a hang-up while the engine is away
+    std::string slavePath;
+    std::string pendingOut;
+};
+
+struct Client {
+    int fd;
+    std::string input;
+};
+
+}  // namespace
+
+struct PtyKiosk::Impl {
+    std::string dir;
+    KioskProfile profile;
+    std::chrono::steady_clock::time_point epoch = std::chrono::steady_clock::now();
+    std::mutex mutex;
+    KioskModels models;
+    std::vector<Link> links;
+    int listenFd = -1;
+    int wake[2] = {-1, -1};
+    std::vector<Client> clients;
+    std::thread thread;
+    std::atomic<bool> quit{false};
+    bool started = false;
+    bool createdDir = false;
+    std::vector<std::string> createdPaths;
+
+    Impl(std::string d, const KioskProfile& p)
+        : dir(std::move(d)), profile(p), models(p, [this] { return now(); }) {}
+
+    double now() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - epoch).count();
+    }
+
+    void openLink(const std::string& name, LinkDevice& device);
+    void openSocket();
+    void run();
+    void serviceLink(Link& link, double t);
+    void flush(Link& link);
+    void acceptClients();
+    bool serviceClient(Client& c);
+    void cleanUp();
+};
+
+void PtyKiosk::Impl::openLink(const std::string& name, LinkDevice& device) {
+    Link link;
+    link.name = name;
+    link.device = &device;
+    link.master = posix_openpt(O_RDWR | O_NOCTTY);
+    if (link.master < 0 || grantpt(link.master) != 0 || unlockpt(link.master) != 0) {
+        if (link.master >= 0) {
+            ::close(link.master);
+        }
+        throw std::runtime_error(errnoText("cannot create a pseudo-terminal for " + name));
+    }
+    const char* slaveName = ptsname(link.master);
+    link.slavePath = slaveName != nullptr ? slaveName : "";
+    link.slave = ::open(link.slavePath.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+    if (link.slave < 0) {
+        ::close(link.master);
+        throw std::runtime_error(errnoText("cannot open " + link.slavePath));
+    }
+    makeRaw(link.slave);
+    makeRaw(link.master);
+    setNonBlocking(link.master);
+    links.push_back(link);
+
+    const std::string path = dir + "/" + name;
+    struct stat st {};
+    if (lstat(path.c_str(), &st) == 0) {
+        if (!S_ISLNK(st.st_mode)) {
+            throw std::runtime_error(path + " exists and is not a link");
+        }
+        ::unlink(path.c_str());  // a link left by a simulator that did not end cleanly
+    }
+    if (::symlink(link.slavePath.c_str(), path.c_str()) != 0) {
+        throw std::runtime_error(errnoText("cannot create " + path));
+    }
+    createdPaths.push_back(path);
+}
+
+void PtyKiosk::Impl::openSocket() {
+    const std::string path = dir + "/control";
+    sockaddr_un addr{};
+    if (!fillAddress(path, addr)) {
+        throw std::runtime_error("the directory path is too long for a control socket: " + path);
+    }
+    struct stat st {};
+    if (lstat(path.c_str(), &st) == 0) {
+        std::string ignored;
+        if (sendControlCommand(dir, "help", ignored, 1.0) != kControlNoSimulator) {
+            throw std::runtime_error("a simulator already runs in " + dir);
+        }
+        ::unlink(path.c_str());
+    }
+    listenFd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (listenFd < 0 || ::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        ::listen(listenFd, 8) != 0) {
+        throw std::runtime_error(errnoText("cannot open the control socket " + path));
+    }
+    createdPaths.push_back(path);
+    setNonBlocking(listenFd);
+}
+
+void PtyKiosk::Impl::flush(Link& link) {
+    while (!link.pendingOut.empty()) {
+        const ssize_t n = ::write(link.master, link.pendingOut.data(), link.pendingOut.size());
+        if (n <= 0) {
+            break;  // the engine side is not reading; try again on the next turn
+        }
+        link.pendingOut.erase(0, static_cast<std::size_t>(n));
+    }
+    if (link.pendingOut.size() > kMaxPendingOut) {
+        link.pendingOut.erase(0, link.pendingOut.size() - kMaxPendingOut);
+    }
+}
+
+void PtyKiosk::Impl::serviceLink(Link& link, double t) {
+    char buf[4096];
+    for (;;) {
+        const ssize_t n = ::read(link.master, buf, sizeof buf);
+        if (n <= 0) {
+            break;
+        }
+        link.device->receive(std::string_view(buf, static_cast<std::size_t>(n)), t);
+    }
+    link.pendingOut += link.device->transmit(t);
+    flush(link);
+}
+
+void PtyKiosk::Impl::acceptClients() {
+    for (;;) {
+        const int fd = ::accept(listenFd, nullptr, nullptr);
+        if (fd < 0) {
+            return;
+        }
+        setNonBlocking(fd);
+        clients.push_back({fd, {}});
+    }
+}
+
+// False when the client is done with (answered or gone).
+bool PtyKiosk::Impl::serviceClient(Client& c) {
+    char buf[1024];
+    for (;;) {
+        const ssize_t n = ::recv(c.fd, buf, sizeof buf, 0);
+        if (n == 0) {
+            break;  // the client finished writing
+        }
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                if (c.input.find('\n') == std::string::npos) {
+                    return true;  // the rest of the line is still coming
+                }
+                break;
+            }
+            return false;
+        }
+        c.input.append(buf, static_cast<std::size_t>(n));
+        if (c.input.size() > kMaxCommandBytes) {
+            sendAll(c.fd, "REJECTED\ncommand too long\n");
+            return false;
+        }
+    }
+    const std::string line = c.input.substr(0, c.input.find('\n'));
+    ControlResult r;
+    {
+        std::lock_guard lock(mutex);
+        r = models.command(line);
+    }
+    std::string text = r.text;
+    if (!text.empty() && text.back() != '\n') {
+        text += '\n';
+    }
+    sendAll(c.fd, (r.ok ? "OK\n" : "REJECTED\n") + text);
+    return false;
+}
+
+void PtyKiosk::Impl::run() {
+    while (!quit.load()) {
+        std::vector<pollfd> fds;
+        fds.push_back({wake[0], POLLIN, 0});
+        fds.push_back({listenFd, POLLIN, 0});
+        for (const Link& l : links) {
+            fds.push_back({l.master, POLLIN, 0});
+        }
+        for (const Client& c : clients) {
+            fds.push_back({c.fd, POLLIN, 0});
+        }
+        ::poll(fds.data(), fds.size(), kLoopMs);
+        if ((fds[0].revents & POLLIN) != 0) {
+            break;
+        }
+        {
+            std::lock_guard lock(mutex);
+            const double t = now();
+            for (Link& l : links) {
+                serviceLink(l, t);
+            }
+        }
+        if ((fds[1].revents & POLLIN) != 0) {
+            acceptClients();
+        }
+        for (std::size_t i = 0; i < clients.size();) {
+            const pollfd& p =
+                fds.size() > 2 + links.size() + i ? fds[2 + links.size() + i] : pollfd{-1, 0, 0};
+            if (p.fd == clients[i].fd && p.revents != 0 && !serviceClient(clients[i])) {
+                ::close(clients[i].fd);
+                clients.erase(clients.begin() + static_cast<long>(i));
+                fds.erase(fds.begin() + static_cast<long>(2 + links.size() + i));
+                continue;
+            }
+            ++i;
+        }
+    }
+}
+
+void PtyKiosk::Impl::cleanUp() {
+    for (Client& c : clients) {
+        ::close(c.fd);
+    }
+    clients.clear();
+    if (listenFd >= 0) {
+        ::close(listenFd);
+        listenFd = -1;
+    }
+    for (Link& l : links) {
+        ::close(l.master);
+        ::close(l.slave);
+    }
+    links.clear();
+    for (int& fd : wake) {
+        if (fd >= 0) {
+            ::close(fd);
+            fd = -1;
+        }
+    }
+    for (const std::string& p : createdPaths) {
+        ::unlink(p.c_str());
+    }
+    createdPaths.clear();
+    if (createdDir) {
+        ::rmdir(dir.c_str());  // only when nothing else has been put there
+        createdDir = false;
+    }
+}
+
+PtyKiosk::PtyKiosk(std::string dir, const KioskProfile& profile)
+    : m_impl(std::make_unique<Impl>(std::move(dir), profile)) {}
+
+PtyKiosk::~PtyKiosk() {
+    stop();
+}
+
+void PtyKiosk::start() {
+    Impl& d = *m_impl;
+    if (d.started) {
+        return;
+    }
+    std::error_code ec;
+    if (!std::filesystem::exists(d.dir, ec)) {
+        if (!std::filesystem::create_directory(d.dir, ec)) {
+            throw std::runtime_error("cannot create " + d.dir + ": " + ec.message());
+        }
+        d.createdDir = true;
+    }
+    try {
+        if (::pipe(d.wake) != 0) {
+            throw std::runtime_error(errnoText("cannot create a pipe"));
+        }
+        d.openSocket();
+        d.openLink("mdb", d.models.mdbLink());
+        d.openLink("dispenser", d.models.dispenserLink());
+        d.openLink("hoppers", d.models.hoppersLink());
+    } catch (...) {
+        d.cleanUp();
+        throw;
+    }
+    d.quit = false;
+    d.thread = std::thread([&d] { d.run(); });
+    d.started = true;
+}
+
+void PtyKiosk::stop() {
+    Impl& d = *m_impl;
+    if (!d.started) {
+        return;
+    }
+    d.quit = true;
+    const char byte = 'q';
+    [[maybe_unused]] const ssize_t n = ::write(d.wake[1], &byte, 1);
+    d.thread.join();
+    d.cleanUp();
+    d.started = false;
+}
+
+bool PtyKiosk::running() const {
+    return m_impl->started;
+}
+
+ControlResult PtyKiosk::command(std::string_view line) {
+    std::lock_guard lock(m_impl->mutex);
+    return m_impl->models.command(line);
+}
+
+const std::string& PtyKiosk::dir() const {
+    return m_impl->dir;
+}
+
+std::string PtyKiosk::path(std::string_view name) const {
+    return m_impl->dir + "/" + std::string(name);
+}
+
+int sendControlCommand(const std::string& dir, const std::string& command, std::string& answer,
+                       double timeoutSeconds) {
+    const std::string path = dir + "/control";
+    sockaddr_un addr{};
+    answer.clear();
+    if (!fillAddress(path, addr)) {
+        answer = "no simulator answers at " + dir + " (path too long)";
+        return kControlNoSimulator;
+    }
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        answer = "no simulator answers at " + dir;
+        return kControlNoSimulator;
+    }
+    sendAll(fd, command + "\n");
+    ::shutdown(fd, SHUT_WR);
+    std::string reply;
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
+    char buf[4096];
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            break;
+        }
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+            break;
+        }
+        const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+        if (n <= 0) {
+            break;
+        }
+        reply.append(buf, static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+    const std::size_t eol = reply.find('\n');
+    const std::string status = reply.substr(0, eol);
+    answer = eol == std::string::npos ? std::string() : reply.substr(eol + 1);
+    if (status == "OK") {
+        return kControlAccepted;
+    }
+    if (status == "REJECTED") {
+        return kControlRejected;
+    }
+    answer = "no simulator answers at " + dir;
+    return kControlNoSimulator;
+}
+
+}  // namespace kestrix::sim
