@@ -480,6 +480,14 @@ TEST(CardPayment, WatchReportsALostLibraryOnce) {
     EXPECT_EQ(w.console().text("ccPantallaPP"), "BIENVENIDO");
 }
 
+TEST(VoucherPrinter, ChoosingAPrinterOnTheConsoleMakesItCurrent) {
+    CardWorld w;
+    w.engine->operatorEdit("ccPrinters", "Voucher Printer", 0);
+    EXPECT_EQ(w.printer.current(), "Voucher Printer");
+    w.engine->operatorEdit("ccPrinters", "Unplugged Printer", 0);
+    EXPECT_EQ(w.printer.current(), "Voucher Printer");
+}
+
 // --- Pin pad test -------------------------------------------------------------------------------
 
 TEST(PinPadTest, ReadShowsTheCardAndTouchesNeitherMailboxNorPrinter) {
