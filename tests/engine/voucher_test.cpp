@@ -38,13 +38,6 @@ const std::vector<std::string> kBox = {
     "***                            ***", "**********************************",
     "**********************************"};
 
-TEST(Voucher, FixedLinesAreThirtyFourCharacters) {
-    for (const std::string& line : kBox) {
-        EXPECT_EQ(line.size(), 34u) << line;
-    }
-    EXPECT_EQ(voucher::kNotProcessedLine, kBox[3]);
-}
-
 TEST(Voucher, MarkersAreRemovedInTheirOrder) {
     struct Row {
         std::string in;

@@ -3,7 +3,6 @@
 #include <memory>
 #include <string>
 
-#include "engine/card/voucher.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
 #include "sim/pinpad/sim_pin_pad.h"
@@ -73,6 +72,9 @@ TEST(SimulatedPinPad, OutcomesReachTheHost) {
         {"error", "Error: No answer from the authorisation host Código = E101", "0",
          "ERROR DE COMUNICACIÓN"},
         {"readerror", "Pin Pad Error", "0", "PIN PAD ERROR"},
+        // Not a result the engine knows: nothing shown (the host keeps the last prompt), printed
+        // or credited.
+        {"timeout", "CONNECTING TO HOST...", "0", ""},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.result);
@@ -82,38 +84,16 @@ TEST(SimulatedPinPad, OutcomesReachTheHost) {
         EXPECT_EQ(k.mailbox("Status"), row.status);
         EXPECT_EQ(k.mailbox("Credit"), row.credit);
         EXPECT_EQ(k.mailbox("ReferenceCC"), "");
+        EXPECT_EQ(k.mailbox("DueCC"), "0");
+        if (row.voucherStart.empty()) {
+            EXPECT_TRUE(k.printer.documents().empty());
+            continue;
+        }
         ASSERT_EQ(k.printer.documents().size(), 1u);
-        EXPECT_EQ(k.printer.documents()[0].front().text.rfind(row.voucherStart, 0), 0u)
-            << k.printer.documents()[0].front().text;
-        EXPECT_EQ(k.printer.documents()[0].front().text.find('@'), std::string::npos);
+        const std::string& first = k.printer.documents()[0].front().text;
+        EXPECT_EQ(first.rfind(row.voucherStart, 0), 0u) << first;
+        EXPECT_EQ(first.find('@'), std::string::npos);
     }
-}
-
-TEST(SimulatedPinPad, HostCancelDeclinesTheSaleOnce) {
-    SimCardKiosk k;
-    k.steer("Seconds", "60");
-    std::unique_ptr<Timer> cancel;
-    cancel = k.scheduler.createTimer("hostCancel", 10000, true, [&] {
-        cancel->setEnabled(false);
-        k.store.set(store::kApp, store::section::kStatus, store::mailbox::kCancel, "1");
-    });
-    k.pay("25");
-    EXPECT_LT(k.clock.elapsed(), 15) << "the cancel ended the sale early";
-    EXPECT_EQ(k.mailbox("Status"), "Credit Card Denied");
-    ASSERT_EQ(k.printer.documents().size(), 1u);
-    EXPECT_EQ(k.printer.documents()[0][19].text, "Causa : CANCELLED");
-    EXPECT_EQ(k.engine->console().text("enablePaymentCC"), "Credit Card");
-    EXPECT_EQ(k.pinPad.salesRun(), 1);
-}
-
-TEST(SimulatedPinPad, OfflinePinPadFailsBeforeTheSale) {
-    SimCardKiosk k;
-    k.pinPad.setFault("offline", true);
-    k.pay("10");
-    EXPECT_EQ(k.mailbox("Status"), "Pin Pad Error");
-    EXPECT_EQ(k.engine->console().text("ccPantallaPP"),
-              "Pin pad not connected DescError = No answer from the pin pad CodError =  P01\n");
-    EXPECT_EQ(k.pinPad.salesRun(), 0);
 }
 
 }  // namespace
