@@ -1,0 +1,154 @@
+#include "process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "support.h"
+
+extern char** environ;
+
+namespace kestrix::test {
+
+namespace {
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
+                           const std::vector<std::string>& env) {
+    const std::string dir = makeTempDir("ksx-child");
+    m_outPath = dir + "/out";
+    m_errPath = dir + "/err";
+
+    std::vector<std::string> environment;
+    for (char** e = environ; *e != nullptr; ++e) {
+        const std::string entry(*e);
+        bool replaced = false;
+        for (const std::string& mine : env) {
+            const std::string name = mine.substr(0, mine.find('=') + 1);
+            if (entry.rfind(name, 0) == 0) {
+                replaced = true;
+            }
+        }
+        if (!replaced) {
+            environment.push_back(entry);
+        }
+    }
+    environment.insert(environment.end(), env.begin(), env.end());
+
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
+    for (const std::string& a : args) {
+        argv.push_back(const_cast<char*>(a.c_str()));
+    }
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    for (std::string& e : environment) {
+        envp.push_back(e.data());
+    }
+    envp.push_back(nullptr);
+
+    m_pid = fork();
+    if (m_pid < 0) {
+        throw std::runtime_error("fork failed");
+    }
+    if (m_pid == 0) {
+        const int out = ::open(m_outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int err = ::open(m_errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int in = ::open("/dev/null", O_RDONLY);
+        dup2(in, STDIN_FILENO);
+        dup2(out, STDOUT_FILENO);
+        dup2(err, STDERR_FILENO);
+        execve(argv[0], argv.data(), envp.data());
+        _exit(127);
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (running()) {
+        ::kill(m_pid, SIGKILL);
+        int status = 0;
+        ::waitpid(m_pid, &status, 0);
+    }
+}
+
+bool ChildProcess::running() {
+    if (m_status || m_pid <= 0) {
+        return false;
+    }
+    int status = 0;
+    const pid_t r = ::waitpid(m_pid, &status, WNOHANG);
+    if (r == m_pid) {
+        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return false;
+    }
+    return true;
+}
+
+std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
+    eventually([this] { return !running(); }, timeout);
+    return m_status;
+}
+
+void ChildProcess::signal(int sig) {
+    if (running()) {
+        ::kill(m_pid, sig);
+    }
+}
+
+std::string ChildProcess::out() const {
+    return slurp(m_outPath);
+}
+
+std::string ChildProcess::err() const {
+    return slurp(m_errPath);
+}
+
+RunResult run(const std::string& program, const std::vector<std::string>& args,
+              const std::vector<std::string>& env, std::chrono::milliseconds timeout) {
+    ChildProcess child(program, args, env);
+    RunResult r;
+    const std::optional<int> status = child.wait(timeout);
+    r.status = status.value_or(-1);
+    r.out = child.out();
+    r.err = child.err();
+    return r;
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (condition()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+std::string kestrixBinary() {
+    return std::string(KESTRIX_BIN_DIR) + "/kestrix/kestrix";
+}
+std::string kestrixSimBinary() {
+    return std::string(KESTRIX_BIN_DIR) + "/kestrix-sim/kestrix-sim";
+}
+std::string ksxctlBinary() {
+    return std::string(KESTRIX_BIN_DIR) + "/ksxctl/ksxctl";
+}
+
+}  // namespace kestrix::test
