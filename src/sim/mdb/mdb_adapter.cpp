@@ -39,13 +39,19 @@ void MdbAdapter::receive(std::string_view bytes, double now) {
     m_linkLog.add(now, FrameLog::Direction::ToDevice, hexBytes(bytes));
     for (const char c : bytes) {
         const auto b = static_cast<std::uint8_t>(c);
+        // The host sends a word's two bytes together. A first byte left alone for a while, or
+        // followed by something that is no mode byte, was noise: the pairing starts again here.
+        if (m_pendingData && (now - m_pendingAt > kHalfWordTimeoutSeconds || b > 0x01)) {
+            m_pendingData.reset();
+        }
         if (!m_pendingData) {
             m_pendingData = b;
+            m_pendingAt = now;
             continue;
         }
         const std::uint8_t data = *m_pendingData;
         m_pendingData.reset();
-        word(data, (b & 0x01) != 0, now);
+        word(data, b == 0x01, now);
     }
 }
 
@@ -68,6 +74,10 @@ void MdbAdapter::word(std::uint8_t data, bool mode, double now) {
         }
         m_frame.assign(1, data);
     } else if (!m_frame.empty()) {
+        if (m_frame.size() >= kMaxBlockBytes) {
+            m_frame.clear();  // longer than any block: line noise, not a command
+            return;
+        }
         m_frame.push_back(data);
     } else {
         // A word outside a command: the host's ACK, RET or NAK to the last answer.

@@ -19,7 +19,9 @@ namespace kestrix::sim {
 // word, 00h otherwise); a lone 00 00 is the host's ACK, AA 00 a RET, FF 00 a NAK. Words may come
 // in one write or one by one with pauses between them: the adapter assembles a command by the
 // length its peripheral gives for it and only then puts it on the bus. A new address word drops
-// an unfinished command, and so does a second of silence in the middle of one.
+// an unfinished command, and so does a second of silence in the middle of one. A byte that
+// cannot be a mode byte (neither 00 nor 01), or a first byte left alone for 50 ms, makes the
+// adapter pair the bytes afresh, so line noise does not shift every later word.
 //
 // To the host it reports every word a peripheral sends as five text characters: two lower-case
 // hex digits of the data byte, two of the mode byte, a blank ("0b00 0b01 "). A peripheral that
@@ -47,6 +49,9 @@ public:
     static constexpr double kBusByteSeconds = 11.0 / 9600.0;
     // An unfinished command is dropped after this much silence.
     static constexpr double kWordTimeoutSeconds = 1.0;
+    // A block on the bus is at most 36 bytes with its check byte.
+    static constexpr std::size_t kMaxBlockBytes = 36;
+    static constexpr double kHalfWordTimeoutSeconds = 0.05;
 
 private:
     void word(std::uint8_t data, bool mode, double now);
@@ -57,6 +62,7 @@ private:
 
     std::vector<MdbPeripheral*> m_peripherals;
     std::optional<std::uint8_t> m_pendingData;  // first byte of a word, waiting for its mode
+    double m_pendingAt = 0;
     Bytes m_frame;
     double m_lastWordAt = 0;
     MdbPeripheral* m_lastTalker = nullptr;
