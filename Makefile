@@ -22,7 +22,7 @@ test: build
 
 # Starts the engine with its console on the simulated kiosk.
 run: build
-	$(BUILD_DIR)/apps/kestrix --simulate $(ARGS)
+	$(BUILD_DIR)/apps/kestrix/kestrix --simulate $(ARGS)
 
 asan:
 	$(MAKE) test PRESET=asan

@@ -51,6 +51,15 @@ bool operatorTyped(const std::string& name) {
     return false;
 }
 
+bool isValueColumn(const std::string& name) {
+    for (const char* prefix : {"ct", "bt", "tubeCoin"}) {
+        if (name.rfind(prefix, 0) == 0 && name.find("Enabled") == std::string::npos) {
+            return true;
+        }
+    }
+    return name == "tubesAmount";
+}
+
 bool isPortList(const std::string& name) {
     return name == "comPorts" || name == "comPorts1" || name == "comPorts2";
 }
@@ -147,6 +156,10 @@ QWidget* ConsoleWindow::make(const std::string& name) {
                 }
                 if (name == "ccPassword") {
                     edit->setEchoMode(QLineEdit::Password);
+                }
+                if (isValueColumn(name)) {
+                    // Coin and bill values, tube counts: short numbers in narrow columns.
+                    edit->setFixedWidth(edit->fontMetrics().horizontalAdvance("00000.00") + 14);
                 }
                 w = edit;
             }
@@ -408,6 +421,8 @@ QWidget* ConsoleWindow::buildCreditCardTab() {
     addRow(test, 1, "ccTarjetahabiente");
     addRow(test, 2, "ccPantallaPP");
     test->addWidget(make("ccReadCard"), 3, 1, Qt::AlignLeft);
+    test->setColumnStretch(1, 1);
+    test->setRowStretch(4, 1);
     grid->addWidget(frame("Test Pin Pad", test), 1, 0);
 
     auto* printer = new QGridLayout;

@@ -216,9 +216,14 @@ StatusLine DeviceStatus::device(Device d) const {
             break;
         case Device::BillDispenser:
             if (real(text("bdStatus"))) {
-                return {"Initialised: " + text("bdStatus") + "; cassette " +
-                            text("bdCasetteStatus") + "; software " + text("bdSWVersion") + ".",
-                        L::Ok};
+                std::string summary = "Initialised: status " + text("bdStatus");
+                if (real(text("bdCasetteStatus"))) {
+                    summary += ", cassette " + text("bdCasetteStatus");
+                }
+                if (real(text("bdSWVersion"))) {
+                    summary += ", software " + text("bdSWVersion");
+                }
+                return {summary + ".", L::Ok};
             }
             break;
         case Device::Hoppers:

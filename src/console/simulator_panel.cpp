@@ -16,6 +16,7 @@
 #include <QStringList>
 #include <QTreeWidget>
 #include <QVBoxLayout>
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 
@@ -51,6 +52,9 @@ QString scalar(const QJsonValue& v) {
         return "-";
     }
     if (v.isArray()) {
+        if (v.toArray().isEmpty()) {
+            return "none";
+        }
         QStringList parts;
         for (const QJsonValue& item : v.toArray()) {
             parts << scalar(item);
@@ -163,16 +167,18 @@ QWidget* SimulatorPanel::buildFaults() {
     auto* box = new QGroupBox("Faults");
     box->setObjectName("simFaults");
     auto* grid = new QGridLayout(box);
+    constexpr int kPerRow = 3;
     int row = 0;
     for (const std::string& device : deviceNames()) {
         const sim::ControlResult faults = run("faults " + device);
         if (!faults.ok) {
             continue;
         }
-        grid->addWidget(new QLabel(QString::fromStdString(device)), row, 0, Qt::AlignTop);
-        auto* switches = new QWidget;
-        auto* flow = new QGridLayout(switches);
-        flow->setContentsMargins(0, 0, 0, 0);
+        grid->addWidget(new QLabel(QString::fromStdString(device)), row, 0);
+        auto* reset = new QPushButton("Power cycle");
+        reset->setObjectName(QString::fromStdString("simReset_" + device));
+        connect(reset, &QPushButton::clicked, this, [this, device] { run("reset " + device); });
+        grid->addWidget(reset, row, 1 + kPerRow);
         std::istringstream lines(faults.text);
         std::string name;
         std::string state;
@@ -185,15 +191,10 @@ QWidget* SimulatorPanel::buildFaults() {
                 run("fault " + device + " " + name + (on ? " on" : " off"));
             });
             m_faultBoxes[device + " " + name] = check;
-            flow->addWidget(check, i / 3, i % 3);
+            grid->addWidget(check, row + i / kPerRow, 1 + i % kPerRow);
             ++i;
         }
-        grid->addWidget(switches, row, 1);
-        auto* reset = new QPushButton("Power cycle");
-        reset->setObjectName(QString::fromStdString("simReset_" + device));
-        connect(reset, &QPushButton::clicked, this, [this, device] { run("reset " + device); });
-        grid->addWidget(reset, row, 2, Qt::AlignTop);
-        ++row;
+        row += std::max(1, (i + kPerRow - 1) / kPerRow);
     }
     return box;
 }

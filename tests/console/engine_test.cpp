@@ -134,7 +134,8 @@ TEST(OnTheKiosk, ACashPaymentByHandCompletesAndTheDisplaysShowIt) {
 
     // A coin of 2 from the simulator's side of the desk.
     QTest::mouseClick(panel.findChild<QPushButton*>("simCoin3"), Qt::LeftButton);
-    ASSERT_TRUE(c.runUntil([&] { return c.showed("statusDisplay", "Payment Completed"); }, 120));
+    ASSERT_TRUE(c.runUntil([&] { return c.showed("statusDisplay", "Payment Completed"); }, 120))
+        << c.history("statusDisplay").toStdString() << c.kiosk.stateJson();
     ASSERT_TRUE(c.runUntil([&] { return tabs->isTabEnabled(0); }, 30));
 
     EXPECT_TRUE(c.showed("dueDisplay", "Amount Due: $1.50"));
