@@ -113,14 +113,20 @@ bool CashPayment::pollValidator() {
         if (reply.answered()) {
             break;
         }
-        if (!ccd) {
-            bvRecovery();
-            if (st.bvNeedsInit) {
-                return false;
-            }
+        if (ccd) {
+            continue;  // "CCD" validators are simply polled again
         }
-        // The POLL that went unanswered will never be answered now (after a recovery the
-        // validator has been reset), so the validator is polled again.
+        bvRecovery();
+        if (st.bvNeedsInit) {
+            return false;
+        }
+        // The validator is back, but the POLL that went unanswered never will be: it has been
+        // reset since. Reading on would only run recovery after recovery; what is read is the
+        // recovery's last answer, a bare acknowledgement, so this poll reports nothing and the
+        // next tick polls afresh (and a validator that misses replies now and then cannot hold
+        // the tick for ever).
+        reply = Reply();
+        break;
     }
     c.BlinkTx();
 
