@@ -177,8 +177,13 @@ QWidget* ConsoleWindow::make(const std::string& name) {
         }
         case FieldKind::ComboBox: {
             auto* box = new QComboBox;
-            box->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
-            box->setMinimumContentsLength(isPortList(name) ? 18 : 10);
+            if (isPortList(name)) {
+                // A port shows the device behind it, whose path may be long.
+                box->setSizeAdjustPolicy(QComboBox::AdjustToContents);
+            } else {
+                box->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
+                box->setMinimumContentsLength(10);
+            }
             connect(box, &QComboBox::activated, this, [this, name, box](int index) {
                 sendEdit(name, s(box->itemData(index).toString()), 0);
             });

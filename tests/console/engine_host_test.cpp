@@ -10,10 +10,13 @@
 #include <QPushButton>
 #include <QTest>
 #include <QTimer>
+#include <atomic>
 #include <memory>
 
 #include "console/console_app.h"
 #include "console/gui_message_box.h"
+#include "console/indicator_lamp.h"
+#include "engine/setup.h"
 #include "platform_qt/engine_host.h"
 #include "platform_qt/lock_file_instance.h"
 #include "platform_qt/sqlite_store.h"
@@ -24,6 +27,7 @@ namespace kestrix::console {
 namespace {
 
 constexpr int kWaitMs = 20000;
+constexpr double kEngineBusySeconds = 3;
 
 // Runs the GUI's events until the console quits the application; its exit code (99: it did not).
 int runUntilQuit(ConsoleApp& console) {
@@ -67,6 +71,25 @@ TEST(RealEngine, TheConsoleRendersTheEngineThreadPostsToItAndQuitsWhenItHasEnded
     qt::SqliteStore reader(store);
     ASSERT_TRUE(QTest::qWaitFor([&] { return reader.get("KSX", "Pin Pad", "User", "") == "tech"; },
                                 kWaitMs));
+
+    // A long wait on the engine thread (a device that does not answer) leaves the window live:
+    // the link lamp lights and goes out again, and a click waits its turn.
+    std::atomic<bool> engineBusy{true};
+    engine.post([&engineBusy](kestrix::Setup& setup) {
+        setup.console().BlinkTx();
+        setup.pause(kEngineBusySeconds);
+        engineBusy = false;
+    });
+    auto* lamp = qobject_cast<IndicatorLamp*>(window->control("gLEDtx"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return lamp->lit(); }, kWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !lamp->lit(); }, kWaitMs));
+    QTest::keyClicks(user, "2");
+    QTest::mouseClick(qobject_cast<QPushButton*>(window->control("Save")), Qt::LeftButton);
+    EXPECT_TRUE(engineBusy) << "the engine's wait ended before the window had done all that";
+    EXPECT_EQ(user->text(), "tech2");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return reader.get("KSX", "Pin Pad", "User", "") == "tech2"; },
+                                kWaitMs));
+    EXPECT_FALSE(engineBusy);
 
     // Closing the window is the engine's Exit; the console quits once the engine has ended.
     window->close();

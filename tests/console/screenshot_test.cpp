@@ -14,6 +14,8 @@
 #include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QStyle>
+#include <QStyleOptionComboBox>
 #include <QTabBar>
 #include <QTabWidget>
 #include <vector>
@@ -80,7 +82,13 @@ QString cutOff(QWidget* w) {
             return "text \"" + edit->text() + "\"";
         }
     } else if (auto* combo = qobject_cast<QComboBox*>(w)) {
-        const int room = combo->width() - 32;  // frame and arrow
+        QStyleOptionComboBox option;
+        option.initFrom(combo);
+        option.editable = combo->isEditable();
+        const int room =
+            combo->style()
+                ->subControlRect(QStyle::CC_ComboBox, &option, QStyle::SC_ComboBoxEditField, combo)
+                .width();
         if (combo->fontMetrics().horizontalAdvance(combo->currentText()) > room) {
             return "list \"" + combo->currentText() + "\"";
         }
@@ -122,7 +130,11 @@ void checkReadable(QWidget* window, QWidget* page, const QString& where) {
 
 TEST(Screenshots, EachTabOnTheSimulatedKioskIsReadableAtTheDefaultSize) {
     test::VirtualConsole c;
+    // The port lists name the devices as the program on the simulated kiosk shows them.
+    sim::seedSimulatedPortPaths(c.kiosk.store(), sim::PortNumbers{},
+                                "/run/user/1000/kestrix-simulated");
     ASSERT_TRUE(c.start());
+    c.window->refreshPortDevices();
     c.run(3);
     QTest::keyClicks(c.widget<QLineEdit>("due"), "12.5");
     c.run(1);
