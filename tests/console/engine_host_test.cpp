@@ -14,7 +14,6 @@
 #include <memory>
 
 #include "console/console_app.h"
-#include "console/gui_message_box.h"
 #include "console/indicator_lamp.h"
 #include "engine/setup.h"
 #include "platform_qt/engine_host.h"
@@ -123,27 +122,6 @@ TEST(RealEngine, ARefusedStartShowsItsMessageAndQuitsOnlyOnceTheOperatorHasReadI
 
     QTimer::singleShot(0, [] { openMessage()->button(QMessageBox::Ok)->click(); });
     EXPECT_EQ(runUntilQuit(console), 1);
-}
-
-// The engine thread hands messages over without waiting for them to be read.
-TEST(RealEngine, MessagesFromAnotherThreadOpenWithoutBlockingIt) {
-    MessageBoxes boxes;
-    std::shared_ptr<kestrix::MessageBox> side = boxes.engineSide();
-    std::unique_ptr<QThread> thread(QThread::create([side] {
-        side->show("Check Coin Acceptor Connection!", "");
-        side->show("Check Bill Validator Connection!", "");
-    }));
-    thread->start();
-    ASSERT_TRUE(thread->wait(kWaitMs));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return boxes.openCount() == 2; }, kWaitMs));
-    bool allClosed = false;
-    QObject::connect(&boxes, &MessageBoxes::allClosed, [&] { allClosed = true; });
-    while (QMessageBox* box = openMessage()) {
-        box->button(QMessageBox::Ok)->click();
-        QCoreApplication::processEvents();
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    }
-    EXPECT_TRUE(allClosed);
 }
 
 }  // namespace

@@ -126,23 +126,6 @@ TEST(Layout, ControlsSitInTheirFrames) {
     }
 }
 
-// The console's texts keep their spelling, odd ones included.
-TEST(Layout, LabelsKeepTheirSpelling) {
-    const auto window = makeWindow();
-    QStringList texts;
-    for (const QLabel* l : window->findChildren<QLabel*>()) {
-        texts << l->text();
-    }
-    for (const QGroupBox* b : window->findChildren<QGroupBox*>()) {
-        texts << b->title();
-    }
-    for (const char* t : {"Bill Size Min. Lenght:", "Bill Size Max. Lenght:", "Casette Status:",
-                          "Vaucher Printer", "Número de Tarjeta:", "Mensajes en Pantalla Pin Pad:",
-                          "Tube Coin Type 3:", "Country / Currency Code:"}) {
-        EXPECT_TRUE(texts.contains(QString::fromUtf8(t))) << t;
-    }
-}
-
 TEST(Layout, DisplaysStartAsDesignedAndThePasswordIsHidden) {
     const auto window = makeWindow();
     auto* credit = qobject_cast<QLabel*>(window->control("creditDisplay"));
