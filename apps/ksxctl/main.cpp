@@ -19,22 +19,20 @@
 #include <vector>
 
 #include "engine/platform/settings_store.h"
+#include "host_commands.h"
 #include "platform_qt/store_factory.h"
 
 namespace {
 
-constexpr int kExitOk = 0;
-constexpr int kExitUsage = 2;
-constexpr int kExitStore = 3;
+using ksxctl::kExitOk;
+using ksxctl::kExitStore;
+using ksxctl::kExitUsage;
+using ksxctl::oneLine;
+using ksxctl::UsageError;
 
 // How often `watch` reads the store again. Each read is a fresh query; a change shows within
 // this time.
 constexpr auto kWatchPeriod = std::chrono::milliseconds(100);
-
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 struct Options {
     std::string store;  // --store; empty: KSX_STORE or the default location
@@ -69,22 +67,6 @@ struct Command {
     std::size_t maxArgs;
     int (*run)(Context&, const Args&);
 };
-
-// One entry per line: a line break inside a value would otherwise look like a second entry.
-std::string oneLine(const std::string& value) {
-    std::string out;
-    out.reserve(value.size());
-    for (const char c : value) {
-        if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\r') {
-            out += "\\r";
-        } else {
-            out += c;
-        }
-    }
-    return out;
-}
 
 std::string entryLine(const kestrix::SettingsStore::Entry& e) {
     return e.section + "/" + e.key + "=" + oneLine(e.value);
@@ -186,6 +168,23 @@ const Command kCommands[] = {
      "print each change (of SECTION) with a time stamp as it happens,\nuntil interrupted; the "
      "store is read every 100 ms",
      0, 1, runWatch},
+    {"pay", "AMOUNT [--card] [--timeout S]",
+     "ask the engine for AMOUNT in cash (\"Due\") or by card\n(\"DueCC\"), follow \"Status\", "
+     "\"Credit\" and \"Due\" until\nthe payment ends, print the results; on a time-out\nor "
+     "Ctrl+C the request is withdrawn or cancelled",
+     1, 4, [](Context& c, const Args& a) { return ksxctl::runPay(c.store(), c.options().app, a); }},
+    {"change", "AMOUNT [--timeout S]",
+     "ask the engine to pay AMOUNT out (\"Change\"), wait for\n\"Change dispensed\", print "
+     "\"ChangeDispensed\"",
+     1, 3,
+     [](Context& c, const Args& a) { return ksxctl::runChange(c.store(), c.options().app, a); }},
+    {"cancel", "[--keep]",
+     "cancel the running payment (\"Cancel\" = \"1\"; with --keep\n\"2\": a cash payment keeps "
+     "the credit inserted)",
+     0, 1,
+     [](Context& c, const Args& a) { return ksxctl::runCancel(c.store(), c.options().app, a); }},
+    {"exit", "", "ask the engine to shut down (\"Exit\" = \"1\")", 0, 0,
+     [](Context& c, const Args& a) { return ksxctl::runExit(c.store(), c.options().app, a); }},
 };
 
 void printHelp() {
@@ -198,7 +197,12 @@ void printHelp() {
     constexpr std::size_t kHelpColumn = 26;
     for (const Command& c : kCommands) {
         std::string usage = std::string(c.name) + " " + std::string(c.arguments);
-        usage.resize(std::max(usage.size() + 1, kHelpColumn), ' ');
+        if (usage.size() >= kHelpColumn) {
+            // Too long for the column: the help starts on the next line.
+            usage += "\n" + std::string(kHelpColumn + 2, ' ');
+        } else {
+            usage.resize(kHelpColumn, ' ');
+        }
         std::string help(c.help);
         for (std::size_t at = help.find('\n'); at != std::string::npos;
              at = help.find('\n', at + 1)) {
@@ -217,7 +221,10 @@ void printHelp() {
                  "  -h, --help                this text\n"
                  "\n"
                  "Names with spaces need quotes: ksxctl get \"Pin Pad\" PPE\n"
-                 "Exit status: 0 success, 2 usage error, 3 store error.\n";
+                 "Exit status: 0 success (pay: paid; change: paid in full), 2 usage error,\n"
+                 "3 store error, 4 not paid (denied, failed, cancelled) or change paid short,\n"
+                 "5 time-out, 6 busy (another request is pending or being served),\n"
+                 "130 pay or change stopped waiting at a second Ctrl+C.\n";
 }
 
 const Command& findCommand(std::string_view name) {
