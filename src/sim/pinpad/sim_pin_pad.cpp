@@ -173,15 +173,31 @@ std::string SimPinPad::runSale(const SaleRequest& request) {
         m_result = "approved";
         m_responseCode = "00";
         m_message = "APPROVED";
-        // The library's voucher text, with the printer markers the engine takes out.
-        return " @cnb KESTRIX SIMULATED ACQUIRER @br  @cnn VENTA @br  @lnn COMERCIO: " +
-               request.company + " SUC " + request.branch + " @br  @lnn TARJETA: " + m_cardNumber +
-               " @br  @lnn TITULAR: " + m_cardHolder + " @br  @lnn IMPORTE: $" + m_amount + " " +
-               (m_currency.empty() ? request.currency : m_currency) +
-               " @br  @lnn REFERENCIA: " + request.reference +
-               " @br  @lnn OPERACION: " + m_operationNumber + "  AUT: 4" +
-               m_operationNumber.substr(1) +
-               " @br  @b APROBADA @br  @cnn PAGO CON FIRMA ELECTRONICA @br ";
+        // The library's voucher text: one line per printer line, each with the layout markers
+        // (centred bold, centred, left, break, bold) that the engine takes out before printing.
+        const std::string currency = m_currency.empty() ? request.currency : m_currency;
+        return " @cnb KESTRIX SIMULATED ACQUIRER @br \n"
+               " @cnn VENTA @br \n"
+               " @lnn COMERCIO: " +
+               request.company + " SUC " + request.branch +
+               " @br \n"
+               " @lnn TARJETA: " +
+               m_cardNumber +
+               " @br \n"
+               " @lnn TITULAR: " +
+               m_cardHolder +
+               " @br \n"
+               " @lnn IMPORTE: $" +
+               m_amount + " " + currency +
+               " @br \n"
+               " @lnn REFERENCIA: " +
+               request.reference +
+               " @br \n"
+               " @lnn OPERACION: " +
+               m_operationNumber + "  AUT: 4" + m_operationNumber.substr(1) +
+               " @br \n"
+               " @b APROBADA @br \n"
+               " @cnn PAGO CON FIRMA ELECTRONICA @br ";
     }
     if (s.result == "denied") {
         m_result = "denied";
