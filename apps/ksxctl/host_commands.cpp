@@ -32,6 +32,9 @@ constexpr auto kReadPeriod = std::chrono::milliseconds(100);
 // After a cancel, how long the engine may take to confirm it. A cash cancel pays the credit
 // back first, which takes a few seconds per source.
 constexpr double kCancelWaitSeconds = 60;
+constexpr double kCancelRepeatSeconds = 1;
+// How long a card request may go untouched after a cancel before it is taken to have no engine.
+constexpr double kUntakenCardSeconds = 3;
 
 std::atomic<int> g_interrupts{0};
 
@@ -181,6 +184,19 @@ int follow(kestrix::SettingsStore& store, std::string_view app, RequestKind kind
     };
     bool timedOut = false;
     std::optional<double> cancelledAt;
+    double cancelWrittenAt = 0;
+    bool withdrawn = false;
+    bool neverTaken = false;
+    const auto withdraw = [&] {
+        // Given back by this program, the request looks served to the tracker from now on.
+        neverTaken = !tracker.taken();
+        store.set(app, kMailbox, key, withdrawnValue(kind));
+        withdrawn = true;
+    };
+    const auto writeCancel = [&](double seconds) {
+        store.set(app, kMailbox, mailbox::kCancel, "1");
+        cancelWrittenAt = seconds;
+    };
     MailboxReading reading;
     Outcome outcome = Outcome::Pending;
     for (;;) {
@@ -202,25 +218,43 @@ int follow(kestrix::SettingsStore& store, std::string_view app, RequestKind kind
         if (!cancelledAt && (interrupted || expired)) {
             timedOut = expired && !interrupted;
             line.close();
+            const char* const why = timedOut ? "timed out" : "interrupted";
             if (kind == RequestKind::Change && tracker.taken()) {
                 // A payout cannot be stopped once it has begun.
-                std::cerr << "ksxctl: " << (timedOut ? "timed out" : "interrupted")
-                          << "; the payout has begun and cannot be stopped\n";
+                std::cerr << "ksxctl: " << why << "; the payout has begun and cannot be stopped\n";
                 printResults(kind, reading);
                 return timedOut ? kExitTimeout : kExitInterrupted;
             }
-            std::cerr << "ksxctl: " << (timedOut ? "timed out" : "interrupted") << "; "
-                      << (tracker.taken() ? "cancelling" : "withdrawing the request")
+            std::cerr << "ksxctl: " << why << "; "
+                      << (kind == RequestKind::Change ? "withdrawing the request" : "cancelling")
                       << (interrupted ? " (Ctrl+C again to stop waiting)" : "") << '\n';
-            if (!tracker.taken()) {
-                store.set(app, kMailbox, key, withdrawnValue(kind));
+            // A cash request still waiting is withdrawn, and cancelled too: an engine taking it
+            // at this very moment starts and stops it in the same tick. A card request is not
+            // withdrawn at once: the engine starts a card payment one timer tick after it has
+            // read "DueCC", from its own copy of the amount, so a withdrawal cannot stop it;
+            // only a cancel once it runs can.
+            if (!tracker.taken() && kind != RequestKind::Card) {
+                withdraw();
             }
             if (kind != RequestKind::Change) {
-                // Also when not yet taken: an engine taking the request at this very moment
-                // starts it and stops it in the same tick.
-                store.set(app, kMailbox, mailbox::kCancel, "1");
+                writeCancel(seconds);
             }
             cancelledAt = seconds;
+        }
+        if (cancelledAt && kind != RequestKind::Change) {
+            // The engine drops a cancel that finds nothing running (a card payment about to
+            // start) and clears "Cancel" on every tick, so one written at the wrong moment is
+            // lost: it is written again until the request has ended.
+            if (seconds - cancelWrittenAt >= kCancelRepeatSeconds &&
+                store.get(app, kMailbox, mailbox::kCancel, "").empty()) {
+                writeCancel(seconds);
+            }
+            if (kind == RequestKind::Card && !tracker.taken() && !withdrawn &&
+                seconds - *cancelledAt >= kUntakenCardSeconds) {
+                // An idle engine takes a card request within a second: none is serving this
+                // store.
+                withdraw();
+            }
         }
         if (cancelledAt && seconds - *cancelledAt > kCancelWaitSeconds) {
             line.close();
@@ -230,10 +264,11 @@ int follow(kestrix::SettingsStore& store, std::string_view app, RequestKind kind
         std::this_thread::sleep_for(kReadPeriod);
     }
     line.close();
-    if (!tracker.taken() && outcome != Outcome::Succeeded) {
-        std::cerr << "ksxctl: no engine took the request (is kestrix running on this store?)\n";
-    }
     printResults(kind, reading);
+    if (neverTaken && outcome != Outcome::Succeeded) {
+        std::cerr << "ksxctl: no engine took the request (is kestrix running on this store?)\n";
+        return timedOut ? kExitTimeout : kExitNotDone;
+    }
     if (outcome == Outcome::Succeeded) {
         // Served after all (the cancel came too late): the money has been taken.
         return kExitOk;
