@@ -114,6 +114,8 @@ void MdbAdapter::word(std::uint8_t data, bool mode, double now) {
 void MdbAdapter::frameComplete(double now) {
     const Bytes frame = std::move(m_frame);
     m_frame.clear();
+    // An ACK acknowledges only the answer right before it: a new command ends that chance.
+    m_lastTalker = nullptr;
     MdbPeripheral& p = *peripheralFor(frame[0]);
     const std::string name = p.commandName(frame);
     if (mdbCheck(frame, frame.size() - 1) != frame.back()) {
