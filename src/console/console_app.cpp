@@ -3,7 +3,10 @@
 #include <QCoreApplication>
 #include <QStringList>
 
+#include "console/gui_relay.h"
 #include "console/simulator_panel.h"
+#include "engine/settings/layout.h"
+#include "engine/setup.h"
 #include "platform_qt/engine_host.h"
 #include "sim/pty_kiosk.h"
 
@@ -23,14 +26,17 @@ bool hideRequested() {
 
 }  // namespace
 
-ConsoleApp::ConsoleApp(sim::PtyKiosk* kiosk) : m_kiosk(kiosk), m_hideRequested(hideRequested()) {
+ConsoleApp::ConsoleApp(sim::PtyKiosk* kiosk)
+    : m_kiosk(kiosk), m_relay(std::make_shared<GuiRelay>(this)), m_hideRequested(hideRequested()) {
     m_showTimer.setSingleShot(true);
     m_showTimer.setInterval(kShowWindowAfterMs);
     connect(&m_showTimer, &QTimer::timeout, this, [this] { present(); });
     connect(&m_messages, &MessageBoxes::allClosed, this, [this] { quitWhenDone(); });
 }
 
-ConsoleApp::~ConsoleApp() = default;
+ConsoleApp::~ConsoleApp() {
+    m_relay->detach();
+}
 
 std::shared_ptr<kestrix::MessageBox> ConsoleApp::messageBox() {
     return m_messages.engineSide();
@@ -92,6 +98,27 @@ void ConsoleApp::attach(qt::EngineHost& engine) {
         link.command = [kiosk](const std::string& line) { return kiosk->command(line); };
         // The program runs its simulated kiosk on the default profile.
         link.profile = sim::defaultProfile();
+        // The simulated pin pad reads its steering from the store, which is the engine's.
+        auto relay = m_relay;
+        link.readPinPad = [&engine, relay](const std::string& key,
+                                           std::function<void(std::string)> done) {
+            engine.post([relay, key, done = std::move(done)](Setup& setup) {
+                std::string value;
+                try {
+                    value = setup.getSetting(store::section::kPinPadSimulator, key, "");
+                } catch (const std::exception&) {
+                }
+                relay->deliver([done, value] { done(value); });
+            });
+        };
+        link.writePinPad = [&engine](const std::string& key, const std::string& value) {
+            engine.post([key, value](Setup& setup) {
+                try {
+                    setup.saveSetting(store::section::kPinPadSimulator, key, value);
+                } catch (const std::exception&) {
+                }
+            });
+        };
         m_panel = std::make_unique<SimulatorPanel>(std::move(link));
     }
 }

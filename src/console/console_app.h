@@ -17,6 +17,7 @@ class PtyKiosk;
 
 namespace kestrix::console {
 
+class GuiRelay;
 class SimulatorPanel;
 
 // The operator console of the kestrix program: the window on the engine's console, the
@@ -57,6 +58,7 @@ private:
     void quitWhenDone();
 
     sim::PtyKiosk* m_kiosk;
+    std::shared_ptr<GuiRelay> m_relay;
     MessageBoxes m_messages;
     std::unique_ptr<ConsoleWindow> m_window;
     std::unique_ptr<SimulatorPanel> m_panel;

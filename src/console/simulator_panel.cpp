@@ -1,6 +1,7 @@
 #include "console/simulator_panel.h"
 
 #include <QCheckBox>
+#include <QComboBox>
 #include <QGridLayout>
 #include <QGroupBox>
 #include <QHBoxLayout>
@@ -67,8 +68,9 @@ QString scalar(const QJsonValue& v) {
 }  // namespace
 
 const std::vector<std::string>& SimulatorPanel::deviceNames() {
-    static const std::vector<std::string> names = {"changer", "validator", "dispenser",
-                                                   "hopper1", "hopper2",   "adapter"};
+    // The pin pad is listed when the simulator knows it (it lives with the engine's library).
+    static const std::vector<std::string> names = {"changer", "validator", "dispenser", "hopper1",
+                                                   "hopper2", "adapter",   "pinpad"};
     return names;
 }
 
@@ -81,6 +83,9 @@ SimulatorPanel::SimulatorPanel(SimulatorLink link, QWidget* parent)
     auto* leftLayout = new QVBoxLayout(left);
     leftLayout->setContentsMargins(0, 0, 0, 0);
     leftLayout->addWidget(buildCashBox());
+    if (m_link.readPinPad && m_link.writePinPad) {
+        leftLayout->addWidget(buildPinPad());
+    }
     leftLayout->addWidget(buildFaults());
     m_answer = new QLabel;
     m_answer->setObjectName("simAnswer");
@@ -160,6 +165,31 @@ QWidget* SimulatorPanel::buildCashBox() {
         grid->addWidget(button, 1, column++);
     }
     grid->setColumnStretch(column + 1, 1);
+    return box;
+}
+
+QWidget* SimulatorPanel::buildPinPad() {
+    auto* box = new QGroupBox("Pin pad");
+    auto* row = new QHBoxLayout(box);
+    row->addWidget(new QLabel("Next card read or sale:"));
+    auto* result = new QComboBox;
+    result->setObjectName("simCardResult");
+    // The outcomes the simulated pin pad knows; "readerror" fails the card read itself.
+    for (const char* outcome : {"approved", "denied", "error", "readerror"}) {
+        result->addItem(outcome);
+    }
+    connect(result, &QComboBox::activated, this, [this, result](int index) {
+        const std::string outcome = result->itemText(index).toStdString();
+        m_link.writePinPad("Result", outcome);
+        m_answer->setText(QString::fromStdString("pin pad: the next one is " + outcome));
+        m_answer->setStyleSheet("");
+    });
+    m_link.readPinPad("Result", [result](const std::string& value) {
+        const int i = result->findText(QString::fromStdString(value));
+        result->setCurrentIndex(i >= 0 ? i : 0);
+    });
+    row->addWidget(result);
+    row->addStretch(1);
     return box;
 }
 

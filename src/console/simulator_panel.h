@@ -25,6 +25,11 @@ struct SimulatorLink {
     std::function<sim::ControlResult(const std::string&)> command;
     // The kiosk's profile: the coin and bill values the buttons are labelled with.
     sim::KioskProfile profile;
+    // The simulated pin pad lives with the engine and is steered through the store (section
+    // "Pin Pad Simulator"): reads a key and hands its value to the callback on the GUI thread,
+    // and writes one. Empty when there is no simulated pin pad.
+    std::function<void(const std::string& key, std::function<void(std::string)> done)> readPinPad;
+    std::function<void(const std::string& key, const std::string& value)> writePinPad;
 };
 
 // The simulated kiosk's side of the desk: a customer inserting coins and bills, a technician
@@ -48,6 +53,7 @@ public:
 
 private:
     QWidget* buildCashBox();
+    QWidget* buildPinPad();
     QWidget* buildFaults();
     void addFaultSwitches(const std::string& device);
     void showState(const QString& json);

@@ -152,6 +152,12 @@ TEST(Screenshots, EachTabOnTheSimulatedKioskIsReadableAtTheDefaultSize) {
     SimulatorLink link;
     link.command = [&c](const std::string& command) { return c.kiosk.control(command); };
     link.profile = c.kiosk.models().profile();
+    link.readPinPad = [&c](const std::string& key, std::function<void(std::string)> done) {
+        done(c.kiosk.store().get("KSX", "Pin Pad Simulator", key, ""));
+    };
+    link.writePinPad = [&c](const std::string& key, const std::string& value) {
+        c.kiosk.store().set("KSX", "Pin Pad Simulator", key, value);
+    };
     SimulatorPanel panel(link);
     panel.show();
     QCoreApplication::processEvents();
