@@ -82,7 +82,10 @@ void EngineHost::run() {
             // The simulated kiosk's links answer at port numbers 1, 2 and 3.
             sim::seedSimulatedPortPaths(store, sim::PortNumbers{}, m_options.simulatorDir);
         }
-        QtPrinter printer;
+        // A "Printer" setting that names a directory is a PDF voucher printer (kiosks without a
+        // printer, tests): it is listed with the installed printers, so the load selects it.
+        QtPrinter printer(
+            {store.get(kestrix::store::kApp, kestrix::store::section::kPinPad, "Printer", "")});
         QtNetworkInfo network;
         LockFileInstance instance(LockFileInstance::lockPathFor(m_options.storePath),
                                   QCoreApplication::arguments());

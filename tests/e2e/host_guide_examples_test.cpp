@@ -1,0 +1,181 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "engine/settings/layout.h"
+#include "simulated_engine.h"
+
+namespace kestrix {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A fenced block of the guide marked "example=NAME" after its language.
+struct Example {
+    std::string language;
+    std::string name;
+    std::string code;
+};
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+std::vector<Example> examplesOf(const std::string& markdown) {
+    static const std::regex opening(R"(^```(\w+) +example=([\w-]+)\s*$)");
+    std::vector<Example> examples;
+    std::istringstream in(markdown);
+    std::string line;
+    Example* open = nullptr;
+    while (std::getline(in, line)) {
+        std::smatch m;
+        if (open != nullptr) {
+            if (line.rfind("```", 0) == 0) {
+                open = nullptr;
+            } else {
+                open->code += line + "\n";
+            }
+        } else if (std::regex_match(line, m, opening)) {
+            examples.push_back({m[1], m[2], ""});
+            open = &examples.back();
+        }
+    }
+    EXPECT_EQ(open, nullptr) << "an example block is not closed";
+    return examples;
+}
+
+const std::string kGuide = std::string(KESTRIX_SOURCE_DIR) + "/docs/host-integration.md";
+
+// What each runnable example must print on the simulated kiosk, where the customer inserts
+// 10.00 coins until a cash payment is covered and the pin pad approves.
+const std::map<std::string, std::vector<std::string>>& expectedOutput() {
+    static const std::map<std::string, std::vector<std::string>> expected = {
+        {"cash", {"Status=Payment Completed\n", "ChangeDispensed=7.5\n", "paid: yes\n"}},
+        {"card", {"approved: credit 25\n"}},
+        {"cancel", {"pay exited with status 4\n", "Status=Transaction Cancelled\n"}},
+        {"change", {"Status=Change dispensed\n", "ChangeDispensed=7.5\n"}},
+        {"raw", {"Payment Completed; change 5\n"}},
+        {"python",
+         {"cash: Payment Completed; received 20, change 7.5\n",
+          "card: Credit Card Approved; approved: True\n"}},
+    };
+    return expected;
+}
+
+const std::set<std::string> kWindowsExamples = {"vba", "csharp", "reg", "powershell"};
+
+TEST(HostGuide, EveryExampleIsKnownToTheTests) {
+    std::set<std::string> names;
+    for (const Example& e : examplesOf(slurp(kGuide))) {
+        EXPECT_TRUE(names.insert(e.name).second) << "two examples named " << e.name;
+        EXPECT_TRUE(expectedOutput().count(e.name) == 1 || kWindowsExamples.count(e.name) == 1)
+            << "example " << e.name << " is run by no test";
+    }
+    for (const auto& [name, lines] : expectedOutput()) {
+        EXPECT_EQ(names.count(name), 1u) << "example " << name << " is missing from the guide";
+    }
+    for (const std::string& name : kWindowsExamples) {
+        EXPECT_EQ(names.count(name), 1u) << "example " << name << " is missing from the guide";
+    }
+}
+
+TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
+    test::SimulatedEngine kiosk;
+    ASSERT_TRUE(kiosk.ready);
+    kiosk.startCustomer();
+    int cardApprovals = 0;
+    for (const Example& e : examplesOf(slurp(kGuide))) {
+        if (kWindowsExamples.count(e.name) != 0) {
+            continue;
+        }
+        SCOPED_TRACE("example " + e.name);
+        const std::string file =
+            kiosk.dir + "/" + e.name + (e.language == "python" ? ".py" : ".sh");
+        std::ofstream(file) << e.code;
+        test::RunResult r;
+        if (e.language == "python") {
+            r = test::run("/usr/bin/env", {"python3", file}, kiosk.environment(), 180s);
+        } else {
+            ASSERT_EQ(e.language, "sh");
+            // In a directory of its own, as a user would paste it; -e stops at the first failure.
+            r = test::run("/bin/bash", {"-c", "cd \"$0\" && exec bash -e \"$1\"", kiosk.dir, file},
+                          kiosk.environment(), 180s);
+        }
+        EXPECT_EQ(r.status, 0) << r.out << r.err;
+        for (const std::string& line : expectedOutput().at(e.name)) {
+            EXPECT_NE(r.out.find(line), std::string::npos) << "missing \"" << line << "\" in:\n"
+                                                           << r.out << r.err;
+        }
+        cardApprovals += static_cast<int>(e.name == "card" || e.name == "python");
+        // Each example leaves the mailbox free for the next.
+        EXPECT_TRUE(test::eventually(
+            [&] {
+                return kiosk.get("Status", "Due") == "0" && kiosk.get("Status", "DueCC") == "0" &&
+                       kiosk.get("Status", "Change").empty();
+            },
+            10s));
+    }
+    kiosk.stopCustomer();
+    EXPECT_EQ(kiosk.voucherFiles().size(), static_cast<std::size_t>(cardApprovals))
+        << "one voucher per card payment";
+    EXPECT_EQ(kiosk.get("Status", "KSX_Error"), "0");
+}
+
+// These cannot run here; what can go wrong in them on a Linux desk is the registry location
+// and the key names, so those are checked against the engine's own.
+TEST(HostGuide, WindowsExamplesUseTheRegistryStoreAndMailboxKeys) {
+    const std::string registry =
+        slurp(std::string(KESTRIX_SOURCE_DIR) + "/src/platform_qt/registry_store_win.cpp");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(registry, m, std::regex(R"re(kRoot\[\] = L"([^"]+)")re")));
+    const std::string root = std::regex_replace(m[1].str(), std::regex(R"(\\\\)"), "\\");
+    const std::string mailboxPath = root + "\\KSX\\Status";
+    EXPECT_NE(slurp(kGuide).find("HKEY_CURRENT_USER\\" + mailboxPath), std::string::npos);
+
+    const std::set<std::string> mailboxKeys = {
+        std::string(store::mailbox::kDue),        std::string(store::mailbox::kDueCC),
+        std::string(store::mailbox::kChange),     std::string(store::mailbox::kCancel),
+        std::string(store::mailbox::kExit),       std::string(store::mailbox::kStatus),
+        std::string(store::mailbox::kCredit),     std::string(store::mailbox::kChangeDispensed),
+        std::string(store::mailbox::kTubes),      std::string(store::mailbox::kBDStatus),
+        std::string(store::mailbox::kBDCassette), std::string(store::mailbox::kBDDispensed),
+        std::string(store::mailbox::kReferenceCC), std::string(store::mailbox::kKsxError)};
+    // How each kind of example names a mailbox key.
+    const std::map<std::string, std::regex> keyUses = {
+        {"vba", std::regex(R"re(Setting[ (]"KSX", "Status", "(\w+)")re")},
+        {"csharp", std::regex(R"re((?:Get|Set)\("(\w+)")re")},
+        {"reg", std::regex(R"re(/v (\w+))re")},
+        {"powershell", std::regex(R"re(-Name (\w+)|\)\.(\w+))re")},
+    };
+    for (const Example& e : examplesOf(slurp(kGuide))) {
+        if (kWindowsExamples.count(e.name) == 0) {
+            continue;
+        }
+        SCOPED_TRACE("example " + e.name);
+        if (e.name != "vba") {
+            EXPECT_NE(e.code.find(mailboxPath), std::string::npos)
+                << "the example must name " << mailboxPath;
+        }
+        int uses = 0;
+        const std::regex& use = keyUses.at(e.name);
+        for (auto it = std::sregex_iterator(e.code.begin(), e.code.end(), use);
+             it != std::sregex_iterator(); ++it) {
+            const std::string key = (*it)[1].matched ? (*it)[1].str() : (*it)[2].str();
+            EXPECT_EQ(mailboxKeys.count(key), 1u) << "not a mailbox key: " << key;
+            ++uses;
+        }
+        EXPECT_GE(uses, 2) << "no mailbox key found";
+    }
+}
+
+}  // namespace
+}  // namespace kestrix

@@ -1,0 +1,140 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "engine/formulas.h"
+#include "platform_qt/sqlite_store.h"
+#include "sim/pty_kiosk.h"
+#include "sim/seed.h"
+#include "support/process.h"
+#include "support/support.h"
+
+namespace kestrix::test {
+
+// `kestrix --headless --simulate` on a store of its own, as a host developer runs it: vouchers
+// go to a directory as PDF files and the simulated pin pad answers after `saleSeconds`.
+class SimulatedEngine {
+public:
+    explicit SimulatedEngine(const std::string& saleSeconds = "1")
+        : dir(makeTempDir("ksx-host")),
+          store(dir + "/KSX.db"),
+          simDir(dir + "/sim"),
+          vouchers(dir + "/vouchers") {
+        std::filesystem::create_directories(vouchers);
+        {
+            qt::SqliteStore s(store);
+            sim::seedSimulatedKioskSettings(s, sim::PortNumbers{});
+            s.set("KSX", "Pin Pad", "Printer", vouchers);
+            s.set("KSX", "Pin Pad Simulator", "Result", "approved");
+            s.set("KSX", "Pin Pad Simulator", "Seconds", saleSeconds);
+        }
+        m_reader = std::make_unique<qt::SqliteStore>(store);
+        m_engine = std::make_unique<ChildProcess>(
+            kestrixBinary(), std::vector<std::string>{"--headless", "--simulate", "--store", store},
+            environment());
+        // Ready once every device has been initialised: the pin pad answered and the changer's
+        // tubes were read.
+        ready = eventually(
+            [this] {
+                return get("Pin Pad", "On Line") == "Yes" && get("Status", "Tubes") != "0" &&
+                       get("Status", "BDStatus") == "OK";
+            },
+            std::chrono::seconds(60));
+        EXPECT_TRUE(ready) << m_engine->err();
+    }
+
+    ~SimulatedEngine() {
+        stopCustomer();
+        if (m_engine && m_engine->running()) {
+            set("Status", "Exit", "1");
+            m_engine->wait(std::chrono::seconds(30));
+        }
+    }
+
+    // The environment of the engine and of the programs the tests run beside it.
+    std::vector<std::string> environment() const {
+        const char* path = std::getenv("PATH");
+        return {"KSX_STORE=" + store,
+                "KSX_SIM_DIR=" + simDir,
+                "XDG_CONFIG_HOME=" + dir + "/config",
+                "XDG_RUNTIME_DIR=" + dir,
+                "QT_QPA_PLATFORM=offscreen",
+                "PATH=" + std::filesystem::path(ksxctlBinary()).parent_path().string() + ":" +
+                    std::filesystem::path(kestrixSimBinary()).parent_path().string() + ":" +
+                    (path != nullptr ? path : "/usr/bin:/bin")};
+    }
+
+    std::string get(const std::string& section, const std::string& key) {
+        return m_reader->get("KSX", section, key, "");
+    }
+    void set(const std::string& section, const std::string& key, const std::string& value) {
+        m_reader->set("KSX", section, key, value);
+    }
+
+    std::vector<std::string> voucherFiles() const {
+        std::vector<std::string> files;
+        for (const auto& entry : std::filesystem::directory_iterator(vouchers)) {
+            files.push_back(entry.path().string());
+        }
+        return files;
+    }
+
+    // A customer at the kiosk: whenever a cash payment asks for money and is not covered yet,
+    // one coin of type 5 (10.00), then a wait until the engine has credited it.
+    void startCustomer() {
+        m_customerStop = false;
+        m_customer = std::thread([this] {
+            qt::SqliteStore s(store);
+            const auto credit = [&s] { return s.get("KSX", "Status", "Credit", ""); };
+            while (!m_customerStop) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                if (s.get("KSX", "Status", "Status", "") != "Insert Coins or Bills..." ||
+                    !(leadingNumber(s.get("KSX", "Status", "Due", "")) > leadingNumber(credit()))) {
+                    continue;
+                }
+                const std::string before = credit();
+                std::string answer;
+                if (sim::sendControlCommand(simDir, "coin 5", answer) != sim::kControlAccepted) {
+                    continue;  // acceptance already switched off: the payment is ending
+                }
+                ++coinsInserted;
+                const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+                while (!m_customerStop && credit() == before &&
+                       std::chrono::steady_clock::now() < until) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                }
+            }
+        });
+    }
+    void stopCustomer() {
+        m_customerStop = true;
+        if (m_customer.joinable()) {
+            m_customer.join();
+        }
+    }
+
+    ChildProcess& engine() { return *m_engine; }
+
+    const std::string dir;
+    const std::string store;
+    const std::string simDir;
+    const std::string vouchers;
+    bool ready = false;
+    std::atomic<int> coinsInserted{0};
+
+private:
+    std::unique_ptr<qt::SqliteStore> m_reader;
+    std::unique_ptr<ChildProcess> m_engine;
+    std::atomic<bool> m_customerStop{false};
+    std::thread m_customer;
+};
+
+}  // namespace kestrix::test
