@@ -83,6 +83,30 @@ void CashPayment::enablePayment_Click() {
 void CashPayment::abandonPayment(std::string_view statusText) {
     Console& c = m_setup.console();
     m_setup.pollTimer().setEnabled(false);
+    // Acceptance may still be on, and nobody will poll the devices now: a coin or bill taken
+    // from here on would never be credited. One reset each, if the link still works, turns it
+    // off; nothing more is tried.
+    MdbLink& link = m_setup.link();
+    const auto attempt = [](const auto& exchange) {
+        try {
+            exchange();
+        } catch (const std::exception&) {
+        }
+    };
+    if (link.isOpen() && c.checked("CoinAcceptorEnabled")) {
+        attempt([&link] {
+            const mdb::Exchange ex = link.exchange(mdb::Command::whole(link.frames().caResetFrame),
+                                                   mdb::payment_use::kAbandonChangerReset);
+            link.acknowledge(ex.reply);
+        });
+    }
+    if (link.isOpen() && c.checked("billValidatorEnabled")) {
+        attempt([&link] {
+            const mdb::Exchange ex = link.exchange(mdb::commands::validatorReset(),
+                                                   mdb::payment_use::kAbandonValidatorReset);
+            link.acknowledge(ex.reply);
+        });
+    }
     m_setup.state().amountDue = 0;
     try {
         m_setup.writeMailbox(store::mailbox::kDue, "0");

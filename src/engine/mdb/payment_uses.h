@@ -140,16 +140,44 @@ inline constexpr LinkUse kPayoutTubeStatus{.name = "Changer TUBE STATUS after a 
                                            .pauseBeforeResendSeconds = 0.1,
                                            .whenExhausted = "none: sent again"};
 
+// --- A payment broken off by a run-time error
+// ----------------------------------------------------- One reset each to turn acceptance off; a
+// device that does not answer is left as it is (the next start initialises the equipment).
+inline constexpr LinkUse kAbandonChangerReset{.name = "Changer RESET after an error",
+                                              .waitBeforeReadSeconds = 0,
+                                              .limit = completeBy(200),
+                                              .attempts = 1,
+                                              .ackAfterUnanswered = true,
+                                              .pauseBeforeResendSeconds = 0,
+                                              .whenExhausted = "left as it is"};
+inline constexpr LinkUse kAbandonValidatorReset{.name = "Validator RESET after an error",
+                                                .waitBeforeReadSeconds = 0,
+                                                .limit = completeBy(50),
+                                                .attempts = 1,
+                                                .ackAfterUnanswered = true,
+                                                .pauseBeforeResendSeconds = 0,
+                                                .whenExhausted = "left as it is"};
+
 inline std::span<const LinkUse> table() {
-    static constexpr std::array<LinkUse, 16> kTable = {
-        kCoinType,          kDiagnosticStatus,
-        kBillType,          kStopValidatorReset,
-        kStopValidatorPoll, kStopChangerReset,
-        kStopTubeStatus,    kTickChangerPoll,
-        kTickValidatorPoll, kEndValidatorReset,
-        kEndValidatorPoll,  kEndChangerReset,
-        kEndTubeStatus,     kPayout,
-        kPayoutWatchPoll,   kPayoutTubeStatus,
+    static constexpr std::array<LinkUse, 18> kTable = {
+        kCoinType,
+        kDiagnosticStatus,
+        kBillType,
+        kStopValidatorReset,
+        kStopValidatorPoll,
+        kStopChangerReset,
+        kStopTubeStatus,
+        kTickChangerPoll,
+        kTickValidatorPoll,
+        kEndValidatorReset,
+        kEndValidatorPoll,
+        kEndChangerReset,
+        kEndTubeStatus,
+        kPayout,
+        kPayoutWatchPoll,
+        kPayoutTubeStatus,
+        kAbandonChangerReset,
+        kAbandonValidatorReset,
     };
     return kTable;
 }
