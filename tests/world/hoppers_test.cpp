@@ -8,19 +8,14 @@
 #include "engine/hoppers/hoppers.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
-#include "sim/hoppers/hopper_bus.h"
-#include "sim/pinpad/sim_pin_pad.h"
 #include "sim/profile.h"
-#include "sim/world/fakes.h"
-#include "sim/world/memory_store.h"
+#include "sim/world/virtual_kiosk.h"
 #include "sim/world/virtual_serial_port.h"
-#include "sim/world/virtual_time.h"
 
 namespace kestrix {
 namespace {
 
 using Outcome = Hoppers::Outcome;
-constexpr int kHoppersPort = 3;
 
 // The wire between the engine and the hoppers interface, able to lose frames on the way: the
 // reply to a dispense command (the hopper took it), or the dispense command itself (the hopper
@@ -66,54 +61,29 @@ private:
     double m_dropUntil = -1;
 };
 
-// The engine with only its hoppers enabled: coins of 1 in hopper 1 (address 3) and of 5 in
-// hopper 2 (address 4), as the default kiosk.
+// The simulated kiosk with only its hoppers enabled: coins of 1 in hopper 1 (address 3) and of
+// 5 in hopper 2 (address 4), behind a wire that can lose frames.
 struct HopperRig {
-    sim::KioskProfile profile;
-    sim::VirtualClock clock;
-    sim::VirtualScheduler scheduler{clock};
-    sim::MemoryStore store;
-    sim::RecordingMessageBox messages;
-    sim::RecordingPrinter printer;
-    sim::FixedNetworkInfo network;
-    sim::FixedInstance instance;
-    sim::SimPinPad pinPad{clock, scheduler, store};
-    sim::VirtualSerialPort mdb{clock, "MSComm1"};
-    sim::VirtualSerialPort dispenser{clock, "MSComm2"};
-    sim::VirtualSerialPort hoppers{clock, "MSComm3"};
-    std::unique_ptr<sim::HopperBus> bus;
+    std::unique_ptr<sim::VirtualKiosk> kiosk;
     std::unique_ptr<LossyWire> wire;
-    std::unique_ptr<Setup> engine;
+    Setup* engine = nullptr;
     std::vector<bool> buttonStates;  // every change of hDispenseCoins' enabled flag
 
     explicit HopperRig(const std::string& profileName = "default",
                        const std::vector<std::pair<std::string, std::string>>& settings = {}) {
-        profile = *sim::profileNamed(profileName);
-        bus =
-            std::make_unique<sim::HopperBus>(profile.hopper1, profile.hopper2, profile.hopperEcho);
-        wire = std::make_unique<LossyWire>(*bus);
-        hoppers.wire(kHoppersPort, wire.get());
-        clock.setDeadline(3600);
-        for (const store::DeviceSetting& s : store::deviceSettings()) {
-            set(s.section, s.key, s.defaultValue);
-        }
-        set(store::section::kHoppers, "HE", "1");
-        set(store::section::kSettings, "COM2", std::to_string(kHoppersPort));
-        set(store::section::kHoppers, "h1CoinValue", "1");
-        set(store::section::kHoppers, "h2CoinValue", "5");
-        if (profileName == "zeros8" || profileName == "noencrypt8") {
-            set(store::section::kHoppers, store::key::kDispenseMode, profileName);
-        }
-        if (!profile.hopperEcho) {
-            set(store::section::kHoppers, store::key::kEcho, "0");
-        }
+        kiosk = std::make_unique<sim::VirtualKiosk>(*sim::profileNamed(profileName));
+        wire = std::make_unique<LossyWire>(kiosk->hoppers());
+        kiosk->hoppersPort().wire(sim::VirtualKiosk::kPorts.hoppers, wire.get());
+        kiosk->configureAllDevices();
+        set(store::section::kCoinAcceptor, "CAE", "0");
+        set(store::section::kBillValidator, "BVE", "0");
+        set(store::section::kBillDispenser, "BDE", "0");
+        set(store::section::kPinPad, "PPE", "0");
         for (const auto& [key, value] : settings) {
             set(store::section::kHoppers, key, value);
         }
-        engine =
-            std::make_unique<Setup>(Platform{clock, scheduler, store, messages, printer, network,
-                                             instance, pinPad, mdb, dispenser, hoppers});
-        EXPECT_TRUE(engine->startUp());
+        EXPECT_TRUE(kiosk->start());
+        engine = &kiosk->engine();
         engine->console().setChangeListener([this](const Field& f) {
             if (f.name == "hDispenseCoins") {
                 buttonStates.push_back(f.enabled);
@@ -121,10 +91,12 @@ struct HopperRig {
         });
     }
     void set(std::string_view section, std::string_view key, std::string_view value) {
-        store.set(store::kApp, section, key, value);
+        kiosk->store().set(store::kApp, section, key, value);
     }
     Console& console() { return engine->console(); }
-    sim::Hopper& hopper(int n) { return bus->hopper(n); }
+    sim::Hopper& hopper(int n) { return kiosk->hoppers().hopper(n); }
+    sim::VirtualSerialPort& port() { return kiosk->hoppersPort(); }
+    double now() { return kiosk->clock().elapsed(); }
 
     // Pays `amount` through the console's button routine; returns hDispensed.
     std::string dispense(const std::string& amount) {
@@ -133,9 +105,9 @@ struct HopperRig {
         return console().text("hDispensed");
     }
     // Dispense commands the engine wrote, by hopper address.
-    int dispenseCommandsSent(int address) const {
+    int dispenseCommandsSent(int address) {
         int n = 0;
-        const std::string& w = hoppers.written();
+        const std::string& w = kiosk->hoppersPort().written();
         for (std::size_t i = 0; i + 4 < w.size();) {
             const auto size = static_cast<std::size_t>(static_cast<unsigned char>(w[i + 1])) + 5;
             if (static_cast<unsigned char>(w[i]) == address &&
@@ -219,14 +191,14 @@ TEST(Hoppers, AnEmptyHopperPaysWhatItHasAndTheOtherPaysTheShortfall) {
 TEST(Hoppers, AJammedHopperIsStoppedAndTheOtherPays) {
     HopperRig rig;
     rig.hopper(2).setFault("jam", true);
-    const double before = rig.clock.elapsed();
+    const double before = rig.now();
     EXPECT_EQ(rig.dispense("10"), "10");
     EXPECT_EQ(rig.report(2).outcome, Outcome::Jammed);
     EXPECT_EQ(rig.report(2).coinsPaid, 0);
     EXPECT_EQ(rig.hopper(2).coinsRemaining(), 0);  // the emergency stop ended its payout
     EXPECT_EQ(rig.hopper(1).coinsLeft(), 190);
     // The stall is given up after its timeout, not waited on for ever.
-    EXPECT_LT(rig.clock.elapsed() - before, 20.0);
+    EXPECT_LT(rig.now() - before, 20.0);
 }
 
 TEST(Hoppers, TheEchoSettingMustMatchTheInterface) {
@@ -264,10 +236,10 @@ TEST(Hoppers, SilentHoppersGarbageAndAVanishedPortPayNothingAndDoNotHang) {
     HopperRig silent;
     silent.hopper(1).setFault("silent", true);
     silent.hopper(2).setFault("silent", true);
-    const double before = silent.clock.elapsed();
+    const double before = silent.now();
     EXPECT_EQ(silent.dispense("13"), "0");
     EXPECT_EQ(silent.report(2).outcome, Outcome::Absent);
-    EXPECT_LT(silent.clock.elapsed() - before, 5.0);
+    EXPECT_LT(silent.now() - before, 5.0);
 
     // One silent hopper: the other pays what its coins can.
     HopperRig one;
@@ -279,7 +251,7 @@ TEST(Hoppers, SilentHoppersGarbageAndAVanishedPortPayNothingAndDoNotHang) {
     // and the button comes back.
     HopperRig gone;
     gone.console().setText("hToDispense", "13");
-    gone.hoppers.unplug();
+    gone.port().unplug();
     gone.engine->hDispenseCoins_Click();
     EXPECT_EQ(gone.console().text("hDispensed"), "0");
     EXPECT_TRUE(gone.buttonStates.back());
@@ -287,11 +259,11 @@ TEST(Hoppers, SilentHoppersGarbageAndAVanishedPortPayNothingAndDoNotHang) {
 
 TEST(Hoppers, AnUnsupportedDispenseModeIsAConfigurationErrorWithNoTraffic) {
     HopperRig rig("default", {{std::string(store::key::kDispenseMode), "encrypted"}});
-    rig.hoppers.clearWritten();
+    rig.port().clearWritten();
     EXPECT_EQ(rig.dispense("13"), "0");
-    EXPECT_TRUE(rig.hoppers.written().empty());
-    ASSERT_EQ(rig.messages.shown().size(), 1U);
-    EXPECT_NE(rig.messages.shown()[0].text.find("encrypted"), std::string::npos);
+    EXPECT_TRUE(rig.port().written().empty());
+    ASSERT_EQ(rig.kiosk->messageBox().shown().size(), 1U);
+    EXPECT_NE(rig.kiosk->messageBox().shown()[0].text.find("encrypted"), std::string::npos);
 }
 
 TEST(Hoppers, LargeAmountsGoInCommandsOfAtMost255Coins) {
@@ -306,11 +278,11 @@ TEST(Hoppers, LargeAmountsGoInCommandsOfAtMost255Coins) {
 
 TEST(Hoppers, AClosedPortIsOpenedOnceMoreOnTheConfiguredNumber) {
     HopperRig rig;
-    rig.hoppers.close();
+    rig.port().close();
     EXPECT_EQ(rig.dispense("5"), "5");
-    EXPECT_TRUE(rig.hoppers.isOpen());
+    EXPECT_TRUE(rig.port().isOpen());
 
-    rig.hoppers.close();
+    rig.port().close();
     rig.console().setText("comPorts2", "9");  // no such port
     EXPECT_EQ(rig.dispense("5"), "0");
 }
