@@ -157,12 +157,12 @@ TEST(InitEquipment, PublishesWhatEveryDeviceOfTheKioskReports) {
     check += 0x02 + 0x10;
     EXPECT_EQ(k.text("bvSoftwareVersion"), "216" + std::to_string(check & 0xFF));
 
-    // The whole initialisation against its specified waits: dispenser 0.5 + 0.2 + 4 + 0.4 + 1,
+    // The whole initialisation against its fixed waits: dispenser 0.5 + 0.2 + 4 + 0.4 + 1,
     // hoppers 0.1, changer 0.1 + 0.5, validator 4 x (0.5 + 0.1). The rest is the replies' wire
     // time at 9600 baud and the reads that wait for it.
     const double waits = 6.1 + 0.1 + 0.6 + 2.4;
     RecordProperty("virtual_seconds", std::to_string(k.clock().elapsed()));
-    RecordProperty("specified_waits", std::to_string(waits));
+    RecordProperty("fixed_waits", std::to_string(waits));
     EXPECT_GE(k.clock().elapsed(), waits);
     EXPECT_LT(k.clock().elapsed(), waits + 0.5);
 }

@@ -115,9 +115,8 @@ double hexValue(std::string_view hexText) {
     return leadingNumber(ConvertBaseNToDec(hexText, 16));
 }
 
-bool Reply::complete() const {
-    return m_text.find(kEndMarker) != std::string::npos;
-}
+Reply::Reply(std::string text)
+    : m_text(std::move(text)), m_complete(m_text.find(kEndMarker) != std::string::npos) {}
 
 bool Reply::endsComplete() const {
     return m_text.ends_with(kEndMarker);
@@ -168,8 +167,14 @@ std::string Reply::characters(int first, int last) const {
 }
 
 void Reply::append(std::string_view more) {
+    // Only the new text (and the two characters before it) can hold a new end marker, so a long
+    // reply is not searched again on every read.
+    const std::size_t from = m_text.size() < 2 ? 0 : m_text.size() - 2;
     m_text.append(more);
-    if (m_text.size() > MdbLink::kMaxPendingReplyChars && !complete()) {
+    if (!m_complete) {
+        m_complete = m_text.find(kEndMarker, from) != std::string::npos;
+    }
+    if (!m_complete && m_text.size() > MdbLink::kMaxPendingReplyChars) {
         // Keep the last two characters: they may be the start of the end marker.
         m_text.erase(0, m_text.size() - 2);
     }

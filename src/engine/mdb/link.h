@@ -18,8 +18,9 @@
 //
 // How a routine talks to a peripheral (the payment routines included):
 //
-//   1. Pick the use's row in `mdb::use` (wait, read limit, attempts, what an unanswered attempt
-//      does). A new use gets a new row there, never bare numbers in the routine.
+//   1. Pick the use's row in a use table (`mdb::use` below for initialisation, recovery and exit;
+//      the payment keeps its own rows beside its routines): wait, read limit, attempts, what an
+//      unanswered attempt does. A new use gets a new row, never bare numbers in the routine.
 //   2. Send the command and collect its reply in one call:
 //          Exchange ex = link.exchange(mdb::commands::validatorPoll(), mdb::use::kValidatorPoll);
 //      `exchange` writes the command (in one write or word by word, with any pauses the command
@@ -118,13 +119,13 @@ double hexValue(std::string_view hexText);
 class Reply {
 public:
     Reply() = default;
-    explicit Reply(std::string text) : m_text(std::move(text)) {}
+    explicit Reply(std::string text);
 
     const std::string& text() const { return m_text; }
     std::size_t size() const { return m_text.size(); }
     bool empty() const { return m_text.empty(); }
     // Holds "01 " anywhere: the collect loop takes the reply as complete.
-    bool complete() const;
+    bool complete() const { return m_complete; }
     // Ends in "01 ": the reply is acknowledged.
     bool endsComplete() const;
     // Exactly a peripheral's bare acknowledgement, "0001 ".
@@ -158,6 +159,7 @@ private:
     std::string m_text;
     long long m_reads = 0;
     bool m_limitEnded = false;
+    bool m_complete = false;
 };
 
 // A reply that does not begin with an MDB negative acknowledgement (data byte FFh).
