@@ -1,0 +1,109 @@
+#!/usr/bin/env bash
+# Builds the Debian package, unpacks it into a temporary root and checks that the installed
+# programs work: `kestrix --headless --simulate` from the root serves `ksxctl pay` to completion,
+# with the coins inserted through the installed `kestrix-sim ctl`.
+#
+#   package_test.sh CPACK BUILD_DIR
+set -euo pipefail
+
+cpack=$1
+build=$2
+work=$(mktemp -d "${TMPDIR:-/tmp}/ksx-package.XXXXXX")
+engine=""
+cleanup() {
+    if [ -n "$engine" ] && kill -0 "$engine" 2>/dev/null; then
+        kill -TERM "$engine" 2>/dev/null || true
+        wait "$engine" 2>/dev/null || true
+    fi
+    rm -rf "$work"
+}
+trap cleanup EXIT
+fail() {
+    echo "FAIL: $*" >&2
+    for log in "$work"/*.log; do
+        [ -f "$log" ] && { echo "--- $log" >&2; tail -n 30 "$log" >&2; }
+    done
+    exit 1
+}
+
+# --- The package ------------------------------------------------------------------------------
+start=$(date +%s%N)
+"$cpack" --config "$build/CPackConfig.cmake" -G DEB -B "$work/out" > "$work/cpack.log" 2>&1 ||
+    fail "cpack failed"
+deb=$(ls "$work"/out/kestrix_*.deb 2>/dev/null | head -n 1)
+[ -n "$deb" ] || fail "no kestrix_*.deb made"
+echo "package: $(basename "$deb"), $(stat -c %s "$deb") bytes, built in $((($(date +%s%N) - start) / 1000000)) ms"
+
+dpkg-deb --field "$deb" Package | grep -qx kestrix || fail "package name"
+dpkg-deb --field "$deb" Depends | grep -q libqt6serialport6 || fail "Qt dependencies missing"
+
+root=$work/root
+dpkg -x "$deb" "$root"
+for f in usr/bin/kestrix usr/bin/kestrix-sim usr/bin/ksxctl; do
+    [ -x "$root/$f" ] || fail "$f missing or not executable"
+done
+desktop=$root/usr/share/applications/kestrix.desktop
+[ -f "$desktop" ] || fail "desktop entry missing"
+grep -qx 'Exec=kestrix' "$desktop" || fail "desktop entry does not start the console"
+grep -qx 'Type=Application' "$desktop" || fail "desktop entry type"
+[ -f "$root/usr/share/icons/hicolor/scalable/apps/kestrix.svg" ] || fail "icon missing"
+unit=$root/usr/lib/systemd/user/kestrix.service
+[ -f "$unit" ] || fail "systemd user unit missing"
+grep -qx 'ExecStart=/usr/bin/kestrix --headless' "$unit" || fail "unit: $(grep ExecStart "$unit")"
+grep -qx 'Restart=on-failure' "$unit" || fail "unit does not restart on failure"
+grep -qx 'WantedBy=default.target' "$unit" || fail "unit cannot be enabled"
+for doc in README.md host-integration.md operations.md; do
+    [ -f "$root/usr/share/doc/kestrix/$doc" ] || fail "$doc not installed"
+done
+"$root/usr/bin/kestrix" --version | grep -qx 'kestrix [0-9.]*' || fail "kestrix --version"
+
+# --- The installed programs on the simulated kiosk ----------------------------------------------
+export KSX_STORE=$work/KSX.db KSX_SIM_DIR=$work/sim XDG_CONFIG_HOME=$work/config
+export XDG_RUNTIME_DIR=$work QT_QPA_PLATFORM=offscreen
+ksxctl=$root/usr/bin/ksxctl
+sim=$root/usr/bin/kestrix-sim
+
+"$root/usr/bin/kestrix" --headless --simulate > "$work/engine.log" 2>&1 &
+engine=$!
+for _ in $(seq 1 300); do
+    [ "$("$ksxctl" get Status BDStatus 2>/dev/null)" = OK ] &&
+        [ "$("$ksxctl" get Status Tubes 2>/dev/null)" != 0 ] && break
+    kill -0 "$engine" 2>/dev/null || fail "the installed engine ended"
+    sleep 0.2
+done
+[ "$("$ksxctl" get Status BDStatus)" = OK ] || fail "the installed engine did not come up"
+
+# The customer: a coin of 10.00 whenever the payment asks for money, one at a time.
+customer() {
+    while :; do
+        if [ "$("$ksxctl" get Status Status)" = "Insert Coins or Bills..." ]; then
+            before=$("$ksxctl" get Status Credit)
+            if "$sim" ctl "$KSX_SIM_DIR" coin 5 >> "$work/customer.log" 2>&1; then
+                for _ in $(seq 1 50); do
+                    [ "$("$ksxctl" get Status Credit)" != "$before" ] && break
+                    sleep 0.1
+                done
+            fi
+        fi
+        sleep 0.1
+    done
+}
+customer &
+customer_pid=$!
+status=0
+"$ksxctl" pay 12.5 --timeout 60 > "$work/pay.log" 2>&1 || status=$?
+kill "$customer_pid" 2>/dev/null || true
+wait "$customer_pid" 2>/dev/null || true
+[ "$status" -eq 0 ] || fail "ksxctl pay exited with $status"
+grep -qx 'Status=Payment Completed' "$work/pay.log" || fail "no Payment Completed"
+grep -qx 'ChangeDispensed=7.5' "$work/pay.log" || fail "change not paid"
+
+"$ksxctl" exit
+for _ in $(seq 1 150); do
+    kill -0 "$engine" 2>/dev/null || break
+    sleep 0.2
+done
+kill -0 "$engine" 2>/dev/null && fail "the engine did not end on Exit"
+wait "$engine" || fail "the engine ended with status $?"
+engine=""
+echo "ok: the installed kestrix served ksxctl pay 12.5 (Payment Completed, change 7.5)"
