@@ -47,6 +47,21 @@ TEST(KestrixProgram, StartsOnTheSimulatedKioskRefusesASecondCopyAndExitsOnReques
     EXPECT_EQ(kiosk.get("BDCassette"), "OK\n");
     EXPECT_EQ(kiosk.get("BDDispensed"), "0\n");
     EXPECT_TRUE(test::eventually([&] { return kiosk.get("Tubes") == "320\n"; }, 30s));
+    // The changer's tube slots and counts, exported in the device settings.
+    const char* const slots[][3] = {{"1", "0.5", "40"},
+                                    {"2", "1", "40"},
+                                    {"3", "2", "30"},
+                                    {"4", "5", "20"},
+                                    {"5", "10", "10"}};
+    for (const auto& slot : slots) {
+        const auto setting = [&](const std::string& key) {
+            return test::run(test::ksxctlBinary(),
+                             {"--store", kiosk.store, "get", "CoinAcceptor", key + slot[0]})
+                .out;
+        };
+        EXPECT_EQ(setting("tubeCoinType"), std::string(slot[1]) + "\n") << slot[0];
+        EXPECT_EQ(setting("tubeCoinQty"), std::string(slot[2]) + "\n") << slot[0];
+    }
 
     const test::RunResult second =
         test::run(test::kestrixBinary(), {"--headless", "--store", kiosk.store}, {}, 20s);
