@@ -15,6 +15,7 @@
 #include "engine/formulas.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
+#include "scripted_devices.h"
 #include "sim/world/virtual_kiosk.h"
 
 namespace kestrix::test {
@@ -78,20 +79,6 @@ private:
     std::vector<std::pair<double, std::string>> m_own;
     bool m_swallowAck = false;
 };
-
-// MDB reply text for a peripheral's data bytes: each "dd00 ", then the check byte "cc01 ".
-inline std::string mdbReplyText(const std::vector<int>& data) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    int sum = 0;
-    for (std::size_t i = 0; i <= data.size(); ++i) {
-        const int b = i < data.size() ? data[i] : sum & 0xFF;
-        sum += b;
-        text += {kDigits[(b >> 4) & 0xF], kDigits[b & 0xF]};
-        text += i < data.size() ? "00 " : "01 ";
-    }
-    return text;
-}
 
 // Coins and bills counted by the models, per MDB type; what went out of the kiosk.
 struct Till {

@@ -10,7 +10,7 @@ namespace kestrix {
 namespace {
 
 using test::CashKiosk;
-using test::mdbReplyText;
+using test::mdbReply;
 using test::Till;
 namespace mb = store::mailbox;
 
@@ -254,9 +254,9 @@ TEST(CashPayment, OnlyTheFirstByteOfAChangerReplyIsACoin) {
         return r;
     };
     for (const auto& [bytes, credited] : rows) {
-        SCOPED_TRACE(mdbReplyText(bytes));
+        SCOPED_TRACE(mdbReply(bytes));
         const double before = k.engine().state().creditAmount;
-        replies.push_back(mdbReplyText(bytes));
+        replies.push_back(mdbReply(bytes));
         ASSERT_TRUE(k.runUntil([&] { return replies.empty(); }, 5));
         k.runFor(0.5);
         EXPECT_DOUBLE_EQ(k.engine().state().creditAmount - before, credited);
@@ -286,13 +286,13 @@ TEST(CashPayment, ABillReportedTwiceWithinTwoSecondsIsCreditedOnce) {
     ASSERT_TRUE(k.start());
     ASSERT_TRUE(k.requestPayment("500"));
     const double t0 = k.now();
-    const std::string stacked = mdbReplyText({0x80});  // "8000 8001 ": type 1, 20
+    const std::string stacked = mdbReply({0x80});  // "8000 8001 ": type 1, 20
     std::deque<std::pair<double, std::string>> replies{
         {t0, stacked},
-        {t0 + 1.5, stacked},                     // the same bill again: not credited
-        {t0 + 4.0, stacked},                     // a new bill
-        {t0 + 6.5, mdbReplyText({0x09})},        // a status byte alone
-        {t0 + 9.0, mdbReplyText({0x81, 0x09})},  // type 2 (50) with a status behind it
+        {t0 + 1.5, stacked},                 // the same bill again: not credited
+        {t0 + 4.0, stacked},                 // a new bill
+        {t0 + 6.5, mdbReply({0x09})},        // a status byte alone
+        {t0 + 9.0, mdbReply({0x81, 0x09})},  // type 2 (50) with a status behind it
     };
     scriptValidatorPolls(k, replies);
     std::vector<double> credits;

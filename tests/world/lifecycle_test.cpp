@@ -1,75 +1,15 @@
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
-#include "engine/settings/layout.h"
-#include "engine/setup.h"
-#include "sim/world/fakes.h"
-#include "sim/world/memory_store.h"
-#include "sim/world/virtual_serial_port.h"
-#include "sim/world/virtual_time.h"
+#include "engine_rig.h"
 
 namespace kestrix {
 namespace {
 
-// A pin pad library that records that it was used and otherwise says nothing.
-class QuietLibrary : public PaymentLibrary {
-public:
-    int calls = 0;
-    PinPadIdentity identify() override { return ++calls, PinPadIdentity{}; }
-    void setNumericParameter(const std::string&) override { ++calls; }
-    void setCurrency(const std::string&) override { ++calls; }
-    void setAmount(const std::string&) override { ++calls; }
-    std::string readCard() override { return ++calls, std::string(); }
-    PinPadErrorDetails errorDetails() override { return ++calls, PinPadErrorDetails{}; }
-    std::string cardNumber() override { return ++calls, std::string(); }
-    std::string cardHolder() override { return ++calls, std::string(); }
-    void setTextParameter(const std::string&) override { ++calls; }
-    std::string prepareOperation(const std::string&) override { return ++calls, std::string(); }
-    std::string runSale(const SaleRequest&) override { return ++calls, std::string(); }
-    std::string result() override { return ++calls, std::string(); }
-    void closeOperation() override { ++calls; }
-    void cancelOperation() override { ++calls; }
-    std::string displayMessage() override { return ++calls, std::string(); }
-    std::string operationNumber() override { return ++calls, std::string(); }
-    std::string responseCode() override { return ++calls, std::string(); }
-    std::string declineCause() override { return ++calls, std::string(); }
-    std::string errorText() override { return ++calls, std::string(); }
-    std::string errorCode() override { return ++calls, std::string(); }
-};
-
 // The engine with no devices attached: enough for the load, Save, Exit and the monitor's
 // request handling when every device is disabled.
-struct BareEngine {
-    sim::VirtualClock clock;
-    sim::VirtualScheduler scheduler{clock};
-    sim::MemoryStore store;
-    sim::RecordingMessageBox messages;
-    sim::RecordingPrinter printer{{"Front Printer", "Voucher Printer"}};
-    sim::FixedNetworkInfo network;
-    sim::FixedInstance instance;
-    QuietLibrary library;
-    sim::VirtualSerialPort mdb{clock, "MSComm1"};
-    sim::VirtualSerialPort dispenser{clock, "MSComm2"};
-    sim::VirtualSerialPort hoppers{clock, "MSComm3"};
-    std::unique_ptr<Setup> engine;
-
-    BareEngine() {
-        clock.setDeadline(3600);
-        engine = std::make_unique<Setup>(Platform{clock, scheduler, store, messages, printer,
-                                                  network, instance, library, mdb, dispenser,
-                                                  hoppers});
-    }
-    std::string get(std::string_view section, std::string_view key) {
-        return store.get(store::kApp, section, key, "<missing>");
-    }
-    void set(std::string_view section, std::string_view key, std::string_view value) {
-        store.set(store::kApp, section, key, value);
-    }
-    std::string mailbox(std::string_view key) { return get(store::section::kStatus, key); }
-    Console& console() { return engine->console(); }
-};
+using BareEngine = test::EngineRig;
 
 TEST(Load, AnEmptyStoreGetsTheDefaultSetAndAResetMailbox) {
     BareEngine e;
@@ -94,7 +34,7 @@ TEST(Load, AnEmptyStoreGetsTheDefaultSetAndAResetMailbox) {
     EXPECT_FALSE(c.enabled("hDispenseCoins"));
     EXPECT_TRUE(e.engine->state().loaded);
     EXPECT_TRUE(e.engine->monitorTimer().enabled());
-    EXPECT_EQ(e.library.calls, 0) << "the pin pad is disabled";
+    EXPECT_TRUE(e.pinPad.calls.empty()) << "the pin pad is disabled";
     EXPECT_TRUE(e.messages.shown().empty());
 }
 
@@ -144,9 +84,9 @@ TEST(Load, OneJunkFlagRewritesTheWholeDefaultSetAndRetriesTheRead) {
             defaults.push_back(w);
         }
     }
-    const std::vector<std::string> expected = {"Settings/COM=0", "BillDispenser/BDE=0",
-                                               "Settings/COM1=0", "BillDispenser/BillDispTypeValue=50",
-                                               "Settings/COM2=0"};
+    const std::vector<std::string> expected = {
+        "Settings/COM=0", "BillDispenser/BDE=0", "Settings/COM1=0",
+        "BillDispenser/BillDispTypeValue=50", "Settings/COM2=0"};
     EXPECT_EQ(defaults, expected);
 }
 
