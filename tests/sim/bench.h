@@ -88,10 +88,6 @@ inline std::string field(const std::string& text, std::size_t position, std::siz
     return position - 1 < text.size() ? text.substr(position - 1, length) : std::string();
 }
 
-}  // namespace kestrix::sim::test
-
-namespace kestrix::sim::test {
-
 // "10 05 10 02" -> bytes.
 inline ByteList hex(const std::string& text) {
     ByteList out;

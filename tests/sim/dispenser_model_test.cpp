@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "bench.h"
+#include "engine/dispenser/bill_dispenser.h"
 #include "sim/dispenser/bill_dispenser_model.h"
 
 namespace kestrix::sim {
@@ -11,27 +12,16 @@ using test::engineHex;
 using test::field;
 using test::hex;
 
-// The requests as the engine sends them: header, then the body in one or more writes.
-struct Request {
-    int billType;
-    ByteList header;
-    ByteList body;
-};
-
-const ByteList kSetUpHeader = hex("10 05 10 02 00 11");
-const Request kSetUps[] = {
-    {20, kSetUpHeader, hex("60 02 0D 00 8B 78 00 00 00 00 00 00 0F 00 00 00 1C 10 03 8D 9C")},
-    {100, kSetUpHeader, hex("60 02 0D 00 A5 7C 00 00 00 00 00 00 0F 00 00 00 1C 10 03 72 CB")},
-    {200, kSetUpHeader, hex("60 02 0D 00 A5 83 00 00 00 00 00 00 0F 00 00 00 1C 10 03 4F E2")},
-    {500, kSetUpHeader, hex("60 02 0D 00 A5 89 00 00 00 00 00 00 0F 00 00 00 1C 10 03 F8 F0")},
-    {1000, kSetUpHeader, hex("60 02 0D 00 A5 91 00 00 00 00 00 00 0F 00 00 00 1C 10 03 4C C9")},
-};
-const ByteList kDispenseHeader = hex("10 05 10 02 00 19");
-const ByteList kDispenseBody[] = {hex("60 03 15 00 30 B1 30 30 30 30 30 30"),
-                                  hex("B1 30 30 30 30 30 30 30 05 00 00 00"),
-                                  hex("1C 10 03 A3 8D")};
-const ByteList kStatus = hex("10 05 10 02 00 03 00 01 1C 10 03 FA 97");
-const ByteList kDleAck = hex("10 06");
+// The requests exactly as the engine sends them: header, then the body in one or more writes.
+const int kSetUpTypes[] = {20, 100, 200, 500, 1000};
+ByteList setUpHeader(int type) {
+    return test::bytesOf(bd::setupFrame(type)->header);
+}
+ByteList setUpBody(int type) {
+    return test::bytesOf(bd::setupFrame(type)->body);
+}
+const ByteList kStatus = test::bytesOf(bd::statusFrame());
+const ByteList kDleAck = test::bytesOf(bd::ackFrame());
 
 struct DispenserBench {
     BillDispenserModel dispenser;
@@ -40,10 +30,10 @@ struct DispenserBench {
     explicit DispenserBench(DispenserProfile p = {}) : dispenser(p) {}
 
     // Set-up, 4 s, two acknowledgements 0.2 s apart, one read of everything.
-    std::string init(const Request& r) {
-        host.write(r.header);
+    std::string init(int type) {
+        host.write(setUpHeader(type));
         std::string got = host.wait(0.2);
-        host.write(r.body);
+        host.write(setUpBody(type));
         got += host.wait(4);
         return got + acknowledgeTwice();
     }
@@ -59,10 +49,10 @@ struct DispenserBench {
     }
     // One dispense as the engine runs it: the rounds of reads until 13 characters came.
     std::vector<std::string> dispense() {
-        host.write(kDispenseHeader);
+        host.write(test::bytesOf(bd::dispenseFrame().header));
         std::string pending = host.wait(0.2);
-        for (const ByteList& part : kDispenseBody) {
-            host.write(part);
+        for (const std::string& part : bd::dispenseFrame().body) {
+            host.write(test::bytesOf(part));
         }
         pending += host.wait(2);
         std::vector<std::string> reads;
@@ -80,22 +70,16 @@ struct DispenserBench {
 };
 
 // Every request of the engine's table carries a CRC-16/KERMIT over length, data and DLE ETX.
-TEST(BillDispenserModel, TheFixedRequestsCarryTheirCrc) {
-    std::vector<ByteList> frames;
-    for (const Request& r : kSetUps) {
-        ByteList f = r.header;
-        f.insert(f.end(), r.body.begin(), r.body.end());
-        frames.push_back(f);
+TEST(BillDispenserModel, TheEnginesRequestsCarryTheirCrc) {
+    std::vector<ByteList> frames{kStatus, test::bytesOf(bd::dispenseFrame().header)};
+    for (const std::string& part : bd::dispenseFrame().body) {
+        frames.back() = test::bytesOf(test::raw(frames.back()) + part);
     }
-    ByteList d = kDispenseHeader;
-    for (const ByteList& part : kDispenseBody) {
-        d.insert(d.end(), part.begin(), part.end());
+    for (int type : kSetUpTypes) {
+        frames.push_back(test::bytesOf(bd::setupFrame(type)->header + bd::setupFrame(type)->body));
     }
-    frames.push_back(d);
-    frames.push_back(kStatus);
     for (const ByteList& f : frames) {
-        const ByteList covered(f.begin() + 4, f.end() - 2);  // length .. DLE ETX
-        const std::uint16_t crc = dispenserCrc(covered);
+        const std::uint16_t crc = dispenserCrc(ByteList(f.begin() + 4, f.end() - 2));
         EXPECT_EQ(crc & 0xFF, f[f.size() - 2]);
         EXPECT_EQ(crc >> 8, f[f.size() - 1]);
     }
@@ -104,9 +88,9 @@ TEST(BillDispenserModel, TheFixedRequestsCarryTheirCrc) {
 TEST(BillDispenserModel, SetUpAnswersDecodeAtTheEnginesPositions) {
     const std::pair<std::string, std::string> sizes[] = {
         {"8B", "78"}, {"A5", "7C"}, {"A5", "83"}, {"A5", "89"}, {"A5", "91"}};
-    for (std::size_t i = 0; i < std::size(kSetUps); ++i) {
+    for (std::size_t i = 0; i < std::size(kSetUpTypes); ++i) {
         DispenserBench b;
-        const std::string text = engineHex(b.init(kSetUps[i]));
+        const std::string text = engineHex(b.init(kSetUpTypes[i]));
         SCOPED_TRACE(text);
         EXPECT_EQ(field(text, 1, 8), "10061006");
         EXPECT_EQ(field(text, 21, 6), "E00234");
@@ -117,7 +101,7 @@ TEST(BillDispenserModel, SetUpAnswersDecodeAtTheEnginesPositions) {
         EXPECT_EQ(field(text, 67, 2), sizes[i].first);
         EXPECT_EQ(field(text, 69, 2), sizes[i].second);
         EXPECT_EQ(field(text, 82, 2), "0F");
-        EXPECT_EQ(b.dispenser.setUpFor(), kSetUps[i].billType);
+        EXPECT_EQ(b.dispenser.setUpFor(), kSetUpTypes[i]);
     }
 }
 

@@ -74,20 +74,6 @@ TEST(MdbAdapter, ReportsEveryWordWithItsModeAndACorrectCheckByte) {
     }
 }
 
-TEST(MdbAdapter, SetupRepliesCarryTheDefaultProfile) {
-    MdbBench b;
-    EXPECT_EQ(b.sendAcked({0x09}),
-              "0300 1400 8400 0200 0100 0000 1f00 0100 0200 0400 0a00 1400 0000 0000 0000 0000 "
-              "0000 0000 0000 0000 0000 0000 0000 e201 ");
-    const ByteList v = replyBytes(b.sendAcked({0x31}));
-    // level 1, country 1484, scaling 100, 1 decimal, stacker 500, security 0, escrow FF
-    EXPECT_EQ(ByteList(v.begin(), v.begin() + 16),
-              (ByteList{0x01, 0x14, 0x84, 0x00, 0x64, 0x01, 0x01, 0xF4, 0x00, 0x00, 0xFF, 0x02,
-                        0x05, 0x0A, 0x14, 0x32}));
-    const ByteList id = replyBytes(b.sendAcked({0x37, 0x00}));
-    EXPECT_NE(std::string(id.begin(), id.begin() + 3), "CCD");
-}
-
 TEST(CoinChanger, ReportsJustResetOnceAndRepeatsUnacknowledgedData) {
     MdbBench b;
     EXPECT_EQ(b.send({0x08}), "0001 ");
