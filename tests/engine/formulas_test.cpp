@@ -17,16 +17,27 @@ TEST(ConvertBaseNToDec, ReadsDigitTextsInAnyBase) {
         const char* expected;
     };
     const Row rows[] = {
-        {"ff", 16, "255"},  {"0A", 16, "10"},     {"0b", 16, "11"},      {"11111111", 2, "255"},
-        {"00000000", 2, "0"}, {"Z", 36, "35"},    {"10", 36, "36"},      {"ff", 1, ""},
-        {"ff", 37, ""},     {"ff", 0, ""},        {"7", 8, "7"},
+        {"ff", 16, "255"},
+        {"0A", 16, "10"},
+        {"0b", 16, "11"},
+        {"11111111", 2, "255"},
+        {"00000000", 2, "0"},
+        {"Z", 36, "35"},
+        {"10", 36, "36"},
+        {"ff", 1, ""},
+        {"ff", 37, ""},
+        {"ff", 0, ""},
+        {"7", 8, "7"},
         // No digit is checked against the base: "9" in base 2 still counts 9.
         {"9", 2, "9"},
         // A stranger to the alphabet counts -1 times its power.
-        {"-", 16, "-1"},    {"1-", 16, "15"},     {" 1", 16, "-15"},
+        {"-", 16, "-1"},
+        {"1-", 16, "15"},
+        {" 1", 16, "-15"},
     };
     for (const Row& r : rows) {
-        EXPECT_EQ(ConvertBaseNToDec(r.digits, r.base), r.expected) << r.digits << " base " << r.base;
+        EXPECT_EQ(ConvertBaseNToDec(r.digits, r.base), r.expected)
+            << r.digits << " base " << r.base;
     }
 }
 
@@ -55,9 +66,9 @@ TEST(ConvertDecToBaseN, WritesDigitTexts) {
         const char* expected;
     };
     const Row rows[] = {
-        {255, 16, "FF"}, {0, 16, "0"},   {0, 2, "0"},     {12, 2, "1100"}, {35, 36, "Z"},
-        {11, 16, "B"},   {1, 2, "1"},    {255, 40, ""},   {255, 1, ""},    {65535, 16, "FFFF"},
-        {0x10B, 16, "10B"},
+        {255, 16, "FF"}, {0, 16, "0"},        {0, 2, "0"},        {12, 2, "1100"},
+        {35, 36, "Z"},   {11, 16, "B"},       {1, 2, "1"},        {255, 40, ""},
+        {255, 1, ""},    {65535, 16, "FFFF"}, {0x10B, 16, "10B"},
     };
     for (const Row& r : rows) {
         EXPECT_EQ(ConvertDecToBaseN(r.value, r.base), r.expected) << r.value << " base " << r.base;
@@ -96,9 +107,17 @@ TEST(NumberText, WritesTheShortestPlainDecimal) {
         const char* expected;
     };
     const Row rows[] = {
-        {0, "0"},          {-0.0, "0"},          {2.5, "2.5"},     {10, "10"},
-        {0.1 + 0.2, "0.3"}, {12.5, "12.5"},      {-5, "-5"},       {1234.5, "1234.5"},
-        {7.5, "7.5"},      {1.0 / 3, "0.333333333333333"},        {123456789012345.0, "123456789012345"},
+        {0, "0"},
+        {-0.0, "0"},
+        {2.5, "2.5"},
+        {10, "10"},
+        {0.1 + 0.2, "0.3"},
+        {12.5, "12.5"},
+        {-5, "-5"},
+        {1234.5, "1234.5"},
+        {7.5, "7.5"},
+        {1.0 / 3, "0.333333333333333"},
+        {123456789012345.0, "123456789012345"},
         {1e15, "1E+15"},
     };
     for (const Row& r : rows) {
@@ -126,10 +145,26 @@ TEST(LeadingNumber, TakesTheLeadingNumberAndNeverInventsAnAmount) {
         double expected;
     };
     const Row rows[] = {
-        {"12.5", 12.5}, {"  7", 7},    {"3abc", 3},      {"abc", 0},     {"", 0},
-        {"-5", -5},     {"-3", -3},    {"0", 0},         {"1e3", 1000},  {"1e309", 0},
-        {"NaN", 0},     {"inf", 0},    {"Infinity", 0},  {".5", 0.5},    {"5.", 5},
-        {"+4", 4},      {"1,000", 1},  {"1e", 1},        {"0x10", 0},    {"--5", 0},
+        {"12.5", 12.5},
+        {"  7", 7},
+        {"3abc", 3},
+        {"abc", 0},
+        {"", 0},
+        {"-5", -5},
+        {"-3", -3},
+        {"0", 0},
+        {"1e3", 1000},
+        {"1e309", 0},
+        {"NaN", 0},
+        {"inf", 0},
+        {"Infinity", 0},
+        {".5", 0.5},
+        {"5.", 5},
+        {"+4", 4},
+        {"1,000", 1},
+        {"1e", 1},
+        {"0x10", 0},
+        {"--5", 0},
         {std::string(1 << 20, '9'), 0},  // a 1 MB number is no amount
         {std::string(1 << 20, 'x'), 0},
     };
