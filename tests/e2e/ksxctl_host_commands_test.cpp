@@ -125,6 +125,21 @@ TEST(KsxctlHostCommands, WithNoEngineTheRequestIsWithdrawnAtTheTimeOut) {
     EXPECT_EQ(box.get("Change"), "");
 }
 
+TEST(KsxctlHostCommands, OnATerminalTheProgressLineIsRewrittenInPlace) {
+    Mailbox box;
+    // script(1) gives pay a terminal for its standard output.
+    const test::RunResult r =
+        test::run("/usr/bin/script",
+                  {"-qec", test::ksxctlBinary() + " --store " + box.store + " pay 5 --timeout 0.2",
+                   "/dev/null"},
+                  {}, 30s);
+    EXPECT_EQ(r.status, 5) << r.out << r.err;
+    EXPECT_NE(r.out.find("\rwaiting for the engine... | credit 0 | due 5\x1b[K"), std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("Status="), std::string::npos)
+        << "the results start on a line of their own";
+}
+
 TEST(KsxctlHostCommands, CancelAndExitWriteTheirRequests) {
     Mailbox box;
     EXPECT_EQ(box.ksxctl({"cancel"}).status, 0);
