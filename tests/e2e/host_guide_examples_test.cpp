@@ -142,12 +142,12 @@ TEST(HostGuide, WindowsExamplesUseTheRegistryStoreAndMailboxKeys) {
     EXPECT_NE(slurp(kGuide).find("HKEY_CURRENT_USER\\" + mailboxPath), std::string::npos);
 
     const std::set<std::string> mailboxKeys = {
-        std::string(store::mailbox::kDue),        std::string(store::mailbox::kDueCC),
-        std::string(store::mailbox::kChange),     std::string(store::mailbox::kCancel),
-        std::string(store::mailbox::kExit),       std::string(store::mailbox::kStatus),
-        std::string(store::mailbox::kCredit),     std::string(store::mailbox::kChangeDispensed),
-        std::string(store::mailbox::kTubes),      std::string(store::mailbox::kBDStatus),
-        std::string(store::mailbox::kBDCassette), std::string(store::mailbox::kBDDispensed),
+        std::string(store::mailbox::kDue),         std::string(store::mailbox::kDueCC),
+        std::string(store::mailbox::kChange),      std::string(store::mailbox::kCancel),
+        std::string(store::mailbox::kExit),        std::string(store::mailbox::kStatus),
+        std::string(store::mailbox::kCredit),      std::string(store::mailbox::kChangeDispensed),
+        std::string(store::mailbox::kTubes),       std::string(store::mailbox::kBDStatus),
+        std::string(store::mailbox::kBDCassette),  std::string(store::mailbox::kBDDispensed),
         std::string(store::mailbox::kReferenceCC), std::string(store::mailbox::kKsxError)};
     // How each kind of example names a mailbox key.
     const std::map<std::string, std::regex> keyUses = {
