@@ -51,7 +51,8 @@ std::string ConvertBaseNToDec(std::string_view digits, int base) {
             const char c = text[text.size() - 1 - i];
             const std::size_t found = kDigitAlphabet.find(c);
             // Position counted from 1 by a text search, minus one: -1 for a stranger.
-            const double digit = found == std::string_view::npos ? -1.0 : static_cast<double>(found);
+            const double digit =
+                found == std::string_view::npos ? -1.0 : static_cast<double>(found);
             value += digit * power;
             power *= base;
             if (!std::isfinite(value) || !std::isfinite(power)) {
@@ -255,7 +256,8 @@ double strictNumber(std::string_view text) {
 int strictInt(std::string_view text) {
     const double value = strictNumber(text);
     const double rounded = std::nearbyint(value);
-    if (rounded < std::numeric_limits<short>::min() || rounded > std::numeric_limits<short>::max()) {
+    if (rounded < std::numeric_limits<short>::min() ||
+        rounded > std::numeric_limits<short>::max()) {
         throw KsxError(KsxError::kOverflow, "Overflow");
     }
     return static_cast<int>(rounded);

@@ -32,8 +32,7 @@ Setup::Setup(Platform platform)
       m_card(std::make_unique<CardPayment>(*this)) {
     Scheduler& s = m_platform.scheduler;
     m_monitor = s.createTimer("Monitor", kMonitorIntervalMs, false, [this] { Monitor_Timer(); });
-    m_pollTimer =
-        s.createTimer("pollTimer", kPollIntervalMs, false, [this] { pollTimer_Timer(); });
+    m_pollTimer = s.createTimer("pollTimer", kPollIntervalMs, false, [this] { pollTimer_Timer(); });
     m_changeTimer =
         s.createTimer("changeTimer", kChangeIntervalMs, false, [this] { changeTimer_Timer(); });
     m_clickTimer =
@@ -141,7 +140,8 @@ void Setup::loadSettings() {
                     break;
                 }
                 case SettingKind::Number:
-                    m_console.setText(s.control, numberText(strictNumber(getSetting(s.section, s.key))));
+                    m_console.setText(s.control,
+                                      numberText(strictNumber(getSetting(s.section, s.key))));
                     break;
                 case SettingKind::Text: {
                     std::string v = getSetting(s.section, s.key, "");

@@ -82,18 +82,18 @@ const Operation& operation(std::string_view key) {
     throw std::out_of_range("no pin pad library operation \"" + std::string(key) + "\"");
 }
 
-CallSpec parseCallSpec(std::string_view value) {
+MethodCall parseMethodCall(std::string_view value) {
     std::string_view v = trimmed(value);
-    CallSpec spec;
+    MethodCall call;
     if (v.empty()) {
-        spec.kind = CallKind::Skip;
-        return spec;
+        call.kind = CallKind::Skip;
+        return call;
     }
     if (v.front() == '.') {
-        spec.kind = CallKind::Property;
+        call.kind = CallKind::Property;
         v.remove_prefix(1);
     } else if (v.back() == '&') {
-        spec.resultByReference = true;
+        call.resultByReference = true;
         v.remove_suffix(1);
     }
     v = trimmed(v);
@@ -105,15 +105,15 @@ CallSpec parseCallSpec(std::string_view value) {
         throw std::invalid_argument("\"" + std::string(value) +
                                     "\" is not a method or property name");
     }
-    spec.name = std::string(v);
-    return spec;
+    call.name = std::string(v);
+    return call;
 }
 
-CallSpec lookUp(SettingsStore& store, std::string_view key) {
+MethodCall lookUp(SettingsStore& store, std::string_view key) {
     const Operation& op = operation(key);
     const std::string value =
-        store.get(store::kApp, store::section::kPinPadMethods, key, op.defaultSpec);
-    return parseCallSpec(value);
+        store.get(store::kApp, store::section::kPinPadMethods, key, op.defaultMapping);
+    return parseMethodCall(value);
 }
 
 }  // namespace kestrix::qt::com

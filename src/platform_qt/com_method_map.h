@@ -31,17 +31,17 @@ inline constexpr std::string_view kComponentName = "cpIntegracionEMV";
 
 enum class CallKind { Method, Property, Skip };
 
-struct CallSpec {
+struct MethodCall {
     CallKind kind = CallKind::Method;
     std::string name;
     bool resultByReference = false;  // "Name&"
 };
 
 struct Operation {
-    std::string_view key;          // the store key, also the name used in errors
-    std::string_view defaultSpec;  // what is used when the store has no value
-    int inputs;                    // number of input texts
-    bool givesText;                // whether the operation reads a text back
+    std::string_view key;             // the store key, also the name used in errors
+    std::string_view defaultMapping;  // what is used when the store has no value
+    int inputs;                       // number of input texts
+    bool givesText;                   // whether the operation reads a text back
 };
 
 // Every operation, in the order of the library's call table, then identification. The
@@ -53,9 +53,9 @@ const Operation& operation(std::string_view key);
 // Parses a mapping value. Throws std::invalid_argument for a value that is not a name in one
 // of the forms above (the name must be letters, digits and "_", not starting with a digit;
 // non-ASCII letters are accepted).
-CallSpec parseCallSpec(std::string_view value);
+MethodCall parseMethodCall(std::string_view value);
 
 // The call for `key`: the store's value when present, else the default.
-CallSpec lookUp(SettingsStore& store, std::string_view key);
+MethodCall lookUp(SettingsStore& store, std::string_view key);
 
 }  // namespace kestrix::qt::com

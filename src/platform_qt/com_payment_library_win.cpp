@@ -320,13 +320,13 @@ IDispatch* ComPaymentLibrary::object() {
 
 std::string ComPaymentLibrary::call(std::string_view key, const std::vector<std::string>& inputs) {
     const com::Operation& op = com::operation(key);
-    const com::CallSpec spec = com::lookUp(m_store, key);
-    if (spec.kind == com::CallKind::Skip) {
+    const com::MethodCall method = com::lookUp(m_store, key);
+    if (method.kind == com::CallKind::Skip) {
         return {};
     }
     WORD flags = DISPATCH_METHOD;
     bool put = false;
-    if (spec.kind == com::CallKind::Property) {
+    if (method.kind == com::CallKind::Property) {
         if (op.givesText && op.inputs == 0) {
             flags = DISPATCH_PROPERTYGET;
         } else if (!op.givesText && op.inputs == 1) {
@@ -336,21 +336,21 @@ std::string ComPaymentLibrary::call(std::string_view key, const std::vector<std:
             throw std::invalid_argument("the pin pad library operation \"" + std::string(key) +
                                         "\" cannot be a property");
         }
-    } else if (inputs.empty() && !spec.resultByReference) {
+    } else if (inputs.empty() && !method.resultByReference) {
         // A member without arguments may be a method or a property: let the component decide.
         flags = DISPATCH_METHOD | DISPATCH_PROPERTYGET;
     }
 
     IDispatch* dispatch = object();
-    std::wstring name = widen(spec.name);
+    std::wstring name = widen(method.name);
     LPOLESTR names[] = {name.data()};
     DISPID member = DISPID_UNKNOWN;
     if (FAILED(dispatch->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &member))) {
         throw failure(kNoSuchMember,
-                      "Object doesn't support this property or method (" + spec.name + ")");
+                      "Object doesn't support this property or method (" + method.name + ")");
     }
 
-    Arguments args(inputs, spec.resultByReference);
+    Arguments args(inputs, method.resultByReference);
     DISPID namedPut = DISPID_PROPERTYPUT;
     DISPPARAMS params{};
     params.rgvarg = args.data();
@@ -365,12 +365,12 @@ std::string ComPaymentLibrary::call(std::string_view key, const std::vector<std:
     const HRESULT hr = dispatch->Invoke(member, IID_NULL, LOCALE_USER_DEFAULT, flags, &params,
                                         put ? nullptr : result.get(), &info, &argumentError);
     if (FAILED(hr)) {
-        throw callFailure(hr, spec.name, &info);
+        throw callFailure(hr, method.name, &info);
     }
     if (!op.givesText) {
         return {};
     }
-    return spec.resultByReference ? args.out() : result.text();
+    return method.resultByReference ? args.out() : result.text();
 }
 
 PinPadIdentity ComPaymentLibrary::identify() {

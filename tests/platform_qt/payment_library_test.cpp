@@ -19,9 +19,9 @@ TEST(ComMethodMap, EveryOperationHasAUsableDefault) {
     std::set<std::string_view> keys;
     for (const com::Operation& op : com::operations()) {
         EXPECT_TRUE(keys.insert(op.key).second) << "duplicate " << op.key;
-        const com::CallSpec spec = com::parseCallSpec(op.defaultSpec);
-        EXPECT_EQ(spec.kind, com::CallKind::Method) << op.key;
-        EXPECT_FALSE(spec.name.empty()) << op.key;
+        const com::MethodCall call = com::parseMethodCall(op.defaultMapping);
+        EXPECT_EQ(call.kind, com::CallKind::Method) << op.key;
+        EXPECT_FALSE(call.name.empty()) << op.key;
     }
     EXPECT_EQ(com::operation("runSale").inputs, 11);
     EXPECT_THROW(com::operation("formatDisk"), std::out_of_range);
@@ -44,14 +44,14 @@ TEST(ComMethodMap, ValueForms) {
         {"   ", com::CallKind::Skip, "", false},
     };
     for (const Row& row : rows) {
-        const com::CallSpec spec = com::parseCallSpec(row.value);
-        EXPECT_EQ(spec.kind, row.kind) << row.value;
-        EXPECT_EQ(spec.name, row.name) << row.value;
-        EXPECT_EQ(spec.resultByReference, row.byReference) << row.value;
+        const com::MethodCall call = com::parseMethodCall(row.value);
+        EXPECT_EQ(call.kind, row.kind) << row.value;
+        EXPECT_EQ(call.name, row.name) << row.value;
+        EXPECT_EQ(call.resultByReference, row.byReference) << row.value;
     }
     for (const std::string bad :
          {"Leer Tarjeta", "1Leer", "&", ".", ".Modelo&", "Venta()", "Venta;Kill"}) {
-        EXPECT_THROW(com::parseCallSpec(bad), std::invalid_argument) << bad;
+        EXPECT_THROW(com::parseMethodCall(bad), std::invalid_argument) << bad;
     }
 }
 

@@ -140,22 +140,16 @@ const FaultRow kRows[] = {
     {"dispenser", "slow", [](Kiosk& k) { return field(k.dispense().second, 1, 8); }, "10061006",
      "10051002"},
     {"hopper1", "silent",
-     [](Kiosk& k) {
-         return hexBytes(k.exchange(k.models.hoppersLink(), hex("03 00 01 FE FE")));
-     },
+     [](Kiosk& k) { return hexBytes(k.exchange(k.models.hoppersLink(), hex("03 00 01 FE FE"))); },
      "03 00 01 FE FE 01 00 03 00 FC", "03 00 01 FE FE"},
     {"hopper2", "silent",
-     [](Kiosk& k) {
-         return hexBytes(k.exchange(k.models.hoppersLink(), hex("04 00 01 FE FD")));
-     },
+     [](Kiosk& k) { return hexBytes(k.exchange(k.models.hoppersLink(), hex("04 00 01 FE FD"))); },
      "04 00 01 FE FD 01 00 04 00 FB", "04 00 01 FE FD"},
     {"hopper1", "empty", [](Kiosk& k) { return k.hopperStatusAfterPayingThree(); }, "0 3 0",
      "0 0 3"},
     {"hopper1", "jam", [](Kiosk& k) { return k.hopperStatusAfterPayingThree(); }, "0 3 0", "3 0 0"},
     {"hopper2", "no-echo",
-     [](Kiosk& k) {
-         return hexBytes(k.exchange(k.models.hoppersLink(), hex("03 00 01 FE FE")));
-     },
+     [](Kiosk& k) { return hexBytes(k.exchange(k.models.hoppersLink(), hex("03 00 01 FE FE"))); },
      "03 00 01 FE FE 01 00 03 00 FC", "01 00 03 00 FC"},
     {"pinpad", "offline",
      [](Kiosk& k) { return std::string(k.pinPad.identify().online ? "online" : "offline"); },

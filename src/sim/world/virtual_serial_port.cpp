@@ -12,8 +12,8 @@ void VirtualSerialPort::wire(int portNumber, LinkDevice* device) {
 }
 
 double VirtualSerialPort::byteSeconds() const {
-    const int bits = 1 + m_settings.dataBits + (m_settings.parity == 'N' ? 0 : 1) +
-                     m_settings.stopBits;
+    const int bits =
+        1 + m_settings.dataBits + (m_settings.parity == 'N' ? 0 : 1) + m_settings.stopBits;
     return bits / static_cast<double>(m_settings.baud);
 }
 
