@@ -108,6 +108,16 @@ int main(int argc, char* argv[]) {
 
     std::unique_ptr<QCoreApplication> app;
 #ifdef KESTRIX_HAVE_CONSOLE
+#ifndef _WIN32
+    // Without a display the console cannot open; an engine started that way (a service shell,
+    // an SSH session) still runs, as it would with --headless.
+    if (!opt.headless && qEnvironmentVariableIsEmpty("DISPLAY") &&
+        qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
+        qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        std::fputs("kestrix: no display found; running headless\n", stderr);
+        opt.headless = true;
+    }
+#endif
     if (!opt.headless) {
         app = std::make_unique<QApplication>(argc, argv);
     }
