@@ -1,0 +1,42 @@
+#include <gtest/gtest.h>
+
+#include "cash_kiosk.h"
+
+namespace kestrix::test {
+namespace {
+
+namespace mb = store::mailbox;
+
+TEST(Monitor, AHostPayoutRunsWithChangeForcedOnAndPutsTheBoxBack) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    k.engine().operatorEdit("changeEnabled", "", 0);
+    const Till before = k.till();
+    k.hostWrite(mb::kChange, "5");
+    ASSERT_TRUE(k.runUntil([&] { return k.mailbox(mb::kChange).empty(); }, 120));
+
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Change dispensed");
+    EXPECT_EQ(k.console().text("statusDisplay"), "");
+    EXPECT_FALSE(k.console().checked("changeEnabled")) << "the operator's choice is restored";
+    EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "5");
+    EXPECT_NEAR(k.paidOut(before, k.till()), 5, 1e-9);
+}
+
+TEST(Monitor, ADueWrittenDuringAPaymentIsNotASecondPayment) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    ASSERT_TRUE(k.requestPayment("2"));
+    k.hostWrite(mb::kDue, "7");  // ignored: a payment is running
+    k.runFor(2);
+    EXPECT_EQ(k.engine().state().amountDue, 2);
+    ASSERT_TRUE(k.insertCoin(3));  // 2: the first payment completes
+    ASSERT_TRUE(k.runUntilIdle(60));
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");
+    EXPECT_EQ(k.mailbox(mb::kDue), "0");
+    // The completion wrote "Due" = "0", so nothing is left to start.
+    k.runFor(2);
+    EXPECT_FALSE(k.paymentRunning());
+}
+
+}  // namespace
+}  // namespace kestrix::test
