@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "engine/settings/layout.h"
-#include "simulated_engine.h"
+#include "simulated_kiosk.h"
 
 namespace kestrix {
 namespace {
@@ -22,13 +22,6 @@ struct Example {
     std::string name;
     std::string code;
 };
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 std::vector<Example> examplesOf(const std::string& markdown) {
     static const std::regex opening(R"(^```(\w+) +example=([\w-]+)\s*$)");
@@ -75,7 +68,7 @@ const std::set<std::string> kWindowsExamples = {"vba", "csharp", "reg", "powersh
 
 TEST(HostGuide, EveryExampleIsKnownToTheTests) {
     std::set<std::string> names;
-    for (const Example& e : examplesOf(slurp(kGuide))) {
+    for (const Example& e : examplesOf(test::readFile(kGuide))) {
         EXPECT_TRUE(names.insert(e.name).second) << "two examples named " << e.name;
         EXPECT_TRUE(expectedOutput().count(e.name) == 1 || kWindowsExamples.count(e.name) == 1)
             << "example " << e.name << " is run by no test";
@@ -89,11 +82,11 @@ TEST(HostGuide, EveryExampleIsKnownToTheTests) {
 }
 
 TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
-    test::SimulatedEngine kiosk;
-    ASSERT_TRUE(kiosk.ready);
+    test::SimulatedKiosk kiosk;
+    ASSERT_TRUE(kiosk.start());
     kiosk.startCustomer();
     int cardApprovals = 0;
-    for (const Example& e : examplesOf(slurp(kGuide))) {
+    for (const Example& e : examplesOf(test::readFile(kGuide))) {
         if (kWindowsExamples.count(e.name) != 0) {
             continue;
         }
@@ -134,12 +127,12 @@ TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
 // and the key names, so those are checked against the engine's own.
 TEST(HostGuide, WindowsExamplesUseTheRegistryStoreAndMailboxKeys) {
     const std::string registry =
-        slurp(std::string(KESTRIX_SOURCE_DIR) + "/src/platform_qt/registry_store_win.cpp");
+        test::readFile(std::string(KESTRIX_SOURCE_DIR) + "/src/platform_qt/registry_store_win.cpp");
     std::smatch m;
     ASSERT_TRUE(std::regex_search(registry, m, std::regex(R"re(kRoot\[\] = L"([^"]+)")re")));
     const std::string root = std::regex_replace(m[1].str(), std::regex(R"(\\\\)"), "\\");
     const std::string mailboxPath = root + "\\KSX\\Status";
-    EXPECT_NE(slurp(kGuide).find("HKEY_CURRENT_USER\\" + mailboxPath), std::string::npos);
+    EXPECT_NE(test::readFile(kGuide).find("HKEY_CURRENT_USER\\" + mailboxPath), std::string::npos);
 
     const std::set<std::string> mailboxKeys = {
         std::string(store::mailbox::kDue),         std::string(store::mailbox::kDueCC),
@@ -156,7 +149,7 @@ TEST(HostGuide, WindowsExamplesUseTheRegistryStoreAndMailboxKeys) {
         {"reg", std::regex(R"re(/v (\w+))re")},
         {"powershell", std::regex(R"re(-Name (\w+)|\)\.(\w+))re")},
     };
-    for (const Example& e : examplesOf(slurp(kGuide))) {
+    for (const Example& e : examplesOf(test::readFile(kGuide))) {
         if (kWindowsExamples.count(e.name) == 0) {
             continue;
         }

@@ -19,44 +19,63 @@
 
 namespace kestrix::test {
 
-// `kestrix --headless --simulate` on a store of its own, as a host developer runs it: vouchers
-// go to a directory as PDF files and the simulated pin pad answers after `saleSeconds`.
-class SimulatedEngine {
+// The kiosk on a store of its own, with vouchers printed to a directory as PDF files and a pin
+// pad that approves. `InProcess` is `kestrix --headless --simulate`, as a host developer runs
+// it; `OnPtys` is kestrix-sim as a program of its own and `kestrix --headless` on its
+// pseudo-terminals, as an integrator sets them up.
+class SimulatedKiosk {
 public:
-    explicit SimulatedEngine(const std::string& saleSeconds = "1")
-        : dir(makeTempDir("ksx-host")),
+    enum class Devices { InProcess, OnPtys };
+
+    explicit SimulatedKiosk(Devices devices = Devices::InProcess)
+        : dir(makeTempDir("ksx-kiosk")),
           store(dir + "/KSX.db"),
           simDir(dir + "/sim"),
-          vouchers(dir + "/vouchers") {
+          vouchers(dir + "/vouchers"),
+          m_devices(devices) {
         std::filesystem::create_directories(vouchers);
-        {
-            qt::SqliteStore s(store);
-            sim::seedSimulatedKioskSettings(s, sim::PortNumbers{});
-            s.set("KSX", "Pin Pad", "Printer", vouchers);
-            s.set("KSX", "Pin Pad Simulator", "Result", "approved");
-            s.set("KSX", "Pin Pad Simulator", "Seconds", saleSeconds);
+        if (devices == Devices::OnPtys) {
+            m_sim = std::make_unique<ChildProcess>(kestrixSimBinary(),
+                                                   std::vector<std::string>{"--dir", simDir});
+            EXPECT_TRUE(
+                eventually([this] { return m_sim->out().find("ready") != std::string::npos; },
+                           std::chrono::seconds(10)))
+                << m_sim->err();
         }
         m_reader = std::make_unique<qt::SqliteStore>(store);
-        m_engine = std::make_unique<ChildProcess>(
-            kestrixBinary(), std::vector<std::string>{"--headless", "--simulate", "--store", store},
-            environment());
-        // Ready once every device has been initialised: the pin pad answered and the changer's
-        // tubes were read.
-        ready = eventually(
+        sim::seedSimulatedKioskSettings(*m_reader, sim::PortNumbers{});
+        if (devices == Devices::OnPtys) {
+            sim::seedSimulatedPortPaths(*m_reader, sim::PortNumbers{}, simDir);
+        }
+        set("Pin Pad", "Printer", vouchers);
+        set("Pin Pad Simulator", "Result", "approved");
+        set("Pin Pad Simulator", "Seconds", "1");
+    }
+
+    ~SimulatedKiosk() {
+        stopCustomer();
+        if (m_engine && m_engine->running()) {
+            set("Status", "Exit", "1");
+            m_engine->wait(std::chrono::seconds(30));
+        }
+    }
+
+    // Starts the engine; true once every device has been initialised: the pin pad answered, the
+    // changer's tubes were read and the dispenser reported.
+    bool start() {
+        std::vector<std::string> args{"--headless", "--store", store};
+        if (m_devices == Devices::InProcess) {
+            args.emplace_back("--simulate");
+        }
+        m_engine = std::make_unique<ChildProcess>(kestrixBinary(), args, environment());
+        const bool ready = eventually(
             [this] {
                 return get("Pin Pad", "On Line") == "Yes" && get("Status", "Tubes") != "0" &&
                        get("Status", "BDStatus") == "OK";
             },
             std::chrono::seconds(60));
         EXPECT_TRUE(ready) << m_engine->err();
-    }
-
-    ~SimulatedEngine() {
-        stopCustomer();
-        if (m_engine && m_engine->running()) {
-            set("Status", "Exit", "1");
-            m_engine->wait(std::chrono::seconds(30));
-        }
+        return ready;
     }
 
     // The environment of the engine and of the programs the tests run beside it.
@@ -77,6 +96,16 @@ public:
     }
     void set(const std::string& section, const std::string& key, const std::string& value) {
         m_reader->set("KSX", section, key, value);
+    }
+    // `ksxctl --store STORE args...`, a host's process of its own.
+    RunResult ksxctl(std::vector<std::string> args) const {
+        args.insert(args.begin(), {"--store", store});
+        return run(ksxctlBinary(), args);
+    }
+    // `kestrix-sim ctl SIMDIR command...`: the customer's hand on the simulated devices.
+    RunResult ctl(std::vector<std::string> command) const {
+        command.insert(command.begin(), {"ctl", simDir});
+        return run(kestrixSimBinary(), command);
     }
 
     std::vector<std::string> voucherFiles() const {
@@ -105,7 +134,6 @@ public:
                 if (sim::sendControlCommand(simDir, "coin 5", answer) != sim::kControlAccepted) {
                     continue;  // acceptance already switched off: the payment is ending
                 }
-                ++coinsInserted;
                 const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
                 while (!m_customerStop && credit() == before &&
                        std::chrono::steady_clock::now() < until) {
@@ -127,10 +155,10 @@ public:
     const std::string store;
     const std::string simDir;
     const std::string vouchers;
-    bool ready = false;
-    std::atomic<int> coinsInserted{0};
 
 private:
+    Devices m_devices;
+    std::unique_ptr<ChildProcess> m_sim;
     std::unique_ptr<qt::SqliteStore> m_reader;
     std::unique_ptr<ChildProcess> m_engine;
     std::atomic<bool> m_customerStop{false};

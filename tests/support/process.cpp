@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -16,17 +14,6 @@
 extern char** environ;
 
 namespace kestrix::test {
-
-namespace {
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-}  // namespace
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
                            const std::vector<std::string>& env) {
@@ -110,11 +97,11 @@ void ChildProcess::signal(int sig) {
 }
 
 std::string ChildProcess::out() const {
-    return slurp(m_outPath);
+    return readFile(m_outPath);
 }
 
 std::string ChildProcess::err() const {
-    return slurp(m_errPath);
+    return readFile(m_errPath);
 }
 
 RunResult run(const std::string& program, const std::vector<std::string>& args,
