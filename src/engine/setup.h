@@ -10,6 +10,8 @@
 #include "console.h"
 #include "platform/clock.h"
 #include "platform/instance.h"
+#include "platform/journal.h"
+#include "platform/log.h"
 #include "platform/message_box.h"
 #include "platform/network_info.h"
 #include "platform/payment_library.h"
@@ -36,9 +38,11 @@ struct Platform {
     NetworkInfo& network;
     Instance& instance;
     PaymentLibrary& paymentLibrary;
-    SerialPort& mdbPort;        // MSComm1: MDB interface adapter
-    SerialPort& dispenserPort;  // MSComm2: bill dispenser
-    SerialPort& hoppersPort;    // MSComm3: hoppers interface
+    SerialPort& mdbPort;               // MSComm1: MDB interface adapter
+    SerialPort& dispenserPort;         // MSComm2: bill dispenser
+    SerialPort& hoppersPort;           // MSComm3: hoppers interface
+    Journal& journal = nullJournal();  // the money journal
+    Log& log = nullLog();
 };
 
 // Console-level payment state shared by the device routines. Tables are indexed from 1, as the

@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "engine/platform/instance.h"
+#include "engine/platform/journal.h"
+#include "engine/platform/log.h"
 #include "engine/platform/message_box.h"
 #include "engine/platform/network_info.h"
 #include "engine/platform/printer.h"
@@ -89,6 +91,36 @@ public:
 private:
     std::string m_commandLine;
     bool m_another;
+};
+
+// Keeps every journal row in memory, in order.
+class MemoryJournal : public Journal {
+public:
+    std::int64_t append(const JournalEntry& entry) override {
+        m_rows.push_back(entry);
+        return static_cast<std::int64_t>(m_rows.size());
+    }
+    std::int64_t newPaymentId() override { return ++m_lastPaymentId; }
+    const std::vector<JournalEntry>& rows() const { return m_rows; }
+    void clear() { m_rows.clear(); }
+
+private:
+    std::vector<JournalEntry> m_rows;
+    std::int64_t m_lastPaymentId = 0;
+};
+
+// Keeps every log line as "<N>message".
+class RecordingLog : public Log {
+public:
+    void write(LogLevel level, std::string_view message, const LogFields&) override {
+        m_lines.push_back("<" + std::to_string(static_cast<int>(level)) + ">" +
+                          std::string(message));
+    }
+    bool enabled(LogLevel) const override { return true; }
+    const std::vector<std::string>& lines() const { return m_lines; }
+
+private:
+    std::vector<std::string> m_lines;
 };
 
 }  // namespace kestrix::sim

@@ -20,9 +20,9 @@ VirtualKiosk::~VirtualKiosk() {
 
 Setup& VirtualKiosk::engine() {
     if (!m_engine) {
-        m_engine = std::make_unique<Setup>(Platform{m_clock, m_scheduler, m_store, m_messageBox,
-                                                    m_printer, m_network, m_instance, m_pinPad,
-                                                    m_mdbPort, m_dispenserPort, m_hoppersPort});
+        m_engine = std::make_unique<Setup>(
+            Platform{m_clock, m_scheduler, m_store, m_messageBox, m_printer, m_network, m_instance,
+                     m_pinPad, m_mdbPort, m_dispenserPort, m_hoppersPort, m_journal, m_log});
     }
     return *m_engine;
 }

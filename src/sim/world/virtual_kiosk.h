@@ -45,6 +45,8 @@ public:
     VirtualSerialPort& mdbPort() { return m_mdbPort; }
     VirtualSerialPort& dispenserPort() { return m_dispenserPort; }
     VirtualSerialPort& hoppersPort() { return m_hoppersPort; }
+    MemoryJournal& journal() { return m_journal; }
+    RecordingLog& log() { return m_log; }
 
     // --- The devices ----------------------------------------------------------------------
     KioskModels& models() { return m_models; }
@@ -86,6 +88,8 @@ private:
     RecordingPrinter m_printer;
     FixedNetworkInfo m_network;
     FixedInstance m_instance;
+    MemoryJournal m_journal;
+    RecordingLog m_log;
     SimPinPad m_pinPad{m_clock, m_scheduler, m_store};
     KioskModels m_models;
     VirtualSerialPort m_mdbPort{m_clock, "MSComm1"};

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "../money.h"
+
+namespace kestrix {
+
+// What a journal row records. The texts are the row's `kind` column, as tools and the fleet
+// publisher read them.
+namespace journal_kind {
+inline constexpr std::string_view kEngineStart = "engine start";
+inline constexpr std::string_view kEngineEnd = "engine end";
+// A payment begins: detail "cash", "card" or "change" (a host or operator payout), `amount` the
+// due (or the change asked), `requester` who asked.
+inline constexpr std::string_view kPaymentStart = "payment start";
+// A coin or bill taken in and credited: device "changer" or "validator", `type` the console
+// type (1..16), `amount` its value, `raw` the device's event byte as hex text.
+inline constexpr std::string_view kCredit = "credit";
+// Money taken in that the engine saw but could not credit (for example a bill reported twice
+// within the guard time): recorded so the books still explain it.
+inline constexpr std::string_view kUncredited = "uncredited";
+// A payout asked of a device: device "dispenser" (count = bills), "tubes" (amount = money asked),
+// "hopper1"/"hopper2" (count = coins).
+inline constexpr std::string_view kPayoutAsked = "payout asked";
+// What the device reports it paid for the last payout asked of it.
+inline constexpr std::string_view kPayoutConfirmed = "payout confirmed";
+// A payout asked whose outcome nobody knows (the engine died, the device fell silent before it
+// reported): `amount` is the most it can have paid.
+inline constexpr std::string_view kPayoutUnknown = "payout unknown";
+// Money owed to the customer that no source could pay.
+inline constexpr std::string_view kUnpaid = "unpaid";
+// A card sale's result: detail "approved", "denied", "error", "pin pad error" or the library's
+// text, with the reference and the card number masked (first 6 and last 4 digits at most).
+inline constexpr std::string_view kCardResult = "card result";
+// A payment ends: detail the final status text; `amount` the credit, plus change paid and unpaid
+// in their own fields of the detail (see the journal's documentation).
+inline constexpr std::string_view kPaymentEnd = "payment end";
+// A payment the engine found unfinished at start-up (it died in the middle): `amount` what the
+// host must settle.
+inline constexpr std::string_view kPaymentInterrupted = "payment interrupted";
+inline constexpr std::string_view kDeviceFault = "device fault";
+inline constexpr std::string_view kDeviceRecovered = "device recovered";
+// The operator's own dispenses and refills from the console.
+inline constexpr std::string_view kOperatorDispense = "operator dispense";
+inline constexpr std::string_view kRefill = "refill";
+// The settings store refused a write, or accepted it again.
+inline constexpr std::string_view kStoreTrouble = "store trouble";
+}  // namespace journal_kind
+
+// One row of the money journal. Every field but `kind` may stay empty or zero.
+struct JournalEntry {
+    std::string_view kind;
+    std::int64_t paymentId = 0;  // 0: not part of a payment
+    std::string device;          // "changer", "validator", "dispenser", "tubes", "hopper1",
+                                 // "hopper2", "pinpad", "engine", "store"
+    Money amount;
+    int count = 0;
+    int type = 0;
+    std::string raw;        // the device's own report, as hex text
+    std::string detail;     // outcome, status text, reference, masked card number, fault
+    std::string requester;  // "host" or "operator" (payment start)
+};
+
+// The append-only record of every money movement. An append is durable before it returns, and
+// the engine appends before the mailbox shows the effect, so that after a crash the journal
+// knows at least as much as the host was told.
+class Journal {
+public:
+    virtual ~Journal() = default;
+    // Appends the row and returns its sequence number (monotonic, never reused). A journal that
+    // cannot write returns 0; the engine goes on (the failure is logged by the journal).
+    virtual std::int64_t append(const JournalEntry& entry) = 0;
+    // A payment id never handed out before, also across restarts.
+    virtual std::int64_t newPaymentId() = 0;
+};
+
+// A journal that keeps nothing, for engines run without one.
+class NullJournal : public Journal {
+public:
+    std::int64_t append(const JournalEntry&) override { return 0; }
+    std::int64_t newPaymentId() override { return ++m_lastId; }
+
+private:
+    std::atomic<std::int64_t> m_lastId = 0;
+};
+
+// The journal of engines given none.
+inline Journal& nullJournal() {
+    static NullJournal journal;
+    return journal;
+}
+
+}  // namespace kestrix
