@@ -4,12 +4,14 @@
 #include <QApplication>
 #include <QCoreApplication>
 #include <QGuiApplication>
+#include <QTimer>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "engine/bounds.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
 #include "platform_qt/engine_host.h"
@@ -46,7 +48,9 @@ const char* const kUsage =
     "  /hide         (last argument) keep the console window hidden\n"
     "\n"
     "One engine runs per store: a second start is refused with exit status 1.\n"
-    "SIGTERM and SIGINT run the engine's Exit (devices reset, pin pad marked off line).\n";
+    "SIGTERM and SIGINT end a running payment as a cancel that pays the credit back, then\n"
+    "run the engine's Exit (devices reset, pin pad marked off line), within 10 seconds;\n"
+    "a second signal ends the process at once.\n";
 
 struct Options {
     std::string store;
@@ -178,8 +182,29 @@ int main(int argc, char* argv[]) {
 
     kestrix::qt::EngineHost engine(engineOptions, messages);
     SignalBridge terminations;
+    // The first SIGTERM or SIGINT ends the running payment as a cancel that pays the credit back,
+    // then runs Exit; whatever a device does, the process ends within the bound. A second signal
+    // ends it at once.
+    int signals = 0;
+    QTimer watchdog;
+    watchdog.setSingleShot(true);
+    QObject::connect(&watchdog, &QTimer::timeout, [] {
+        std::fputs("kestrix: the engine did not end in time after a termination request; "
+                   "ending now\n",
+                   stderr);
+        std::_Exit(1);
+    });
     QObject::connect(&terminations, &SignalBridge::terminationRequested, &engine,
-                     [&engine] { engine.post([](kestrix::Setup& s) { s.Exit(); }); });
+                     [&engine, &signals, &watchdog] {
+                         if (++signals > 1) {
+                             std::fputs("kestrix: second termination signal: ending now\n",
+                                        stderr);
+                             std::_Exit(1);
+                         }
+                         engine.requestTermination();
+                         watchdog.start(static_cast<int>(
+                             kestrix::bounds::kProcessExitSeconds * 1000));
+                     });
 #ifdef KESTRIX_HAVE_CONSOLE
     if (console) {
         // The console quits the application once the engine has ended and the operator has

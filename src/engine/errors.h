@@ -3,6 +3,9 @@
 #include <stdexcept>
 #include <string>
 
+#include "platform/serial_port.h"
+#include "platform/settings_store.h"
+
 namespace kestrix {
 
 // A run-time error in the manner of the engine's error traps: a number, a description and the
@@ -24,5 +27,21 @@ private:
     int m_number;
     std::string m_source;
 };
+
+// Runs `statement` under a routine's error trap: the errors a trap is meant for (a device's port
+// failing, the store failing, a conversion of device or store text) end the statement and give
+// false; anything else (a logic error in the engine) is not a device fault and goes on up to
+// the engine's top-level guard.
+template <class Statement>
+bool trapped(Statement&& statement) {
+    try {
+        statement();
+        return true;
+    } catch (const KsxError&) {
+    } catch (const PortError&) {
+    } catch (const StoreError&) {
+    }
+    return false;
+}
 
 }  // namespace kestrix

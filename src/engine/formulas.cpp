@@ -50,9 +50,14 @@ std::string ConvertBaseNToDec(std::string_view digits, int base) {
         for (std::size_t i = 0; i < text.size(); ++i) {
             const char c = text[text.size() - 1 - i];
             const std::size_t found = kDigitAlphabet.find(c);
-            // Position counted from 1 by a text search, minus one: -1 for a stranger.
-            const double digit =
-                found == std::string_view::npos ? -1.0 : static_cast<double>(found);
+            // A character that is no digit of the base is an error, never a digit: read as -1
+            // (its position in a text search, minus one) it once turned garbage on a device line
+            // into negative tube counts and a wrong refund.
+            if (found == std::string_view::npos || found >= static_cast<std::size_t>(base)) {
+                throw KsxError(KsxError::kInvalidProcedureCall,
+                               "Invalid procedure call or argument");
+            }
+            const double digit = static_cast<double>(found);
             value += digit * power;
             power *= base;
             if (!std::isfinite(value) || !std::isfinite(power)) {
@@ -145,7 +150,9 @@ std::string singleText(float value) {
 }
 
 std::string currencyText(double value) {
-    if (!std::isfinite(value)) {
+    // Beyond this no amount is real, and the digits below would not fit an integer.
+    constexpr double kLargest = 1e15;
+    if (!std::isfinite(value) || std::fabs(value) >= kLargest) {
         return "$0.00";
     }
     const bool negative = value < 0;
@@ -160,7 +167,7 @@ std::string currencyText(double value) {
         }
         grouped += whole[i];
     }
-    const int frac = static_cast<int>(std::fmod(cents, 100.0));
+    const auto frac = static_cast<int>(std::fmod(cents, 100.0));
     std::snprintf(buf, sizeof buf, ".%02d", frac);
     return std::string(negative && cents > 0 ? "-$" : "$") + grouped + buf;
 }
@@ -261,6 +268,17 @@ int strictInt(std::string_view text) {
         throw KsxError(KsxError::kOverflow, "Overflow");
     }
     return static_cast<int>(rounded);
+}
+
+std::optional<Money> requestedAmount(std::string_view text, Money maximum) {
+    if (text.find(',') != std::string_view::npos) {
+        return std::nullopt;
+    }
+    const std::optional<Money> amount = Money::fromDouble(leadingNumber(text));
+    if (!amount || !amount->positive() || *amount > maximum) {
+        return std::nullopt;
+    }
+    return amount;
 }
 
 double wholePart(double value) {

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "money.h"
 
 namespace kestrix {
 
@@ -10,10 +13,9 @@ class Clock;
 // Digit alphabet of the base conversions; a digit's value is its position from 0.
 inline constexpr std::string_view kDigitAlphabet = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
 
-// Digit text in base 2..36 to decimal text. Trusts its callers on purpose: no digit is checked
-// against the base, and a character outside the alphabet counts as -1 times its power. A base
-// outside 2..36 gives "". Errors (an empty text, an overflow) are raised as KsxError with the
-// source "ConvertBaseNToDec".
+// Digit text in base 2..36 (either case) to decimal text. A base outside 2..36 gives "". Errors
+// (an empty text, a character that is not a digit of the base, an overflow) are raised as
+// KsxError with the source "ConvertBaseNToDec".
 std::string ConvertBaseNToDec(std::string_view digits, int base);
 
 // A whole number to its digit text in base 2..36 ("0" for 0). A base outside 2..36 gives "".
@@ -46,6 +48,13 @@ double leadingNumber(std::string_view text);
 double strictNumber(std::string_view text);
 // Strict whole number in the 16-bit range; throws KsxError (type mismatch or overflow).
 int strictInt(std::string_view text);
+
+// An amount asked for in a mailbox request or typed into the console: the leading number of the
+// text, as the lenient reader takes it, as money. None (no request) when the text holds a comma
+// (a host in a comma-decimal locale writes "5,50", which would otherwise read as 5), when the
+// number rounds to less than one minor unit ("4e-320") or exceeds `maximum` ("1e307"), and for
+// every text the lenient reader makes 0 of.
+std::optional<Money> requestedAmount(std::string_view text, Money maximum);
 
 // The whole part of a number (toward minus infinity), as the classic Int() does.
 double wholePart(double value);

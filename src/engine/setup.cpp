@@ -1,5 +1,6 @@
 #include "setup.h"
 
+#include "bounds.h"
 #include "card/card_payment.h"
 #include "dispenser/bill_dispenser.h"
 #include "errors.h"
@@ -25,19 +26,26 @@ constexpr std::string_view kHideSwitch = "/hide";
 
 Setup::Setup(Platform platform)
     : m_platform(platform),
+      m_storeWriter(platform.store, platform.clock, platform.log, platform.journal),
       m_link(std::make_unique<MdbLink>(*this)),
       m_dispenser(std::make_unique<BillDispenser>(*this)),
       m_cash(std::make_unique<CashPayment>(*this)),
       m_hoppers(std::make_unique<Hoppers>(*this)),
       m_card(std::make_unique<CardPayment>(*this)) {
     Scheduler& s = m_platform.scheduler;
-    m_monitor = s.createTimer("Monitor", kMonitorIntervalMs, false, [this] { Monitor_Timer(); });
-    m_pollTimer = s.createTimer("pollTimer", kPollIntervalMs, false, [this] { pollTimer_Timer(); });
-    m_changeTimer =
-        s.createTimer("changeTimer", kChangeIntervalMs, false, [this] { changeTimer_Timer(); });
-    m_clickTimer =
-        s.createTimer("clickTimer", kClickIntervalMs, false, [this] { clickTimer_Timer(); });
-    m_ccTimer = s.createTimer("ccTimer", kCardWatchIntervalMs, false, [this] { ccTimer_Timer(); });
+    const auto tick = [this](std::string_view name, void (Setup::*routine)()) {
+        return [this, name, routine] { guarded(name, [this, routine] { (this->*routine)(); }); };
+    };
+    m_monitor =
+        s.createTimer("Monitor", kMonitorIntervalMs, false, tick("Monitor", &Setup::Monitor_Timer));
+    m_pollTimer = s.createTimer("pollTimer", kPollIntervalMs, false,
+                                tick("pollTimer", &Setup::pollTimer_Timer));
+    m_changeTimer = s.createTimer("changeTimer", kChangeIntervalMs, false,
+                                  tick("changeTimer", &Setup::changeTimer_Timer));
+    m_clickTimer = s.createTimer("clickTimer", kClickIntervalMs, false,
+                                 tick("clickTimer", &Setup::clickTimer_Timer));
+    m_ccTimer = s.createTimer("ccTimer", kCardWatchIntervalMs, false,
+                              tick("ccTimer", &Setup::ccTimer_Timer));
 }
 
 Setup::~Setup() = default;
@@ -46,11 +54,30 @@ Setup::~Setup() = default;
 
 std::string Setup::getSetting(std::string_view section, std::string_view key,
                               std::string_view defaultValue) {
-    return m_platform.store.get(store::kApp, section, key, defaultValue);
+    return m_storeWriter.get(store::kApp, section, key, defaultValue);
 }
 
 void Setup::saveSetting(std::string_view section, std::string_view key, std::string_view value) {
-    m_platform.store.set(store::kApp, section, key, value);
+    m_storeWriter.set(store::kApp, section, key, value);
+}
+
+Money Setup::maxAmount() {
+    const std::string text =
+        getSetting(store::section::kSettings, store::key::kMaxAmount, store::kDefaultMaxAmount);
+    const std::optional<Money> m = Money::parse(text);
+    return m && m->positive() ? *m : *Money::parse(store::kDefaultMaxAmount);
+}
+
+void Setup::journal(JournalEntry entry) {
+    if (entry.paymentId == 0) {
+        entry.paymentId = m_state.paymentId;
+    }
+    try {
+        m_platform.journal.append(entry);
+    } catch (const std::exception& e) {
+        // The journal reports its own trouble; a payment never stops for it.
+        m_platform.log.error(std::string("journal: ") + e.what());
+    }
 }
 
 std::string Setup::mailbox(std::string_view key) {
@@ -83,8 +110,8 @@ void Setup::Form_Load() {
     for (const store::MailboxValue& v : store::mailboxReset()) {
         writeMailbox(v.key, v.value);
     }
-    m_state.amountDue = 0;
-    m_state.creditAmount = 0;
+    m_state.amountDue = Money();
+    m_state.creditAmount = Money();
     m_state.cancelKeepsCredit = 0;
     loadSettings();
     fillPrinters();
@@ -260,19 +287,29 @@ void Setup::Exit() {
     if (m_ended) {
         return;
     }
+    // Exit's time starts now, whoever asked: a payout under way gets until the bound to finish.
+    startTerminationClock();
     if (holdDuringPayout([this] { Exit(); })) {
         return;
     }
+    // A payment still running is ended first, as a cancel that pays the credit back; what
+    // cannot be paid back in time stays reported as owed.
+    trapped([this] { m_cash->endForExit(); });
+    trapped([this] { m_card->cancelForExit(); });
     try {
         m_link->shutDownDevices();
-        saveSetting(store::section::kPinPad, store::key::kOnLine, "No");
+    } catch (const std::exception&) {
+        // A failing step (a port already gone) silently skips the rest of the devices. The
+        // process ends all the same: an engine asked to exit that stays up would hold the
+        // kiosk's ports.
+    }
+    saveSetting(store::section::kPinPad, store::key::kOnLine, "No");
+    m_storeWriter.flush();
+    trapped([this] {
         if (m_platform.mdbPort.isOpen()) {
             m_platform.mdbPort.close();
         }
-    } catch (const std::exception&) {
-        // A failing step (a port already gone) silently skips the rest. The process ends all
-        // the same: an engine asked to exit that stays up would hold the kiosk's ports.
-    }
+    });
     m_ended = true;
     for (Timer* t : {m_monitor.get(), m_pollTimer.get(), m_changeTimer.get(), m_clickTimer.get(),
                      m_ccTimer.get()}) {
@@ -281,16 +318,60 @@ void Setup::Exit() {
     m_platform.scheduler.quit(0);
 }
 
+// --- Termination ------------------------------------------------------------------------------
+
+void Setup::requestTermination() {
+    startTerminationClock();
+    m_platform.scheduler.post([this] { guarded("Exit", [this] { Exit(); }); });
+}
+
+void Setup::startTerminationClock() {
+    // The first request sets the clock; the flag is raised after it, so whoever sees the flag
+    // sees its time.
+    double unset = 0;
+    m_terminationStartedAt.compare_exchange_strong(unset, m_platform.clock.elapsedSeconds());
+    m_terminationRequested = true;
+}
+
+bool Setup::interrupted() const {
+    return m_terminationRequested;
+}
+
+bool Setup::pastDeadline() const {
+    return m_terminationRequested &&
+           m_platform.clock.elapsedSeconds() > m_terminationStartedAt + bounds::kTerminationSeconds;
+}
+
+// --- The top-level guard ----------------------------------------------------------------------
+
+void Setup::guarded(std::string_view what, const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::exception& e) {
+        m_platform.log.error("internal error in " + std::string(what) + ": " + e.what() +
+                                 "; the running payment is ended",
+                             {"engine", m_state.paymentId});
+        journal({.kind = journal_kind::kDeviceFault,
+                 .device = "engine",
+                 .detail = "internal error in " + std::string(what) + ": " + e.what()});
+        endPaymentAfterInternalError();
+    }
+}
+
+void Setup::endPaymentAfterInternalError() {
+    try {
+        m_cash->abandonAfterInternalError();
+    } catch (const std::exception& e) {
+        m_platform.log.error(std::string("internal error while ending the payment: ") + e.what());
+    }
+}
+
 // --- Host command monitor ---------------------------------------------------------------------
 
 void Setup::Monitor_Timer() {
+    m_storeWriter.retry();
     // The tick's trap resumes with the next statement: a failing step skips only itself.
-    const auto step = [](const auto& statement) {
-        try {
-            statement();
-        } catch (const std::exception&) {
-        }
-    };
+    const auto step = [](const auto& statement) { trapped(statement); };
     EngineState& st = m_state;
 
     step([this] {
@@ -305,40 +386,46 @@ void Setup::Monitor_Timer() {
     std::string exitRequest;
     step([&] { exitRequest = mailbox(store::mailbox::kExit); });
     if (!exitRequest.empty()) {
-        step([this] { Exit(); });
+        Exit();
     }
     if (m_ended) {
         return;
     }
 
-    if (st.amountDue == 0) {
-        double due = 0;
-        step([&] { due = leadingNumber(mailbox(store::mailbox::kDue)); });
-        if (due > 0) {
+    // A request's amount: a positive amount within the maximum; anything else is no request.
+    const auto requested = [this, &step](std::string_view key) -> std::optional<Money> {
+        std::optional<Money> amount;
+        step([&] {
+            const std::string text = mailbox(key);
+            amount = requestedAmount(text, maxAmount());
+            noteRefusedAmount(key, text, amount.has_value());
+        });
+        return amount;
+    };
+
+    if (st.amountDue.isZero()) {
+        if (requested(store::mailbox::kDue)) {
             step([this] { m_console.setText("due", mailbox(store::mailbox::kDue)); });
-            step([this] { enablePayment_Click(); });
+            step([this] { hostPayment(); });
         }
     }
 
-    if (st.amountDue == 0) {
-        double dueCC = 0;
-        step([&] { dueCC = leadingNumber(mailbox(store::mailbox::kDueCC)); });
-        if (dueCC > 0) {
+    if (st.amountDue.isZero()) {
+        if (requested(store::mailbox::kDueCC)) {
             step([this] { m_console.setText("due", mailbox(store::mailbox::kDueCC)); });
             step([this] { m_clickTimer->setEnabled(true); });
         }
     }
 
-    if (st.amountDue == 0) {
-        double change = 0;
-        step([&] { change = leadingNumber(mailbox(store::mailbox::kChange)); });
-        if (change > 0) {
+    if (st.amountDue.isZero()) {
+        if (requested(store::mailbox::kChange)) {
             int remembered = 0;
             step([&] { remembered = m_console.value("changeEnabled"); });
             step([this] { m_console.setValue("changeEnabled", 1); });
-            step([this] {
-                double amount = leadingNumber(mailbox(store::mailbox::kChange));
-                DispenseChange(amount);
+            step([&] {
+                if (const std::optional<Money> amount = requested(store::mailbox::kChange)) {
+                    m_cash->payChange(*amount, "host");
+                }
             });
             step([this] { writeMailbox(store::mailbox::kChange, ""); });
             step([this] { writeMailbox(store::mailbox::kStatus, "Change dispensed"); });
@@ -353,7 +440,7 @@ void Setup::Monitor_Timer() {
     step([&] { cancel = mailbox(store::mailbox::kCancel); });
     if (!cancel.empty() && caption == "Stop Payment...") {
         step([&] { st.cancelKeepsCredit = cancel == "2" ? 1 : 0; });
-        step([this] { enablePayment_Click(); });
+        step([this] { hostPayment(); });
     } else {
         step([&] { caption = m_console.text("enablePaymentCC"); });
         step([&] { cancel = mailbox(store::mailbox::kCancel); });
@@ -367,23 +454,66 @@ void Setup::Monitor_Timer() {
     step([this] { writeMailbox(store::mailbox::kCancel, ""); });
 }
 
+void Setup::noteRefusedAmount(std::string_view key, const std::string& text, bool accepted) {
+    // A request that reads as no amount is ignored, but a text that looks like one is worth a
+    // line in the log, once per value (the monitor reads it every 500 ms).
+    std::string& last = m_refusedAmounts[std::string(key)];
+    if (accepted || text.empty() || text == last) {
+        if (accepted) {
+            last.clear();
+        }
+        return;
+    }
+    last = text;
+    if (leadingNumber(text) != 0 || text.find(',') != std::string::npos) {
+        m_platform.log.warning("mailbox \"" + std::string(key) + "\" = \"" + text.substr(0, 40) +
+                               "\" is not an amount this engine accepts; ignored");
+    }
+}
+
 // --- Payout wait and held actions -------------------------------------------------------------
 
 void Setup::yieldUntil(const std::function<bool()>& done) {
-    ++m_payoutWaitDepth;
+    if (++m_payoutWaitDepth == 1) {
+        switchPaymentButtonsForPayout(true);
+    }
     try {
         m_platform.scheduler.yieldUntil(done);
     } catch (...) {
-        --m_payoutWaitDepth;
+        if (--m_payoutWaitDepth == 0) {
+            switchPaymentButtonsForPayout(false);
+        }
         throw;
     }
-    if (--m_payoutWaitDepth == 0 && !m_heldActions.empty()) {
-        // Run after the routine that paid out has returned to the event loop.
-        for (std::function<void()>& action : m_heldActions) {
-            m_platform.scheduler.post(std::move(action));
+    if (--m_payoutWaitDepth == 0) {
+        switchPaymentButtonsForPayout(false);
+        if (!m_heldActions.empty()) {
+            // Run after the routine that paid out has returned to the event loop.
+            for (std::function<void()>& action : m_heldActions) {
+                m_platform.scheduler.post(
+                    [this, action = std::move(action)] { guarded("held action", action); });
+            }
+            m_heldActions.clear();
         }
-        m_heldActions.clear();
     }
+}
+
+void Setup::switchPaymentButtonsForPayout(bool waiting) {
+    // While the changer pays out, the console's payment buttons are off: a click there could
+    // only be held and replayed later, when it may no longer mean what it meant.
+    if (waiting) {
+        m_buttonsBeforePayout.clear();
+        for (const char* name : {"enablePayment", "enablePaymentCC", "bdDispenseBills",
+                                 "bdDispenserRefill", "hDispenseCoins", "ccReadCard"}) {
+            m_buttonsBeforePayout.emplace_back(name, m_console.enabled(name));
+            m_console.setEnabled(name, false);
+        }
+        return;
+    }
+    for (const auto& [name, enabled] : m_buttonsBeforePayout) {
+        m_console.setEnabled(name, enabled);
+    }
+    m_buttonsBeforePayout.clear();
 }
 
 bool Setup::holdDuringPayout(const std::function<void()>& action) {
@@ -397,25 +527,39 @@ bool Setup::holdDuringPayout(const std::function<void()>& action) {
 // --- Device routines --------------------------------------------------------------------------
 
 void Setup::enablePayment_Click() {
-    // A stop that arrives during a payout is held back; if the payment it meant to stop has
-    // ended meanwhile, it has nothing left to do (and must not start a new one).
-    const bool meantToStop = m_state.amountDue > 0;
-    if (holdDuringPayout([this, meantToStop] {
-            if (!(meantToStop && m_state.amountDue == 0)) {
-                enablePayment_Click();
+    paymentClick("operator");
+}
+
+void Setup::hostPayment() {
+    paymentClick("host");
+}
+
+void Setup::paymentClick(std::string_view requester) {
+    // A click held back during a payout keeps what it meant when it was made: a stop of the
+    // payment then running. If that payment has ended meanwhile, the stop has nothing left to
+    // do, and it must never become a start of a new payment from the old amount.
+    const bool meantToStop = m_state.amountDue.positive();
+    const std::int64_t payment = m_state.paymentId;
+    if (holdDuringPayout([this, meantToStop, payment, requester = std::string(requester)] {
+            if (meantToStop && m_state.paymentId != payment) {
+                return;
             }
+            if (meantToStop && m_state.amountDue.isZero()) {
+                return;
+            }
+            paymentClick(requester);
         })) {
         return;
     }
-    m_cash->enablePayment_Click();
+    m_cash->enablePayment_Click(requester);
 }
 
 void Setup::pollTimer_Timer() {
     m_cash->pollTimer_Timer();
 }
 
-void Setup::DispenseChange(double& amount) {
-    m_cash->DispenseChange(amount);
+Money Setup::DispenseChange(Money amount) {
+    return m_cash->DispenseChange(amount);
 }
 
 void Setup::changeTimer_Timer() {
@@ -467,7 +611,11 @@ void Setup::operatorEdit(const std::string& name, const std::string& text, int v
     if (m_ended) {
         return;
     }
-    const Field& f = m_console.field(name);
+    const Field* edited = m_console.find(name);
+    if (edited == nullptr) {
+        return;  // no such control: a view's mistake, nothing to change
+    }
+    const Field& f = *edited;
     if (f.kind == FieldKind::CheckBox) {
         if (f.value == value) {
             return;
@@ -493,11 +641,8 @@ void Setup::operatorEdit(const std::string& name, const std::string& text, int v
     };
     for (const auto& [control, handler] : handlers) {
         if (control == name) {
-            try {
-                (this->*handler)();
-            } catch (const std::exception&) {
-                // The handler's own trap has reported what the operator needs to know.
-            }
+            // The handler's own trap has reported what the operator needs to know.
+            guarded(name, [this, handler = handler] { trapped([&] { (this->*handler)(); }); });
             return;
         }
     }
@@ -507,7 +652,11 @@ void Setup::operatorClick(const std::string& name) {
     if (m_ended) {
         return;
     }
-    const Field& f = m_console.field(name);
+    const Field* button = m_console.find(name);
+    if (button == nullptr) {
+        return;  // no such control: a view's mistake, nothing to press
+    }
+    const Field& f = *button;
     if (!f.enabled || f.kind != FieldKind::Button) {
         return;  // a disabled button cannot be pressed
     }
@@ -523,13 +672,14 @@ void Setup::operatorClick(const std::string& name) {
     };
     for (const auto& [control, handler] : buttons) {
         if (control == name) {
-            if (name != "Save" && holdDuringPayout([this, name] { operatorClick(name); })) {
+            // The payment buttons hold themselves back with what they meant; the others are
+            // held here.
+            const bool holdsItself = name == "enablePayment" || name == "enablePaymentCC";
+            if (name != "Save" && !holdsItself &&
+                holdDuringPayout([this, name] { operatorClick(name); })) {
                 return;
             }
-            try {
-                (this->*handler)();
-            } catch (const std::exception&) {
-            }
+            guarded(name, [this, handler = handler] { trapped([&] { (this->*handler)(); }); });
             return;
         }
     }

@@ -1,13 +1,18 @@
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "console.h"
+#include "money.h"
 #include "platform/clock.h"
 #include "platform/instance.h"
 #include "platform/journal.h"
@@ -19,6 +24,7 @@
 #include "platform/scheduler.h"
 #include "platform/serial_port.h"
 #include "platform/settings_store.h"
+#include "settings/store_writer.h"
 
 namespace kestrix {
 
@@ -49,22 +55,30 @@ struct Platform {
 // console numbers its coin types, bill types and tube slots; index 0 is unused.
 struct EngineState {
     bool loaded = false;
-    double amountDue = 0;     // 0: no cash payment running
-    double creditAmount = 0;  // credit of the running cash payment
+    Money amountDue;     // zero: no cash payment running
+    Money creditAmount;  // credit of the running cash payment
     int cancelKeepsCredit = 0;
 
-    float tubesValue = 0;  // money in the changer's tubes (single precision, as published)
+    Money tubesValue;  // money in the changer's tubes
     bool tubesUsable = true;
     bool pollTimedOut = false;
     bool bvNeedsInit = false;
     bool payoutBusy = false;
-    double lastBillTime = 0;  // seconds since midnight of the last credited bill
+    // A changer that failed while paying out (silent, or busy past its bound) is not asked for
+    // change again until equipment initialisation has run.
+    bool changerFailed = false;
+    // When the running payment last credited a bill (seconds since midnight); none before its
+    // first bill, so a bill from an earlier payment (or yesterday) can never hide one.
+    std::optional<double> lastBillTime;
     std::array<int, 5> commandBytes{};
 
-    std::array<double, 17> coinValue{};
+    std::array<Money, 17> coinValue{};
     std::array<int, 17> tubeCount{};
-    std::array<double, 6> tubeSlotCoin{};
-    std::array<double, 17> billValue{};
+    std::array<Money, 6> tubeSlotCoin{};
+    std::array<Money, 17> billValue{};
+
+    // The journal's id of the running payment (cash, card or payout); 0 when none runs.
+    std::int64_t paymentId = 0;
 
     // The port name the port-error message names: the last one equipment initialisation set.
     std::string portName;
@@ -102,11 +116,23 @@ public:
     // --- Host command monitor ---------------------------------------------------------------
     void Monitor_Timer();
 
+    // --- Termination ---------------------------------------------------------------------------
+    // Asks the engine to end, from any thread (SIGTERM, SIGINT): a running payment is ended as a
+    // cancel that pays the credit back, then Exit runs, all within the termination bound. Waits
+    // that keep a payment going give up at once; every device wait gives up at the bound.
+    void requestTermination();
+    // Termination has been asked for (by a signal or by Exit).
+    bool interrupted() const;
+    // Termination's time is up: every device wait ends now.
+    bool pastDeadline() const;
+
     // --- Device routines --------------------------------------------------------------------
     void InitEquipment();
     void enablePayment_Click();
     void pollTimer_Timer();
-    void DispenseChange(double& amount);
+    // Pays `amount` back (bill dispenser, tubes, hoppers) and returns what actually left the
+    // kiosk; never more than `amount`.
+    Money DispenseChange(Money amount);
     void changeTimer_Timer();
     void bvRecovery();
     void bdDispenseBills_Click();
@@ -127,6 +153,7 @@ public:
     // --- Shared services for the device routines --------------------------------------------
     Console& console() { return m_console; }
     EngineState& state() { return m_state; }
+    const EngineState& state() const { return m_state; }
     Platform& platform() { return m_platform; }
     MdbLink& link() { return *m_link; }
     BillDispenser& dispenser() { return *m_dispenser; }
@@ -140,13 +167,25 @@ public:
     Timer& clickTimer() { return *m_clickTimer; }
     Timer& ccTimer() { return *m_ccTimer; }
 
-    // Reads and writes of the application's settings (application "KSX").
+    // Reads and writes of the application's settings (application "KSX"). A write the store
+    // refuses is kept and written again once the store takes writes (never thrown: store
+    // trouble is not a device fault); a read sees the engine's own pending writes.
     std::string getSetting(std::string_view section, std::string_view key,
                            std::string_view defaultValue = {});
     void saveSetting(std::string_view section, std::string_view key, std::string_view value);
     // The host mailbox (section "Status"); reads default to "".
     std::string mailbox(std::string_view key);
     void writeMailbox(std::string_view key, std::string_view value);
+    StoreWriter& storeWriter() { return m_storeWriter; }
+
+    // The largest amount a request may ask for (setting "MaxAmount" of section "Settings").
+    Money maxAmount();
+
+    // A journal row (the running payment's id when the row names none); never throws.
+    void journal(JournalEntry entry);
+    Log& log() { return m_platform.log; }
+    // Seconds on the monotonic clock.
+    double elapsed() const { return m_platform.clock.elapsedSeconds(); }
 
     // Waits `seconds` on the clock without yielding (the engine's Pause).
     void pause(double seconds);
@@ -157,9 +196,21 @@ public:
     void yieldUntil(const std::function<bool()>& done);
     bool payoutWaiting() const { return m_payoutWaitDepth > 0; }
 
+    // Runs a tick or an operator action; an error nobody expected (a logic error, not a device,
+    // store or conversion error) is reported as an internal error and the running payment is
+    // ended safely, instead of being mistaken for a device fault.
+    void guarded(std::string_view what, const std::function<void()>& action);
+
 private:
+    // The cash payment's start/stop as the host monitor runs it (journalled as the host's).
+    void hostPayment();
+    void paymentClick(std::string_view requester);
+    void noteRefusedAmount(std::string_view key, const std::string& text, bool accepted);
     // Runs `action` now, or holds it back while the payout wait runs; true when held back.
     bool holdDuringPayout(const std::function<void()>& action);
+    void switchPaymentButtonsForPayout(bool waiting);
+    void endPaymentAfterInternalError();
+    void startTerminationClock();
     void loadSettings();
     void writeDefaultSet();
     void fillPrinters();
@@ -169,9 +220,16 @@ private:
     Platform m_platform;
     Console m_console;
     EngineState m_state;
+    StoreWriter m_storeWriter;
     bool m_ended = false;
     int m_payoutWaitDepth = 0;
     std::vector<std::function<void()>> m_heldActions;
+    // Buttons the payout wait turned off, with their state before.
+    std::vector<std::pair<std::string, bool>> m_buttonsBeforePayout;
+    std::map<std::string, std::string> m_refusedAmounts;  // last refused text per request key
+    // Termination: asked for (any thread), and when (monotonic seconds).
+    std::atomic<bool> m_terminationRequested = false;
+    std::atomic<double> m_terminationStartedAt = 0;
 
     std::unique_ptr<MdbLink> m_link;
     std::unique_ptr<BillDispenser> m_dispenser;

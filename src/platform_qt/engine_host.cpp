@@ -67,6 +67,13 @@ void EngineHost::post(std::function<void(Setup&)> action) {
     m_shared->scheduler->post([setup, action = std::move(action)] { action(*setup); });
 }
 
+void EngineHost::requestTermination() {
+    std::lock_guard lock(m_shared->mutex);
+    if (m_shared->setup != nullptr) {
+        m_shared->setup->requestTermination();
+    }
+}
+
 void EngineHost::run() {
     int code = 0;
     try {

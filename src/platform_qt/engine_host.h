@@ -38,6 +38,10 @@ public:
     // Queues `action` on the engine thread, after what is already queued. Safe from any thread;
     // dropped once the engine has ended.
     void post(std::function<void(Setup&)> action);
+    // Asks the engine to end (a service manager's stop, Ctrl+C): the running payment is
+    // cancelled and its credit paid back, then Exit runs, within the engine's termination
+    // bound. Safe from any thread; nothing happens once the engine has ended.
+    void requestTermination();
     // Blocks until the engine thread has finished; the engine's exit code.
     int wait();
     bool running() const;

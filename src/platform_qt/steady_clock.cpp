@@ -27,6 +27,11 @@ void SteadyClock::sleep(double seconds) {
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
+double SteadyClock::elapsedSeconds() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
 LocalDateTime SteadyClock::now() const {
     const QDateTime t = QDateTime::currentDateTime();
     const QDate d = t.date();

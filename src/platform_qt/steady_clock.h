@@ -12,6 +12,7 @@ public:
     double secondsSinceMidnight() const override;
     void sleep(double seconds) override;
     LocalDateTime now() const override;
+    double elapsedSeconds() const override;
 };
 
 }  // namespace kestrix::qt

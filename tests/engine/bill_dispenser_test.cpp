@@ -78,27 +78,46 @@ TEST(BillDispenserReply, SetUpAndStatusAnswersAreReadAtTheirPositions) {
     EXPECT_EQ(none.thickness, 0);
 }
 
-TEST(BillDispenserReply, DispenseAnswersByTheirPrefix) {
-    // After our two acknowledgements: "E0" at 21, and a shortened byte ("C") before the count
-    // moves "B1" from 101 to 100, where it is read.
-    std::string afterAcks = "10061006100200306003E000C";
-    afterAcks += std::string(99 - afterAcks.size(), '3') + "B11C1003";
+// A dispense answer as the dispenser frames it: result code, command 03, payload length, the
+// 36-byte status block, the delivery record and two zeros, 1C; then DLE ETX and two check bytes.
+std::string dispenseAnswer(std::uint8_t code, std::uint8_t record, std::uint8_t statusByte = 0) {
+    std::string data = {static_cast<char>(code), 0x03, 0x28};
+    std::string block(36, '\0');
+    block[19] = static_cast<char>(statusByte);  // a bill count byte of the status block
+    data += block;
+    data += {static_cast<char>(record), 0x10, 0x00, 0x00, 0x1C};
+    std::string frame = {0x10, 0x05, 0x10, 0x02, 0x00, static_cast<char>(data.size())};
+    return frame + data + std::string{0x10, 0x03, 0x12, 0x34};
+}
+
+TEST(BillDispenserReply, DispenseAnswersAreReadWhereverTheyStartAndWhateverTheyHold) {
+    const std::string acks = "\x10\x06\x10\x06";
+    const std::string delivered = dispenseAnswer(0xE0, 0x3B);
     struct Row {
-        std::string reply;
-        std::optional<bool> error;
+        const char* what;
+        std::string bytes;
+        bool complete;
+        bool error;
         int count;
     };
     const Row rows[] = {
-        {afterAcks, false, 1},
-        {afterAcks.substr(8), std::nullopt, 0},         // no known prefix: nothing changes
-        {"10051002" + afterAcks.substr(16), false, 1},  // the answer came first: 13 and 92
-        {"10061006100200306003E1", true, 0},
-        {"100510020030E3", true, 0},
+        {"after our two acknowledgements", acks + delivered, true, false, 1},
+        {"the answer first", delivered, true, false, 1},
+        // A byte 0A-0F before the delivery record once moved "B1" off its place.
+        {"a 0C in the status block", acks + dispenseAnswer(0xE0, 0x3B, 0x0C), true, false, 1},
+        {"no bill", acks + dispenseAnswer(0xE0, 0x30), true, false, 0},
+        {"cassette empty", acks + dispenseAnswer(0xF3, 0x30), true, true, 0},
+        {"not all there yet", acks + delivered.substr(0, 40), false, false, 0},
+        {"acknowledgements only", acks, false, false, 0},
+        {"noise", std::string("\x10\x05\x10\x02\x00", 5), false, false, 0},
     };
     for (const Row& r : rows) {
-        const bd::DispenseOutcome out = bd::decodeDispense(r.reply);
-        EXPECT_EQ(out.error, r.error) << r.reply;
-        EXPECT_EQ(out.count, r.count) << r.reply;
+        const bd::DispenseAnswer a = bd::decodeDispenseAnswer(r.bytes);
+        EXPECT_EQ(a.complete, r.complete) << r.what;
+        if (r.complete) {
+            EXPECT_EQ(a.error, r.error) << r.what;
+            EXPECT_EQ(a.count, r.count) << r.what;
+        }
     }
 }
 

@@ -17,27 +17,19 @@ TEST(ConvertBaseNToDec, ReadsDigitTextsInAnyBase) {
         const char* expected;
     };
     const Row rows[] = {
-        {"ff", 16, "255"},
-        {"0A", 16, "10"},
-        {"0b", 16, "11"},
-        {"11111111", 2, "255"},
-        {"00000000", 2, "0"},
-        {"Z", 36, "35"},
-        {"10", 36, "36"},
-        {"ff", 1, ""},
-        {"ff", 37, ""},
-        {"ff", 0, ""},
-        {"7", 8, "7"},
-        // No digit is checked against the base: "9" in base 2 still counts 9.
-        {"9", 2, "9"},
-        // A stranger to the alphabet counts -1 times its power.
-        {"-", 16, "-1"},
-        {"1-", 16, "15"},
-        {" 1", 16, "-15"},
+        {"ff", 16, "255"},    {"0A", 16, "10"}, {"0b", 16, "11"}, {"11111111", 2, "255"},
+        {"00000000", 2, "0"}, {"Z", 36, "35"},  {"10", 36, "36"}, {"ff", 1, ""},
+        {"ff", 37, ""},       {"ff", 0, ""},    {"7", 8, "7"},
     };
     for (const Row& r : rows) {
         EXPECT_EQ(ConvertBaseNToDec(r.digits, r.base), r.expected)
             << r.digits << " base " << r.base;
+    }
+    // A character that is no digit of the base is an error, never a (negative) digit: garbage
+    // on a device line once came out as negative tube counts.
+    for (const auto& [digits, base] : std::initializer_list<std::pair<const char*, int>>{
+             {"9", 2}, {"-", 16}, {"1-", 16}, {" 1", 16}, {"g0", 16}, {"??", 16}, {"\xff", 16}}) {
+        EXPECT_THROW(ConvertBaseNToDec(digits, base), KsxError) << digits << " base " << base;
     }
 }
 

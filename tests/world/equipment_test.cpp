@@ -132,7 +132,7 @@ TEST(InitEquipment, PublishesWhatEveryDeviceOfTheKioskReports) {
     }
     EXPECT_EQ(k.text("tubesAmount"), "320");
     EXPECT_EQ(k.mailbox("Tubes"), "320");
-    EXPECT_EQ(k.engine().state().coinValue[5], 10);
+    EXPECT_EQ(k.engine().state().coinValue[5].text(), "10");
 
     // Bill validator: stacker capacity in bytes 7-8; security levels and the escrow flag are read
     // from bytes 8-9 and 10, one byte before the validator's own (9-10 and 11).
@@ -339,27 +339,27 @@ TEST(InitEquipment, ChangerAndValidatorProfiles) {
 }
 
 TEST(InitEquipment, ScriptedRepliesNoPeripheralShouldSend) {
-    // A tube status that is only an acknowledgement is asked again, each time after its wait;
-    // a short SETUP (two coin types, then its check byte AFh where type 3's credit would be) and
-    // garbled text give fields what their positions hold, without an error.
+    // A tube status that is only an acknowledgement is asked again, each time after its wait; a
+    // garbled identification (wrong check byte) is asked again; a short SETUP (two coin types)
+    // leaves the other coin types and fields empty: its check byte is no coin's credit.
     Kiosk k;
     test::ScriptedMdb& mdb = k.scripted();
     mdb.script(0x09, {mdbReply({0x02, 0x14, 0x84, 0x01, 0x02, 0x00, 0x03, 5, 10})});
-    mdb.script(0x0F00, {"4b00 ??00 5801 "});
-    mdb.script(0x0A, {"0001 ", "0001 ", "0000 0000 0300 0001 "});
+    mdb.script(0x0F00, {"4b00 ??00 5801 ", mdbReply({'K', 'X'})});
+    mdb.script(0x0A, {"0001 ", "0001 ", mdbReply({0, 0, 3})});
     ASSERT_TRUE(k.start());
     EXPECT_TRUE(k.messageBox().shown().empty());
     EXPECT_EQ(mdb.count("0A 0A"), 3);
+    EXPECT_EQ(mdb.count("0F 00 0F"), 2);
     EXPECT_EQ(k.text("ct1_value"), "5");
-    EXPECT_EQ(k.text("ct3_value"), "175");
-    EXPECT_EQ(k.text("ct4_value"), "0");
-    EXPECT_EQ(k.text("caManufacturer"), "KX");
+    EXPECT_EQ(k.text("ct3_value"), "0");
+    EXPECT_EQ(k.text("caManufacturer"), "KX\xA3") << "the check byte where a third letter was";
     EXPECT_EQ(k.text("caSerialNumber"), "");
     EXPECT_EQ(k.text("tubeCoinQty1"), "3");
     EXPECT_EQ(k.text("tubeCoinQty2"), "0");
     EXPECT_EQ(k.text("tubesAmount"), "15");
     EXPECT_EQ(k.text("bvDecimalPlaces"), "1");
-    EXPECT_EQ(k.text("bvStackerCapacity"), "254") << "its check byte, then nothing";
+    EXPECT_EQ(k.text("bvStackerCapacity"), "") << "a short SETUP: nothing there";
 
     // A scaling factor of 0 cannot give coin values: a run-time error, told as a port error.
     Kiosk zero;

@@ -28,7 +28,7 @@ TEST(Monitor, ADueWrittenDuringAPaymentIsNotASecondPayment) {
     ASSERT_TRUE(k.requestPayment("2"));
     k.hostWrite(mb::kDue, "7");  // ignored: a payment is running
     k.runFor(2);
-    EXPECT_EQ(k.engine().state().amountDue, 2);
+    EXPECT_EQ(k.engine().state().amountDue.text(), "2");
     ASSERT_TRUE(k.insertCoin(3));  // 2: the first payment completes
     ASSERT_TRUE(k.runUntilIdle(60));
     EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");

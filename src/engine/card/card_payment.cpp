@@ -110,7 +110,7 @@ void CardPayment::reportError(const std::exception& error) {
 void CardPayment::enablePaymentCC_Click() {
     try {
         paymentClick();
-    } catch (const std::exception& e) {
+    } catch (const std::runtime_error& e) {
         // The payment's state is left as the failing call found it: the caption still reads
         // "Cancel Payment...", so the next click (operator or host) runs the cancel path and
         // the common end.
@@ -136,8 +136,8 @@ void CardPayment::paymentClick() {
 
     c.setEnabled("enablePayment", false);
     c.setEnabled("enablePaymentCC", false);
-    const double amount = leadingNumber(c.text("due"));
-    if (!(amount > 0 && m_dueAmount == 0)) {
+    const std::optional<Money> amount = requestedAmount(c.text("due"), m_setup.maxAmount());
+    if (!(amount && m_dueAmount.isZero())) {
         // Nothing to charge, or a payment that an error left half done: cancel what the library
         // may still hold.
         if (c.text("enablePaymentCC") == kCancelCaption) {
@@ -155,8 +155,8 @@ void CardPayment::paymentClick() {
         c.setText(pinPadDisplay(i), "");
     }
     m_setup.ccTimer().setEnabled(true);
-    m_dueAmount = leadingNumber(c.text("due"));
-    m_credit = 0;
+    m_dueAmount = *amount;
+    m_credit = Money();
 
     m_reference = m_setup.mailbox(store::mailbox::kReferenceCC);
     if (m_reference.empty()) {
@@ -165,9 +165,9 @@ void CardPayment::paymentClick() {
         m_setup.writeMailbox(store::mailbox::kReferenceCC, m_reference);
     }
 
-    c.setText("dueDisplay", "Amount Due: " + currencyText(m_dueAmount));
-    m_setup.writeMailbox(store::mailbox::kDueCC, numberText(m_dueAmount));
-    m_setup.writeMailbox(store::mailbox::kCredit, numberText(m_credit));
+    c.setText("dueDisplay", "Amount Due: " + m_dueAmount.currency());
+    m_setup.writeMailbox(store::mailbox::kDueCC, m_dueAmount.text());
+    m_setup.writeMailbox(store::mailbox::kCredit, m_credit.text());
     m_setup.writeMailbox(store::mailbox::kStatus, c.text("statusDisplay"));
     c.setText("creditDisplay", "$0.00");
 
@@ -187,7 +187,7 @@ void CardPayment::runSale() {
 
     lib.setNumericParameter(std::string(kNumericParameter));
     lib.setCurrency(std::string(kCurrency));
-    lib.setAmount(numberText(m_dueAmount));
+    lib.setAmount(m_dueAmount.text());
     c.setText("ccNumTarjeta", std::string(kNotAvailable));
     c.setText("ccTarjetahabiente", std::string(kNotAvailable));
     c.setText("ccPantallaPP", std::string(kNotAvailable));
@@ -226,8 +226,8 @@ void CardPayment::runSale() {
         printVoucher([&](Printer& p) { voucher::printApproved(p, voucherText); });
         c.setText("statusDisplay", "Credit Card Approved");
         m_credit = m_dueAmount;
-        c.setText("creditDisplay", currencyText(m_credit));
-        m_setup.writeMailbox(store::mailbox::kCredit, numberText(m_credit));
+        c.setText("creditDisplay", m_credit.currency());
+        m_setup.writeMailbox(store::mailbox::kCredit, m_credit.text());
         m_setup.writeMailbox(store::mailbox::kStatus, c.text("statusDisplay"));
     } else if (result == kDenied) {
         voucher::DeclinedDetails declined;
@@ -253,7 +253,7 @@ void CardPayment::printVoucher(const std::function<void(Printer&)>& print) {
     // and the result is still shown and written.
     try {
         print(m_setup.platform().printer);
-    } catch (const std::exception& e) {
+    } catch (const std::runtime_error& e) {
         reportError(e);
     }
 }
@@ -263,9 +263,9 @@ void CardPayment::commonEnd() {
     c.setText("enablePaymentCC", std::string(kCardCaption));
     // The attempt is over whatever its outcome: the host asks again for another try, so the
     // request is cleared rather than left for the monitor to start once more.
-    m_dueAmount = 0;
-    c.setText("dueDisplay", "Amount Due: " + currencyText(m_dueAmount));
-    m_setup.writeMailbox(store::mailbox::kDueCC, numberText(m_dueAmount));
+    m_dueAmount = Money();
+    c.setText("dueDisplay", "Amount Due: " + m_dueAmount.currency());
+    m_setup.writeMailbox(store::mailbox::kDueCC, m_dueAmount.text());
     m_setup.writeMailbox(store::mailbox::kReferenceCC, "");
     c.setEnabled("enablePayment", true);
     c.setEnabled("enablePaymentCC", true);
@@ -295,11 +295,21 @@ void CardPayment::ccTimer_Timer() {
             showStatus(c.text("ccPantallaPP"));
         }
         m_watchErrorReported = false;
-    } catch (const std::exception& e) {
+    } catch (const std::runtime_error& e) {
         // Told once, not five times a second, until the library answers again.
         if (!m_watchErrorReported) {
             m_watchErrorReported = true;
             reportError(e);
+        }
+    }
+}
+
+void CardPayment::cancelForExit() {
+    if (m_inSale && console().text("enablePaymentCC") == kCancelCaption) {
+        try {
+            library().cancelOperation();
+        } catch (const std::runtime_error& e) {
+            m_setup.log().warning(std::string("pin pad: cancel at exit failed: ") + e.what());
         }
     }
 }
@@ -310,7 +320,7 @@ void CardPayment::ccTimer_Timer() {
 void CardPayment::ccReadCard_Click() {
     try {
         testRead();
-    } catch (const std::exception& e) {
+    } catch (const std::runtime_error& e) {
         reportError(e);
     }
 }
@@ -355,7 +365,7 @@ void CardPayment::testRead() {
 void CardPayment::ccPrinters_Click() {
     try {
         m_setup.platform().printer.select(console().text("ccPrinters"));
-    } catch (const std::exception& e) {
+    } catch (const std::runtime_error& e) {
         reportError(e);
     }
 }

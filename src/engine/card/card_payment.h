@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 
+#include "engine/money.h"
 #include "engine/platform/clock.h"
 #include "engine/platform/payment_library.h"
 #include "engine/platform/printer.h"
@@ -28,8 +29,10 @@ public:
     void ccReadCard_Click();
     void ccPrinters_Click();
 
-    // The amount of the payment in progress (0 when none).
-    double dueAmount() const { return m_dueAmount; }
+    // The amount of the payment in progress (zero when none).
+    Money dueAmount() const { return m_dueAmount; }
+    // Exit: a sale in progress is asked to stop (the library ends it as denied).
+    void cancelForExit();
     bool saleInProgress() const { return m_inSale; }
     bool testReadInProgress() const { return m_inTestRead; }
 
@@ -48,13 +51,15 @@ private:
     void testRead();
     void showStatus(std::string text);
     void printVoucher(const std::function<void(Printer&)>& print);
+    // The console's ordinary report of an error a call raised: a library or printer failure
+    // (a run-time error). A logic error goes on to the engine's guard.
     void reportError(const std::exception& error);
     PaymentLibrary& library();
     Console& console();
 
     Setup& m_setup;
-    double m_dueAmount = 0;
-    double m_credit = 0;
+    Money m_dueAmount;
+    Money m_credit;
     std::string m_reference;
     bool m_inSale = false;      // the library is running this payment's read or sale
     bool m_inTestRead = false;  // the library is running the operator's test read

@@ -1,9 +1,12 @@
 #include "bill_dispenser.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <initializer_list>
 
+#include "../bounds.h"
+#include "../errors.h"
 #include "../formulas.h"
 #include "../settings/layout.h"
 #include "../setup.h"
@@ -36,9 +39,6 @@ constexpr std::string_view kStatusAnswerCode = "E00124";
 constexpr std::string_view kNoErrorCode = "E0";
 constexpr std::string_view kCassetteLow = "80";
 constexpr std::string_view kBillDelivered = "B1";
-// A dispense answer read after our two acknowledgements, or one that came first.
-constexpr std::string_view kAfterAcksPrefix = "10061006";
-constexpr std::string_view kAnswerFirstPrefix = "10051002";
 
 const std::string kSetupHeader = bytes({0x10, 0x05, 0x10, 0x02, 0x00, 0x11});
 
@@ -150,16 +150,39 @@ Decoded decode(std::string_view reply, Answer answer) {
     return d;
 }
 
-DispenseOutcome decodeDispense(std::string_view reply) {
-    DispenseOutcome out;
-    if (reply.starts_with(kAfterAcksPrefix)) {
-        out.error = field(reply, 21, 2) != kNoErrorCode;
-        out.count = field(reply, 100, 2) == kBillDelivered ? 1 : 0;
-    } else if (reply.starts_with(kAnswerFirstPrefix)) {
-        out.error = field(reply, 13, 2) != kNoErrorCode;
-        out.count = field(reply, 92, 2) == kBillDelivered ? 1 : 0;
+DispenseAnswer decodeDispenseAnswer(std::string_view bytes) {
+    static constexpr std::string_view kFrameStart = "\x10\x05\x10\x02";
+    // Offsets in the answer frame's two-digit rendering.
+    constexpr std::size_t kCodeAt = 12;
+    constexpr std::size_t kDeliveredAt = 91;
+    // DLE ENQ DLE STX and the length before the data; DLE ETX and two check bytes after it.
+    constexpr std::size_t kHeaderBytes = 6;
+    constexpr std::size_t kTrailerBytes = 4;
+    DispenseAnswer a;
+    std::size_t start = bytes.find(kFrameStart);
+    // The answer starts on a byte of its own after whole acknowledgements (10 06).
+    while (start != std::string_view::npos && start % 2 != 0) {
+        start = bytes.find(kFrameStart, start + 1);
     }
-    return out;
+    if (start == std::string_view::npos || bytes.size() < start + kHeaderBytes) {
+        return a;
+    }
+    const std::size_t length = static_cast<unsigned char>(bytes[start + 4]) * 256u +
+                               static_cast<unsigned char>(bytes[start + 5]);
+    if (bytes.size() < start + kHeaderBytes + length + kTrailerBytes) {
+        return a;
+    }
+    std::string text;
+    static constexpr std::string_view kUpperHex = "0123456789ABCDEF";
+    for (const char c : bytes.substr(start)) {
+        const unsigned b = static_cast<unsigned char>(c);
+        text += kUpperHex[b >> 4];
+        text += kUpperHex[b & 0x0F];
+    }
+    a.complete = true;
+    a.error = field(text, kCodeAt + 1, 2) != kNoErrorCode;
+    a.count = field(text, kDeliveredAt + 1, 2) == kBillDelivered ? 1 : 0;
+    return a;
 }
 
 }  // namespace bd
@@ -241,6 +264,7 @@ void BillDispenser::dispenseBD() {
     // The console shows "--" for the whole wait (a view repaints on the change).
     m_setup.console().setText("bdBillsDispensed", "--");
     m_bdLastCount = 0;
+    m_lastUnknown = false;
     const bd::DispenseFrame& f = bd::dispenseFrame();
     port.write(f.header);
     m_setup.pause(bd::kHeaderToBodySeconds);
@@ -249,59 +273,82 @@ void BillDispenser::dispenseBD() {
     }
     m_setup.pause(bd::kDispenseAnswerSeconds);
     // The dispenser answers when the bill has gone out, which takes as long as it takes: ask
-    // until an answer of useful length arrives.
-    m_bdReply.clear();
-    while (m_bdReply.size() < bd::kDispenseAnswerMinChars) {
+    // until its whole answer has come, within a bound. Everything received since the request is
+    // kept, so an answer split over two reads is read whole.
+    std::string received;
+    bd::DispenseAnswer answer;
+    for (int round = 0; round < bounds::kDispenseAnswerRounds && !answer.complete; ++round) {
         m_setup.pause(bd::kDispenseRoundSeconds);
         sendAckTwice();
-        readReply();
+        received += port.read();
+        answer = bd::decodeDispenseAnswer(received);
+        if (m_setup.pastDeadline()) {
+            break;
+        }
     }
-    const bd::DispenseOutcome out = bd::decodeDispense(m_bdReply);
-    if (out.error) {
-        m_bdError = *out.error;
+    m_bdReply = bd::renderReply(received);
+    if (answer.complete) {
+        m_bdError = answer.error;
+        m_bdLastCount = answer.count;
+    } else {
+        // Whether the bill left is not known: asking again could pay it twice. The dispenser is
+        // in error until it is read again.
+        m_lastUnknown = true;
+        m_bdError = true;
+        m_setup.log().error(
+            "bill dispenser: no complete answer to a dispense; whether the bill "
+            "left is unknown",
+            {"dispenser", m_setup.state().paymentId});
     }
-    m_bdLastCount = out.count;
     m_setup.console().setText("bdStatus", m_bdError ? "ERR" : "OK");
 }
 
-void BillDispenser::bdDispenseBills_Click() {
+BillDispenser::Delivery BillDispenser::dispense(int count) {
     Console& c = m_setup.console();
     switchButtons(false);
-    double remaining = wholePart(leadingNumber(c.text("bdQtyBills")));
-    int delivered = 0;
-    try {
-        while (remaining > 0 && !m_bdError) {
+    Delivery d;
+    c.setText("bdQtyBills", std::to_string(count));
+    const bool ok = trapped([&] {
+        int remaining = count;
+        while (remaining > 0 && !m_bdError && !m_setup.pastDeadline()) {
             dispenseBD();
             remaining -= m_bdLastCount;
-            delivered += m_bdLastCount;
-            c.setText("bdBillsDispensed", std::to_string(delivered));
+            d.delivered += m_bdLastCount;
+            d.unknown = m_lastUnknown;
+            c.setText("bdBillsDispensed", std::to_string(d.delivered));
         }
-    } catch (const std::exception&) {
+    });
+    if (!ok) {
         // The link failed mid-way (a vanished port): what was delivered stands, and the
         // dispenser is reported in error so that no payout relies on it until it is read again.
         m_bdError = true;
         c.setText("bdStatus", "ERR");
-        c.setText("bdBillsDispensed", std::to_string(delivered));
+        c.setText("bdBillsDispensed", std::to_string(d.delivered));
     }
-    try {
-        writeMailbox();
-    } catch (const std::exception&) {
-        // A store that cannot be written must not leave the test buttons off.
-    }
+    writeMailbox();
     switchButtons(true);
+    return d;
+}
+
+void BillDispenser::bdDispenseBills_Click() {
+    const double asked = wholePart(leadingNumber(m_setup.console().text("bdQtyBills")));
+    const int count =
+        asked > 0 ? static_cast<int>(std::min<double>(asked, kMaxBillsPerDispense)) : 0;
+    m_setup.journal(
+        {.kind = journal_kind::kOperatorDispense, .device = "dispenser", .count = count});
+    const Delivery d = dispense(count);
+    m_setup.journal({.kind = journal_kind::kPayoutConfirmed,
+                     .device = "dispenser",
+                     .count = d.delivered,
+                     .detail = d.unknown ? "last bill unknown" : ""});
 }
 
 void BillDispenser::bdDispenserRefill_Click() {
     switchButtons(false);
-    try {
-        statusBillDispenser();
-    } catch (const std::exception&) {
+    if (!trapped([this] { statusBillDispenser(); })) {
         m_bdError = true;
         m_setup.console().setText("bdStatus", "ERR");
-        try {
-            writeMailbox();
-        } catch (const std::exception&) {
-        }
+        writeMailbox();
     }
     switchButtons(true);
 }

@@ -58,16 +58,19 @@ struct Decoded {
 enum class Answer { Setup, Status };
 Decoded decode(std::string_view reply, Answer answer);
 
-// The outcome of one dispense answer. `error` is empty when the answer has neither known prefix:
-// the earlier error state stands.
-struct DispenseOutcome {
-    std::optional<bool> error;
-    int count = 0;
+// One dispense's answer, read from the bytes received since the request. The answer frame
+// (DLE ENQ DLE STX, length, data, DLE ETX, two check bytes) is found wherever it starts among
+// the acknowledgements, and its fields are read from two hexadecimal digits per byte: the
+// result code two bytes after the length ("E0": done), and the delivery record's "B1" (bill
+// delivered) at the 80th character of the frame's data. A byte 0A-0F before them (which the
+// one-character rendering above would shorten, moving the fields) cannot hide a bill, and an
+// answer not yet complete by its length is not read at all.
+struct DispenseAnswer {
+    bool complete = false;  // the whole frame has arrived
+    bool error = false;     // the result code is not "E0"
+    int count = 0;          // 1 when the delivery record says a bill left
 };
-DispenseOutcome decodeDispense(std::string_view reply);
-
-// A dispense answer is asked for until it has at least this many characters.
-inline constexpr std::size_t kDispenseAnswerMinChars = 13;
+DispenseAnswer decodeDispenseAnswer(std::string_view bytes);
 
 }  // namespace bd
 
@@ -83,10 +86,23 @@ public:
     void initBillDispenser(int& bType);
     // Reads the dispenser's state into the console and writes the three mailbox keys.
     void statusBillDispenser();
-    // Delivers at most one bill; waits for an answer without limit.
+    // Delivers at most one bill; waits for its answer within bounds::kDispenseAnswerRounds.
     void dispenseBD();
     // Pays the number of bills in `bdQtyBills`, stopping at the first error.
     void bdDispenseBills_Click();
+
+    // What a dispense of several bills achieved.
+    struct Delivery {
+        int delivered = 0;
+        // The last bill's answer never came complete: whether it left is not known. The
+        // dispenser is then reported in error and asked for nothing more.
+        bool unknown = false;
+    };
+    // The most bills one payout asks for.
+    static constexpr int kMaxBillsPerDispense = 100;
+    // Pays `count` bills one at a time, stopping at the first error or unknown answer; never
+    // asks for more than `count`. Writes the three mailbox keys.
+    Delivery dispense(int count);
     // Runs the status read with the test buttons held off.
     void bdDispenserRefill_Click();
 
@@ -117,6 +133,7 @@ private:
     int m_bdThicknessValue = 0;
     std::string m_bdVersion;
     int m_bdLastCount = 0;
+    bool m_lastUnknown = false;
 };
 
 }  // namespace kestrix

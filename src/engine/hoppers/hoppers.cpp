@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cmath>
 
+#include "../errors.h"
 #include "../formulas.h"
 #include "../settings/layout.h"
 #include "../setup.h"
@@ -17,8 +18,6 @@ namespace {
 constexpr std::string_view kLineSettings = "9600,N,8,1";
 constexpr int kDefaultAddress1 = 3;
 constexpr int kDefaultAddress2 = 4;
-// Coin counts are money / coin value; the epsilon keeps 0.3 / 0.1 from becoming 2 coins.
-constexpr double kCoinEpsilon = 1e-9;
 
 std::string lowerTrimmed(std::string text) {
     const auto notBlank = [](unsigned char c) { return std::isspace(c) == 0; };
@@ -51,18 +50,28 @@ Hoppers::~Hoppers() = default;
 
 void Hoppers::hDispenseCoins_Click() {
     Console& c = m_setup.console();
+    const Money amount = Money::fromDouble(leadingNumber(c.text("hToDispense"))).value_or(Money());
+    m_setup.journal(
+        {.kind = journal_kind::kOperatorDispense, .device = "hoppers", .amount = amount});
+    const Money paid = dispense(amount);
+    m_setup.journal({.kind = journal_kind::kPayoutConfirmed, .device = "hoppers", .amount = paid});
+}
+
+Money Hoppers::dispense(Money amount) {
+    Console& c = m_setup.console();
     const bool buttonWasEnabled = c.enabled("hDispenseCoins");
     c.setEnabled("hDispenseCoins", false);
-    m_paid = 0;
+    m_paid = Money();
     m_reports.clear();
-    try {
-        dispenseAmount(leadingNumber(c.text("hToDispense")));
-    } catch (const std::exception&) {
+    if (!trapped([&] { dispenseAmount(amount); })) {
         // A port that vanished or a store that failed ends the dispense; the coins counted out
         // until then are still reported, so the money stays accounted for.
+        m_setup.log().error("hoppers: dispense broken off by a port error",
+                            {"hoppers", m_setup.state().paymentId});
     }
-    c.setText("hDispensed", numberText(m_paid));
+    c.setText("hDispensed", m_paid.text());
     c.setEnabled("hDispenseCoins", buttonWasEnabled);
+    return m_paid;
 }
 
 bool Hoppers::ensurePortOpen() {
@@ -82,8 +91,8 @@ bool Hoppers::ensurePortOpen() {
     return port.isOpen();
 }
 
-void Hoppers::dispenseAmount(double amount) {
-    if (!(amount > 0)) {
+void Hoppers::dispenseAmount(Money amount) {
+    if (!amount.positive()) {
         return;
     }
     Console& c = m_setup.console();
@@ -110,12 +119,15 @@ void Hoppers::dispenseAmount(double amount) {
     struct Hopper {
         int number;
         std::uint8_t address;
-        double value;
+        Money value;
+    };
+    const auto coinValue = [&c](std::string_view control) {
+        return Money::fromDouble(leadingNumber(c.text(control))).value_or(Money());
     };
     Hopper first{1, addressFrom(setting(key::kH1Address, "3"), kDefaultAddress1),
-                 leadingNumber(c.text("h1CoinValue"))};
+                 coinValue("h1CoinValue")};
     Hopper second{2, addressFrom(setting(key::kH2Address, "4"), kDefaultAddress2),
-                  leadingNumber(c.text("h2CoinValue"))};
+                  coinValue("h2CoinValue")};
     if (second.value > first.value) {
         std::swap(first, second);  // the larger coin first: fewer coins, and the small ones last
     }
@@ -125,12 +137,12 @@ void Hoppers::dispenseAmount(double amount) {
     }
     CcTalkLink link(m_setup.platform().hoppersPort, echo);
 
-    double left = amount;
+    Money left = amount;
     for (const Hopper& h : {first, second}) {
-        if (!(h.value > 0) || !std::isfinite(h.value)) {
+        if (!h.value.positive()) {
             continue;
         }
-        double coinsWanted = std::floor(left / h.value + kCoinEpsilon);
+        std::int64_t coinsWanted = left.wholeTimes(h.value);
         if (coinsWanted < 1) {
             continue;
         }
@@ -140,13 +152,14 @@ void Hoppers::dispenseAmount(double amount) {
         report.coinValue = h.value;
         // One dispense command asks for at most 255 coins; larger amounts take several, each
         // only after the previous one paid in full.
-        while (coinsWanted >= 1) {
-            const int batch = static_cast<int>(std::min(coinsWanted, double{kMaxCoinsPerCommand}));
+        while (coinsWanted >= 1 && !m_setup.pastDeadline()) {
+            const auto batch =
+                static_cast<int>(std::min<std::int64_t>(coinsWanted, kMaxCoinsPerCommand));
             report.coinsAsked += batch;
             const int paid = payFrom(link, h.address, batch, mode, report);
             report.coinsPaid += paid;
-            m_paid += paid * h.value;
-            left -= paid * h.value;
+            m_paid += h.value * paid;
+            left -= h.value * paid;
             coinsWanted -= batch;
             if (paid < batch) {
                 break;  // the shortfall passes to the other hopper

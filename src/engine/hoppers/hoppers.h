@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+
 #include <string>
 #include <vector>
+#include "../money.h"
 
 namespace kestrix {
 
@@ -36,7 +38,7 @@ public:
     struct Report {
         int hopper = 0;  // 1 or 2
         int address = 0;
-        double coinValue = 0;
+        Money coinValue;
         int coinsAsked = 0;
         int coinsPaid = 0;
         Outcome outcome = Outcome::Paid;
@@ -65,7 +67,13 @@ public:
     Hoppers(const Hoppers&) = delete;
     Hoppers& operator=(const Hoppers&) = delete;
 
+    // The console's "Dispense Coins": pays the amount in `hToDispense`, leaves what was paid in
+    // `hDispensed`.
     void hDispenseCoins_Click();
+    // Pays `amount` with the coins of both hoppers (the larger coin first, the rest from the
+    // other) and returns what left the hoppers, as their counters report it: never more than
+    // `amount`.
+    Money dispense(Money amount);
 
     // One entry per hopper asked to pay in the last dispense, in the order they were asked.
     const std::vector<Report>& lastReports() const { return m_reports; }
@@ -79,7 +87,7 @@ private:
         int unpaid = 0;
     };
 
-    void dispenseAmount(double amount);
+    void dispenseAmount(Money amount);
     int payFrom(CcTalkLink& link, std::uint8_t address, int coins, Mode mode, Report& report);
     bool prepare(CcTalkLink& link, std::uint8_t address, Report& report);
     bool securityBytes(CcTalkLink& link, std::uint8_t address, Mode mode, std::string& out);
@@ -88,7 +96,7 @@ private:
     bool ensurePortOpen();
 
     Setup& m_setup;
-    double m_paid = 0;  // money paid by the running dispense so far
+    Money m_paid;  // money paid by the running dispense so far
     std::vector<Report> m_reports;
 };
 

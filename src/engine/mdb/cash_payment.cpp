@@ -1,8 +1,10 @@
 // The cash payment's start and stop: the routine behind the `enablePayment` button, which the
-// host command monitor also runs to start a payment for the host's Due and to cancel it.
+// host command monitor also runs to start a payment for the host's Due and to cancel it, and the
+// settling of acceptance that comes before every reset that ends it.
 
 #include "cash_payment.h"
 
+#include "../bounds.h"
 #include "../errors.h"
 #include "../formulas.h"
 #include "../settings/layout.h"
@@ -10,6 +12,7 @@
 #include "cash_payment_bytes.h"
 #include "link.h"
 #include "payment_uses.h"
+#include "tubes.h"
 
 namespace kestrix {
 
@@ -30,9 +33,6 @@ constexpr std::string_view kCassetteRemoved = "1500 0200";
 
 constexpr double kStopChangerResetSeconds = 0.5;
 constexpr double kMessageSeconds = 1.0;
-
-constexpr int kTubeSlots = 5;
-constexpr int kCoinTypes = 16;
 constexpr int kBillTypes = 16;
 
 }  // namespace
@@ -44,35 +44,70 @@ void CashPayment::setStatus(std::string_view text) {
     m_setup.writeMailbox(store::mailbox::kStatus, text);
 }
 
+bool CashPayment::cancelRequested() {
+    std::string cancel;
+    trapped([&] { cancel = m_setup.mailbox(store::mailbox::kCancel); });
+    return !cancel.empty() || m_setup.interrupted();
+}
+
+// --- The journal's record of a payment
+// ------------------------------------------------------------
+
+void CashPayment::beginPaymentRecord(std::string_view kind, Money amount,
+                                     std::string_view requester) {
+    EngineState& st = m_setup.state();
+    st.paymentId = m_setup.platform().journal.newPaymentId();
+    m_unpaid = Money();
+    m_changePaid = Money();
+    m_setup.journal({.kind = journal_kind::kPaymentStart,
+                     .amount = amount,
+                     .detail = std::string(kind),
+                     .requester = std::string(requester)});
+    m_setup.log().info("payment " + std::to_string(st.paymentId) + ": " + std::string(kind) +
+                           " of " + amount.text() + " asked by the " + std::string(requester),
+                       {"", st.paymentId});
+}
+
+void CashPayment::endPaymentRecord(std::string_view status, Money change, Money unpaid) {
+    EngineState& st = m_setup.state();
+    const std::string detail = std::string(status) + "; credit " + st.creditAmount.text() +
+                               "; change paid " + change.text() + "; unpaid " + unpaid.text();
+    m_setup.journal(
+        {.kind = journal_kind::kPaymentEnd, .amount = st.creditAmount, .detail = detail});
+    const LogLevel level =
+        unpaid.positive() || status.starts_with("Error") ? LogLevel::Warning : LogLevel::Info;
+    m_setup.log().write(level, "payment " + std::to_string(st.paymentId) + " ended: " + detail,
+                        {"", st.paymentId});
+    st.paymentId = 0;
+}
+
 // --- Start or stop ------------------------------------------------------------------------------
 
-void CashPayment::enablePayment_Click() {
+void CashPayment::enablePayment_Click(std::string_view requester) {
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
     // A click queued while this runs must not start a second run when it returns.
     c.setEnabled("enablePayment", false);
     c.setEnabled("enablePaymentCC", false);
-    try {
-        if (st.bvNeedsInit || st.pollTimedOut) {
+    const bool ok = trapped([&] {
+        if (st.bvNeedsInit || st.pollTimedOut || st.changerFailed) {
             m_setup.InitEquipment();
         }
-        const double due = leadingNumber(c.text("due"));
-        if (due > 0 && st.amountDue == 0) {
-            startPayment();
-        } else if (st.amountDue > 0) {
+        const std::optional<Money> due = requestedAmount(c.text("due"), m_setup.maxAmount());
+        if (due && st.amountDue.isZero()) {
+            startPayment(*due, requester);
+        } else if (st.amountDue.positive()) {
             stopPayment();
         }
-    } catch (const std::exception&) {
-        try {
-            m_setup.writeMailbox(store::mailbox::kKsxError, "1");
-        } catch (const std::exception&) {
-        }
+    });
+    if (!ok) {
+        m_setup.writeMailbox(store::mailbox::kKsxError, "1");
         // A payment broken off half-way (in practice the MDB port has gone) is ended here so the
         // console and the host are not left with a payment that nobody polls; what was credited
         // stays published, and the next start initialises the equipment first.
-        if (st.amountDue > 0 || m_setup.pollTimer().enabled()) {
+        if (st.amountDue.positive() || m_setup.pollTimer().enabled()) {
             st.pollTimedOut = true;
-            abandonPayment({});
+            abandonPayment("Error: Coin Acceptor");
         }
         c.setEnabled("SSTab1", true);
     }
@@ -80,51 +115,59 @@ void CashPayment::enablePayment_Click() {
     c.setEnabled("enablePaymentCC", true);
 }
 
+void CashPayment::endForExit() {
+    EngineState& st = m_setup.state();
+    if (st.amountDue.positive()) {
+        st.cancelKeepsCredit = 0;
+        stopPayment();
+    }
+}
+
+void CashPayment::abandonAfterInternalError() {
+    EngineState& st = m_setup.state();
+    m_setup.writeMailbox(store::mailbox::kKsxError, "1");
+    if (st.amountDue.positive() || m_setup.pollTimer().enabled()) {
+        abandonPayment("Internal Error");
+    }
+}
+
 void CashPayment::abandonPayment(std::string_view statusText) {
     Console& c = m_setup.console();
+    EngineState& st = m_setup.state();
     m_setup.pollTimer().setEnabled(false);
     // Acceptance may still be on, and nobody will poll the devices now: a coin or bill taken
-    // from here on would never be credited. One reset each, if the link still works, turns it
-    // off; nothing more is tried.
+    // from here on would never be credited. Settle what can still be settled, then one reset
+    // each, if the link still works.
+    trapped([this] { settleAcceptance(); });
     MdbLink& link = m_setup.link();
-    const auto attempt = [](const auto& exchange) {
-        try {
-            exchange();
-        } catch (const std::exception&) {
-        }
-    };
-    if (link.isOpen() && c.checked("CoinAcceptorEnabled")) {
-        attempt([&link] {
+    if (link.isOpen() && c.checked("CoinAcceptorEnabled") && !st.pollTimedOut) {
+        trapped([&link] {
             const mdb::Exchange ex = link.exchange(mdb::Command::whole(link.frames().caResetFrame),
                                                    mdb::payment_use::kAbandonChangerReset);
             link.acknowledge(ex.reply);
         });
     }
-    if (link.isOpen() && c.checked("billValidatorEnabled")) {
-        attempt([&link] {
+    if (link.isOpen() && c.checked("billValidatorEnabled") && !st.bvNeedsInit) {
+        trapped([&link] {
             const mdb::Exchange ex = link.exchange(mdb::commands::validatorReset(),
                                                    mdb::payment_use::kAbandonValidatorReset);
             link.acknowledge(ex.reply);
         });
     }
-    m_setup.state().amountDue = 0;
-    try {
-        m_setup.writeMailbox(store::mailbox::kDue, "0");
-    } catch (const std::exception&) {
-    }
+    st.amountDue = Money();
+    m_setup.writeMailbox(store::mailbox::kDue, "0");
     c.setText("enablePayment", "Pay");
     c.setText("dueDisplay", "");
     if (!statusText.empty()) {
-        c.setText("statusDisplay", std::string(statusText));
-        try {
-            m_setup.writeMailbox(store::mailbox::kStatus, statusText);
-        } catch (const std::exception&) {
-        }
+        setStatus(statusText);
     }
+    // The credit stays published: the host settles it.
+    endPaymentRecord(statusText.empty() ? "abandoned" : statusText, Money(), Money());
+    st.cancelKeepsCredit = 0;
     c.setEnabled("SSTab1", true);
 }
 
-void CashPayment::startPayment() {
+void CashPayment::startPayment(Money due, std::string_view requester) {
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
     m_setup.writeMailbox(store::mailbox::kKsxError, "0");
@@ -132,25 +175,36 @@ void CashPayment::startPayment() {
         return;
     }
     c.setEnabled("SSTab1", false);
-    st.amountDue = leadingNumber(c.text("due"));
-    st.creditAmount = 0;
-    m_setup.writeMailbox(store::mailbox::kDue, numberText(st.amountDue));
-    m_setup.writeMailbox(store::mailbox::kCredit, numberText(st.creditAmount));
+    st.amountDue = due;
+    st.creditAmount = Money();
+    st.lastBillTime.reset();
+    m_unreadablePolls = 0;
+    beginPaymentRecord("cash", due, requester);
+    m_setup.writeMailbox(store::mailbox::kDue, st.amountDue.text());
+    m_setup.writeMailbox(store::mailbox::kCredit, st.creditAmount.text());
     m_setup.writeMailbox(store::mailbox::kChangeDispensed, "");
     m_setup.writeMailbox(store::mailbox::kStatus, c.text("statusDisplay"));
 
-    if (c.checked("CoinAcceptorEnabled")) {
-        enableCoinTypes();
+    if (c.checked("CoinAcceptorEnabled") && !enableCoinTypes()) {
+        st.pollTimedOut = true;
+        m_setup.log().error("coin changer: no answer to COIN TYPE; the payment does not start",
+                            {"changer", st.paymentId});
+        abandonPayment("Error: Coin Acceptor");
+        return;
     }
-    if (c.checked("billValidatorEnabled")) {
-        enableBillTypes();
+    if (c.checked("billValidatorEnabled") && !enableBillTypes()) {
+        st.bvNeedsInit = true;
+        m_setup.log().error("bill validator: no answer to BILL TYPE; the payment does not start",
+                            {"validator", st.paymentId});
+        abandonPayment("Error: Bill Validator");
+        return;
     }
     c.setText("creditDisplay", "$0.00");
     m_setup.pollTimer().setEnabled(true);
     c.setText("enablePayment", "Stop Payment...");
 }
 
-void CashPayment::enableCoinTypes() {
+bool CashPayment::enableCoinTypes() {
     using namespace mdb;
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
@@ -170,19 +224,28 @@ void CashPayment::enableCoinTypes() {
         coinType.pauseAfter(i, kCoinTypePaceSeconds);
     }
     const Exchange enabled = link.exchange(coinType, payment_use::kCoinType);
+    if (!enabled.answered) {
+        return false;
+    }
     link.acknowledge(enabled.reply);
 
     // The diagnostic status tells whether the coin cassette is in; a changer that answers with a
     // bare acknowledgement is asked again.
     Reply diagnostic;
-    do {
+    for (int round = 0; round < kDeviceAttempts; ++round) {
         m_setup.pause(kBeforeDiagnosticSeconds);
         const Exchange ex =
             link.exchange(Command::wordByWord(kExpansionCommand, {kDiagnosticSubCommand}),
                           payment_use::kDiagnosticStatus);
+        if (!ex.answered) {
+            return false;
+        }
         link.acknowledge(ex.reply);
         diagnostic = ex.reply;
-    } while (diagnostic.size() <= kAckOnlyMaxChars);
+        if (diagnostic.size() > kAckOnlyMaxChars) {
+            break;
+        }
+    }
 
     if (diagnostic.startsWith(kCassetteRemoved)) {
         // The start goes on; the host command monitor cancels the payment on its next tick, and
@@ -192,21 +255,26 @@ void CashPayment::enableCoinTypes() {
     } else {
         st.tubesUsable = true;
     }
+    return true;
 }
 
 void CashPayment::loadBillTypes() {
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
-    // The stored settings, not unsaved check marks on the console, decide what is accepted.
+    // The stored settings, not unsaved check marks on the console, decide what is accepted. A
+    // store that cannot be read leaves the boxes as they were loaded.
     for (int n = 1; n <= kBillTypes; ++n) {
-        const std::string stored = m_setup.getSetting(store::section::kBillValidator,
-                                                      "BillType" + std::to_string(n) + "_Enabled");
-        const int value = strictInt(stored);
-        if (value < 0 || value > 2) {
-            throw KsxError(KsxError::kInvalidPropertyValue, "Invalid property value");
-        }
-        c.setValue(Console::btEnabled(n), value);
-        st.billValue[static_cast<std::size_t>(n)] = leadingNumber(c.text(Console::btValue(n)));
+        trapped([&] {
+            const std::string stored = m_setup.getSetting(
+                store::section::kBillValidator, "BillType" + std::to_string(n) + "_Enabled");
+            const int value = strictInt(stored);
+            if (value < 0 || value > 2) {
+                throw KsxError(KsxError::kInvalidPropertyValue, "Invalid property value");
+            }
+            c.setValue(Console::btEnabled(n), value);
+        });
+        st.billValue[static_cast<std::size_t>(n)] =
+            Money::fromDouble(leadingNumber(c.text(Console::btValue(n)))).value_or(Money());
     }
     // No bill is held in escrow: an accepted bill goes straight to the stacker.
     const int escrow = mdb::payment::baseTwo("00000000");
@@ -217,7 +285,7 @@ void CashPayment::loadBillTypes() {
                        mdb::payment::checkByteOf(kBillTypeCommand, data)};
 }
 
-void CashPayment::enableBillTypes() {
+bool CashPayment::enableBillTypes() {
     using namespace mdb;
     EngineState& st = m_setup.state();
     MdbLink& link = m_setup.link();
@@ -228,102 +296,175 @@ void CashPayment::enableBillTypes() {
     Command billType = Command::words(payment::commandWords(kBillTypeCommand, data, b[4]));
     billType.pauseAfter(1, 0).pauseAfter(3, 0).pauseAfter(5, 0);
     const Exchange ex = link.exchange(billType, payment_use::kBillType, mdb::notNak);
+    if (!ex.answered) {
+        return false;
+    }
     link.acknowledge(ex.reply);
+    return true;
 }
 
-// --- Tube status
-// ----------------------------------------------------------------------------------
+// --- Settling acceptance ------------------------------------------------------------------------
 
-void CashPayment::takeTubeStatus(const mdb::Reply& reply) {
+void CashPayment::settleAcceptance() {
+    using namespace mdb;
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
-    // Bytes 1 and 2 are the tube-full flags; the counts follow, one byte per coin type. Bytes past
-    // the end of a short reply count as empty tubes.
-    for (std::size_t k = 1; k <= kCoinTypes; ++k) {
-        st.tubeCount[k] = static_cast<int>(reply.number(static_cast<int>(k) + 2));
+    MdbLink& link = m_setup.link();
+    if (!link.isOpen()) {
+        return;
     }
-    for (std::size_t k = 1; k <= kCoinTypes; ++k) {
-        for (int slot = 1; slot <= kTubeSlots; ++slot) {
-            if (st.tubeSlotCoin[static_cast<std::size_t>(slot)] == st.coinValue[k]) {
-                const std::string count = std::to_string(st.tubeCount[k]);
-                c.setText(Console::tubeCoinQty(slot), count);
-                m_setup.saveSetting(store::section::kCoinAcceptor, store::key::tubeCoinQty(slot),
-                                    count);
-            }
+    bool changer = c.checked("CoinAcceptorEnabled") && !st.pollTimedOut;
+    bool validator = c.checked("billValidatorEnabled") && !st.bvNeedsInit;
+    if (!changer && !validator) {
+        return;
+    }
+    if (changer) {
+        const int none[4] = {0, 0, 0xFF, 0xFF};
+        const Exchange ex = link.exchange(
+            Command::words(payment::commandWords(kCoinTypeCommand, none,
+                                                 payment::checkByteOf(kCoinTypeCommand, none))),
+            payment_use::kDisableCoinTypes);
+        changer = ex.answered;
+        if (changer) {
+            link.acknowledge(ex.reply);
         }
     }
-    st.tubesValue = 0;
-    for (std::size_t k = 1; k <= kCoinTypes; ++k) {
-        st.tubesValue = static_cast<float>(static_cast<double>(st.tubesValue) +
-                                           st.tubeCount[k] * st.coinValue[k]);
+    if (validator) {
+        const int none[4] = {0, 0, 0, 0};
+        const Exchange ex = link.exchange(
+            Command::words(payment::commandWords(kBillTypeCommand, none,
+                                                 payment::checkByteOf(kBillTypeCommand, none))),
+            payment_use::kDisableBillTypes, mdb::notNak);
+        validator = ex.answered;
+        if (validator) {
+            link.acknowledge(ex.reply);
+        }
     }
-    const std::string tubes = singleText(st.tubesValue);
-    c.setText("tubesAmount", tubes);
-    m_setup.writeMailbox(store::mailbox::kTubes, tubes);
+
+    const double start = m_setup.elapsed();
+    double lastActivity = start;
+    while (changer || validator) {
+        bool active = false;
+        if (changer) {
+            const Poll p = pollChanger(payment_use::kSettleChangerPoll);
+            active = active || p == Poll::Active || p == Poll::Unreadable;
+            if (p == Poll::Silent) {
+                // Whatever it still held cannot be read: the payment ends as the changer's
+                // failure, with its credit published.
+                changer = false;
+                st.pollTimedOut = true;
+            }
+        }
+        if (validator) {
+            const Poll p = pollValidator(payment_use::kSettleValidatorPoll);
+            active = active || p == Poll::Active || p == Poll::Unreadable;
+            if (p == Poll::Silent) {
+                validator = false;
+                st.bvNeedsInit = true;
+            }
+        }
+        const double now = m_setup.elapsed();
+        if (active) {
+            lastActivity = now;
+        }
+        if (now - lastActivity >= bounds::kSettleQuietSeconds || m_setup.pastDeadline()) {
+            break;
+        }
+        if (now - start >= bounds::kSettleMaxSeconds) {
+            m_setup.log().warning("acceptance did not settle within its bound; resetting anyway",
+                                  {"", st.paymentId});
+            break;
+        }
+        m_setup.pause(bounds::kSettlePollSeconds);
+    }
+}
+
+void CashPayment::resetValidator(const mdb::LinkUse& resetUse, bool ccdPause) {
+    using namespace mdb;
+    MdbLink& link = m_setup.link();
+    if (ccdPause) {
+        m_setup.pause(kSettleSeconds);
+    }
+    const Exchange reset = link.exchange(commands::validatorReset(), resetUse);
+    // A validator that answers no RESET is left as it is: a POLL would not be answered either.
+    if (!reset.answered) {
+        m_setup.state().bvNeedsInit = true;
+        return;
+    }
+    link.acknowledge(reset.reply);
+    link.settle();
+    // Its first POLL takes the "validator was reset" report.
+    const Exchange poll =
+        link.exchange(commands::validatorPoll(), payment_use::kValidatorPollAfterReset);
+    if (poll.answered) {
+        link.acknowledge(poll.reply);
+    }
+    link.settle();
+}
+
+void CashPayment::resetChangerAndReadTubes() {
+    using namespace mdb;
+    EngineState& st = m_setup.state();
+    MdbLink& link = m_setup.link();
+    const Exchange reset =
+        link.exchange(Command::whole(link.frames().caResetFrame), payment_use::kChangerReset);
+    if (!reset.answered) {
+        st.changerFailed = true;
+        return;
+    }
+    link.acknowledge(reset.reply);
+    // Its first POLL takes the "changer was reset" report.
+    pollChanger(payment_use::kChangerPollAfterReset);
+    m_setup.pause(kStopChangerResetSeconds);
+    if (const std::optional<TubeCounts> counts =
+            readTubeStatus(m_setup, payment_use::kTubeStatus, kDeviceAttempts)) {
+        publishTubes(m_setup, *counts);
+    } else {
+        st.changerFailed = true;
+    }
 }
 
 // --- Stop ---------------------------------------------------------------------------------------
 
 void CashPayment::stopPayment() {
-    using namespace mdb;
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
-    MdbLink& link = m_setup.link();
 
     m_setup.pollTimer().setEnabled(false);
-
-    // Resetting the devices is what disables acceptance.
-    if (c.checked("billValidatorEnabled")) {
-        const Exchange reset =
-            link.exchange(commands::validatorReset(), payment_use::kStopValidatorReset);
-        link.acknowledge(reset.reply);
-        link.settle();
-        const Exchange poll =
-            link.exchange(commands::validatorPoll(), payment_use::kStopValidatorPoll);
-        link.acknowledge(poll.reply);
-        link.sendAck();
-        link.settle();
+    settleAcceptance();
+    if (c.checked("billValidatorEnabled") && !st.bvNeedsInit) {
+        resetValidator(mdb::payment_use::kStopValidatorReset, false);
     }
-
-    if (c.checked("CoinAcceptorEnabled")) {
-        const Exchange reset = link.exchange(Command::whole(link.frames().caResetFrame),
-                                             payment_use::kStopChangerReset);
-        link.acknowledge(reset.reply);
-        m_setup.pause(kStopChangerResetSeconds);
-
-        st.tubesValue = 0;
-        const Exchange tubes =
-            link.exchange(commands::changerTubeStatus(), payment_use::kStopTubeStatus);
-        link.acknowledge(tubes.reply);
-        takeTubeStatus(tubes.reply);
+    if (c.checked("CoinAcceptorEnabled") && !st.pollTimedOut) {
+        resetChangerAndReadTubes();
         if (!st.tubesUsable) {
             // Without its cassette the changer cannot pay from the tubes: offer none.
-            for (int slot = 1; slot <= kTubeSlots; ++slot) {
-                m_setup.saveSetting(store::section::kCoinAcceptor, store::key::tubeCoinQty(slot),
-                                    "0");
-                c.setText(Console::tubeCoinQty(slot), "0");
-            }
-            m_setup.writeMailbox(store::mailbox::kTubes, "0");
-            c.setText("tubesAmount", "0");
+            mdb::publishNoTubes(m_setup);
         }
     }
 
-    if (st.cancelKeepsCredit == 0 && st.creditAmount > 0) {
+    Money change;
+    const Money refund = st.cancelKeepsCredit == 0 ? st.creditAmount : Money();
+    if (refund.positive()) {
         // The inserted money goes back; what cannot be paid shows in ChangeDispensed.
-        double refund = st.creditAmount;
-        DispenseChange(refund);
+        change = DispenseChange(refund);
     }
+    // The "keep the credit" cancel was for this payment only.
+    st.cancelKeepsCredit = 0;
 
-    st.amountDue = 0;
-    m_setup.writeMailbox(store::mailbox::kDue, numberText(st.amountDue));
+    st.amountDue = Money();
+    m_setup.writeMailbox(store::mailbox::kDue, st.amountDue.text());
     c.setText("enablePayment", "Pay");
     c.setText("dueDisplay", "");
     c.setText("creditDisplay", "$0.00");
-    st.creditAmount = 0;
-    m_setup.writeMailbox(store::mailbox::kCredit, numberText(st.creditAmount));
+    endPaymentRecord("Transaction Cancelled", change, refund - change);
+    st.creditAmount = Money();
+    m_setup.writeMailbox(store::mailbox::kCredit, st.creditAmount.text());
 
     setStatus("Transaction Cancelled");
-    m_setup.pause(kMessageSeconds);
+    if (!m_setup.interrupted()) {
+        m_setup.pause(kMessageSeconds);
+    }
     c.setText("statusDisplay", "");
     c.setEnabled("SSTab1", true);
 }

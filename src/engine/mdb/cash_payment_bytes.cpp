@@ -7,7 +7,7 @@ namespace kestrix::mdb::payment {
 std::string flagDigits(const Console& console, std::string (*name)(int), int from, int to) {
     std::string digits;
     for (int n = from; n >= to; --n) {
-        digits += std::to_string(console.value(name(n)));
+        digits += console.value(name(n)) != 0 ? '1' : '0';
     }
     return digits;
 }
@@ -37,47 +37,6 @@ std::string commandWords(std::uint8_t command, const int (&data)[4], int check) 
     }
     words += word(wireByte(check), kModeData);
     return words;
-}
-
-std::optional<std::string> firstByteBinary(const Reply& reply) {
-    const std::string hex = reply.hex(1);
-    if (hex.size() != 2) {
-        return std::nullopt;
-    }
-    // Garbage on the line is no byte: it cannot be written in binary, and it is no coin or bill.
-    const double value = hexValue(hex);
-    if (value < 0 || value > 255) {
-        return std::nullopt;
-    }
-    return ConvertDecToBaseN(value, 2);
-}
-
-std::optional<int> depositedCoinType(const Reply& reply) {
-    std::optional<std::string> digits = firstByteBinary(reply);
-    if (!digits) {
-        return std::nullopt;
-    }
-    if (digits->size() == 7) {
-        *digits = "0" + *digits;
-    }
-    // 01yyxxxx: coin deposited, routing yy, MDB coin type xxxx (console coin type xxxx + 1).
-    const std::string routing = digits->size() >= 4 ? digits->substr(2, 2) : std::string();
-    if (digits->starts_with("01") && (routing == "00" || routing == "01")) {
-        return baseTwo(digits->substr(digits->size() - 4)) + 1;
-    }
-    return std::nullopt;
-}
-
-std::optional<int> stackedBillType(const Reply& reply) {
-    const std::optional<std::string> digits = firstByteBinary(reply);
-    // 1000xxxx: bill stacked, MDB bill type xxxx. The digits are taken as written, without
-    // leading zeros, so the status byte 08h ("1000") must be kept out by name; only a full
-    // eight-digit byte is a routing report, since 10h, 20h and 40h-47h ("10000", "100000",
-    // "1000000"...) are statuses and counters that would otherwise read as stacked bills.
-    if (!digits || digits->size() != 8 || !digits->starts_with("1000") || *digits == "1000") {
-        return std::nullopt;
-    }
-    return baseTwo(digits->substr(digits->size() - 4)) + 1;
 }
 
 }  // namespace kestrix::mdb::payment

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,8 +12,9 @@
 // bytes read through their binary digits.
 namespace kestrix::mdb::payment {
 
-// The check box values of a family from `from` down to `to`, as digits ("0"/"1" each): the
-// first box named is the most significant bit.
+// The check box values of a family from `from` down to `to`, as binary digits: the first box
+// named is the most significant bit. A box is one bit whatever its state: a grey box (value 2)
+// is set, and never carries into the next bit.
 std::string flagDigits(const Console& console, std::string (*name)(int), int from, int to);
 
 // Binary digit text as a number.
@@ -29,16 +29,5 @@ std::uint8_t wireByte(int value);
 
 // The address word, then each data byte and the check byte as their own words.
 std::string commandWords(std::uint8_t command, const int (&data)[4], int check);
-
-// The first byte of a reply in binary digits, without leading zeros ("1000000" for 40h); none when
-// the reply has no first byte or its characters are not a byte.
-std::optional<std::string> firstByteBinary(const Reply& reply);
-
-// The coin type (1..16) a changer POLL reply's first byte deposits: routing 00 (cash box) or
-// 01 (tube). None for anything else.
-std::optional<int> depositedCoinType(const Reply& reply);
-
-// The bill type (1..16) a validator POLL reply's first byte reports stacked (80h..8Fh).
-std::optional<int> stackedBillType(const Reply& reply);
 
 }  // namespace kestrix::mdb::payment

@@ -12,6 +12,8 @@
 #include "../settings/layout.h"
 #include "../setup.h"
 #include "link.h"
+#include "payment_uses.h"
+#include "tubes.h"
 
 namespace kestrix {
 
@@ -82,11 +84,11 @@ std::string decimalOf(const std::string& hexText) {
 }
 
 // A coin credit in money: the changer reports coin values in units of its scaling factor.
-double coinMoney(double credit, double scalingFactor) {
+Money coinMoney(double credit, double scalingFactor) {
     if (scalingFactor == 0) {
         throw KsxError(11, "Division by zero");
     }
-    return credit / scalingFactor;
+    return Money::fromDouble(credit / scalingFactor).value_or(Money());
 }
 
 // A byte as eight binary digits (more for a garbled byte that reads above 255).
@@ -110,15 +112,15 @@ void fillChangerSetup(Setup& s, const mdb::Reply& r) {
     const double scaling = leadingNumber(c.text("caScalingFactor"));
     for (int i = 1; i <= kCoinTypes; ++i) {
         // Credits are bytes 8 to 23; dividing by the scaling factor gives the money value.
-        const double value = coinMoney(r.number(7 + i), scaling);
-        c.setText(Console::ctValue(i), numberText(value));
+        const Money value = coinMoney(r.number(7 + i), scaling);
+        c.setText(Console::ctValue(i), value.text());
         st.coinValue[static_cast<std::size_t>(i)] = value;
     }
 
     // Tube slots: bytes 6 and 7 are the coin type routing (bit n set: MDB coin type n can go to a
     // tube). The routed coin types take the five slots in order.
     const std::string mask = binaryByte(r.number(6)) + binaryByte(r.number(7));
-    st.tubeSlotCoin.fill(0);
+    st.tubeSlotCoin.fill(Money());
     int slot = 0;
     for (int type = 1; type <= kCoinTypes && slot < kTubeSlots; ++type) {
         const std::size_t fromRight = static_cast<std::size_t>(type);
@@ -129,37 +131,10 @@ void fillChangerSetup(Setup& s, const mdb::Reply& r) {
         }
     }
     for (int n = 1; n <= kTubeSlots; ++n) {
-        const std::string value = numberText(st.tubeSlotCoin[static_cast<std::size_t>(n)]);
+        const std::string value = st.tubeSlotCoin[static_cast<std::size_t>(n)].text();
         c.setText(Console::tubeCoinType(n), value);
         s.saveSetting(store::section::kCoinAcceptor, store::key::tubeCoinType(n), value);
     }
-}
-
-void fillTubeStatus(Setup& s, const mdb::Reply& r) {
-    Console& c = s.console();
-    EngineState& st = s.state();
-    // Bytes 1 and 2 are the tube-full flags; the counts follow, one byte per coin type.
-    for (std::size_t k = 1; k <= kCoinTypes; ++k) {
-        st.tubeCount[k] = static_cast<int>(r.number(static_cast<int>(k) + 2));
-    }
-    // A slot shows the count of every coin type of its value; of two equal values the higher
-    // coin type is written last.
-    for (std::size_t k = 1; k <= kCoinTypes; ++k) {
-        for (int n = 1; n <= kTubeSlots; ++n) {
-            if (st.tubeSlotCoin[static_cast<std::size_t>(n)] == st.coinValue[k]) {
-                const std::string count = std::to_string(st.tubeCount[k]);
-                c.setText(Console::tubeCoinQty(n), count);
-                s.saveSetting(store::section::kCoinAcceptor, store::key::tubeCoinQty(n), count);
-            }
-        }
-    }
-    for (std::size_t k = 1; k <= kCoinTypes; ++k) {
-        st.tubesValue = static_cast<float>(static_cast<double>(st.tubesValue) +
-                                           st.tubeCount[k] * st.coinValue[k]);
-    }
-    const std::string tubes = singleText(st.tubesValue);
-    c.setText("tubesAmount", tubes);
-    s.writeMailbox(store::mailbox::kTubes, tubes);
 }
 
 // False when the changer does not answer its RESET.
@@ -175,30 +150,43 @@ bool initChanger(Setup& s) {
     }
     link.acknowledge(reset.reply);
     link.settle();
+    // The changer's "I was reset" report is taken at once, so it never stands in front of a
+    // coin in a later reply.
+    const mdb::Exchange poll =
+        link.exchange(mdb::Command::whole(f.caPollFrame), mdb::payment_use::kChangerPollAfterReset);
+    if (poll.answered && poll.reply.message() && !poll.reply.isBareAck()) {
+        link.sendAck();
+    }
 
+    // The commands after the RESET are trusted to be answered, within their attempts: a changer
+    // that answers its RESET and then nothing is absent all the same.
     const mdb::Exchange setup =
-        link.exchange(mdb::Command::whole(f.caSetupFrame), mdb::use::kChangerSetup);
+        link.exchange(mdb::Command::whole(f.caSetupFrame), mdb::use::kChangerSetup, mdb::readable);
+    if (!setup.answered) {
+        return false;
+    }
     link.acknowledge(setup.reply);
-    fillChangerSetup(s, setup.reply);
+    fillChangerSetup(s, setup.reply.data());
 
-    const mdb::Exchange id =
-        link.exchange(mdb::commands::changerIdentification(), mdb::use::kChangerIdentification);
+    const mdb::Exchange id = link.exchange(mdb::commands::changerIdentification(),
+                                           mdb::use::kChangerIdentification, mdb::readable);
+    if (!id.answered) {
+        return false;
+    }
     link.acknowledge(id.reply);
-    c.setText("caManufacturer", id.reply.characters(1, 3));
-    c.setText("caSerialNumber", id.reply.characters(4, 15));
-    c.setText("caModelNumber", id.reply.characters(16, 27));
+    const mdb::Reply idData = id.reply.data(true);
+    c.setText("caManufacturer", idData.characters(1, 3));
+    c.setText("caSerialNumber", idData.characters(4, 15));
+    c.setText("caModelNumber", idData.characters(16, 27));
 
     // Right after a reset the changer may answer TUBE STATUS with a bare acknowledgement: ask
     // again until the counts come.
-    mdb::Reply tubes;
-    do {
-        s.state().tubesValue = 0;
-        const mdb::Exchange ex =
-            link.exchange(mdb::commands::changerTubeStatus(), mdb::use::kChangerTubeStatus);
-        link.acknowledge(ex.reply);
-        tubes = ex.reply;
-    } while (tubes.size() < mdb::kTubeStatusMinChars);
-    fillTubeStatus(s, tubes);
+    const std::optional<mdb::TubeCounts> tubes =
+        mdb::readTubeStatus(s, mdb::use::kChangerTubeStatus, mdb::kDeviceAttempts);
+    if (!tubes) {
+        return false;
+    }
+    mdb::publishTubes(s, *tubes);
     return true;
 }
 
@@ -220,17 +208,22 @@ bool initValidator(Setup& s) {
 
     // The first poll collects the validator's report that it has just been reset; it is
     // acknowledged whatever it holds.
-    link.exchange(mdb::commands::validatorPoll(), mdb::use::kValidatorPoll);
+    if (!link.exchange(mdb::commands::validatorPoll(), mdb::use::kValidatorPoll).answered) {
+        return false;
+    }
     link.sendAck();
     c.BlinkTx();
     link.settle();
 
     const mdb::Exchange setup =
-        link.exchange(mdb::commands::validatorSetup(), mdb::use::kValidatorSetup);
+        link.exchange(mdb::commands::validatorSetup(), mdb::use::kValidatorSetup, mdb::readable);
+    if (!setup.answered) {
+        return false;
+    }
     link.acknowledge(setup.reply);
     c.BlinkTx();
     link.settle();
-    const mdb::Reply& r = setup.reply;
+    const mdb::Reply r = setup.reply.data();
     c.setText("bvFeatureLevel", r.hex(1));
     c.setText("bvCountryCode", r.hexJoined(2, 3));
     c.setText("bvScalingFactor", decimalOf(r.hexJoined(4, 5)));
@@ -242,16 +235,19 @@ bool initValidator(Setup& s) {
     c.setText("bvSecurityLevels", r.hexJoined(8, 9) + "H");
     c.setText("bvEscrowCapability", r.hex(10) == "ff" ? "YES" : "NO");
 
-    const mdb::Exchange id =
-        link.exchange(mdb::commands::validatorIdentification(), mdb::use::kValidatorIdentification);
+    const mdb::Exchange id = link.exchange(mdb::commands::validatorIdentification(),
+                                           mdb::use::kValidatorIdentification, mdb::readable);
+    if (!id.answered) {
+        return false;
+    }
     link.acknowledge(id.reply);
     c.BlinkTx();
     link.settle();
-    c.setText("bvManufacturer", id.reply.characters(1, 3));
-    c.setText("bvSerialNumber", id.reply.characters(4, 15));
-    c.setText("bvModelNumber", id.reply.characters(16, 27));
-    c.setText("bvSoftwareVersion",
-              id.reply.decimal(28) + id.reply.decimal(29) + id.reply.decimal(30));
+    const mdb::Reply idData = id.reply.data(true);
+    c.setText("bvManufacturer", idData.characters(1, 3));
+    c.setText("bvSerialNumber", idData.characters(4, 15));
+    c.setText("bvModelNumber", idData.characters(16, 27));
+    c.setText("bvSoftwareVersion", idData.decimal(28) + idData.decimal(29) + idData.decimal(30));
     return true;
 }
 
@@ -259,7 +255,9 @@ bool initValidator(Setup& s) {
 
 void Setup::InitEquipment() {
     Console& c = m_console;
-    try {
+    // Initialisation starts every device afresh: one that failed before is trusted again.
+    m_state.changerFailed = false;
+    const bool ok = trapped([&] {
         writeMailbox(store::mailbox::kKsxError, "0");
         clearDisplays(c);
 
@@ -305,13 +303,14 @@ void Setup::InitEquipment() {
             m_platform.messageBox.show(std::string(kNoValidatorMessage),
                                        std::string(kMessageTitle));
         }
-    } catch (const std::exception&) {
+    });
+    if (!ok) {
         // In practice a port that cannot be opened or has gone: nothing after it is initialised.
-        try {
-            writeMailbox(store::mailbox::kKsxError, "1");
-        } catch (const std::exception&) {
-            // The operator still has to hear about the port.
-        }
+        writeMailbox(store::mailbox::kKsxError, "1");
+        m_platform.log.error(m_state.portName +
+                                 ": port error; the devices after it are not "
+                                 "initialised",
+                             {m_state.portName, 0});
         m_platform.messageBox.show(m_state.portName + std::string(kPortErrorSuffix),
                                    std::string(kMessageTitle));
     }

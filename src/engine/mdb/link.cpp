@@ -1,7 +1,9 @@
 #include "link.h"
 
 #include <array>
+#include <cstdio>
 
+#include "../errors.h"
 #include "../formulas.h"
 #include "../setup.h"
 
@@ -148,11 +150,9 @@ std::string Reply::decimal(int k) const {
 
 std::string Reply::character(int k) const {
     const std::string h = hex(k);
-    if (h.empty()) {
-        return {};
-    }
-    const double code = hexValue(h);
-    if (code < 0 || code > 255) {
+    double code = -1;
+    // Garbage (no hexadecimal byte) shows as nothing.
+    if (h.empty() || !trapped([&] { code = hexValue(h); }) || code < 0 || code > 255) {
         return {};
     }
     return std::string(1, static_cast<char>(static_cast<unsigned char>(code)));
@@ -164,6 +164,77 @@ std::string Reply::characters(int first, int last) const {
         text += character(k);
     }
     return text;
+}
+
+namespace {
+
+int hexDigit(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+}  // namespace
+
+std::optional<std::vector<std::uint8_t>> Reply::message() const {
+    constexpr std::uint8_t kNak = 0xFF;
+    std::vector<std::uint8_t> bytes;
+    std::size_t at = 0;
+    while (at + kCharsPerByte <= m_text.size()) {
+        const int d1 = hexDigit(m_text[at]);
+        const int d2 = hexDigit(m_text[at + 1]);
+        const std::string_view mode(m_text.data() + at + 2, 2);
+        if (d1 < 0 || d2 < 0 || m_text[at + 4] != ' ' || (mode != "00" && mode != "01")) {
+            // Junk a noisy adapter put between words is passed over; a word it damaged leaves
+            // the check byte wrong, and the message is refused below.
+            ++at;
+            continue;
+        }
+        bytes.push_back(static_cast<std::uint8_t>(d1 * 16 + d2));
+        at += kCharsPerByte;
+        if (mode == "01") {
+            if (bytes.size() == 1) {
+                // A lone word with the mode bit: ACK (00h) or NAK (FFh), no check byte.
+                if (bytes[0] == 0x00) {
+                    return std::vector<std::uint8_t>{};
+                }
+                if (bytes[0] == kNak) {
+                    return std::nullopt;
+                }
+            }
+            const std::uint8_t check = bytes.back();
+            bytes.pop_back();
+            if (checkByte(bytes) != check) {
+                return std::nullopt;
+            }
+            return bytes;
+        }
+    }
+    return std::nullopt;
+}
+
+Reply Reply::data(bool withCheckByte) const {
+    std::optional<std::vector<std::uint8_t>> bytes = message();
+    if (!bytes) {
+        return *this;
+    }
+    if (withCheckByte) {
+        bytes->push_back(checkByte(*bytes));
+    }
+    std::string text;
+    char buf[8];
+    for (const std::uint8_t b : *bytes) {
+        std::snprintf(buf, sizeof buf, "%02x00 ", b);
+        text += buf;
+    }
+    return Reply(std::move(text));
 }
 
 void Reply::append(std::string_view more) {
@@ -182,6 +253,10 @@ void Reply::append(std::string_view more) {
 
 bool notNak(const Reply& reply) {
     return !reply.startsWith("ff");
+}
+
+bool readable(const Reply& reply) {
+    return reply.message().has_value();
 }
 
 // --- The use table -----------------------------------------------------------------------------
@@ -277,7 +352,8 @@ bool MdbLink::collectMore(mdb::Reply& reply, mdb::ReadLimit limit) {
         reply.append(port.read());
         console.BlinkRx();
         ++reply.m_reads;
-        if (limit.bounded() && reply.m_reads > limit.completeBy) {
+        // Past termination's deadline no wait goes on, whatever its limit.
+        if ((limit.bounded() && reply.m_reads > limit.completeBy) || m_setup.pastDeadline()) {
             reply.m_limitEnded = true;
             return false;
         }
@@ -322,7 +398,8 @@ mdb::Exchange MdbLink::exchange(const mdb::Command& command, const mdb::LinkUse&
         if (use.ackAfterUnanswered) {
             sendAck();
         }
-        if (use.attempts != mdb::kWithoutEnd && ex.attempts >= use.attempts) {
+        if ((use.attempts != mdb::kWithoutEnd && ex.attempts >= use.attempts) ||
+            m_setup.pastDeadline()) {
             return ex;
         }
         if (use.pauseBeforeResendSeconds > 0) {
@@ -343,6 +420,9 @@ void MdbLink::shutDownDevices() {
     if (console.checked("billValidatorEnabled")) {
         const mdb::Exchange reset =
             exchange(mdb::Command::whole(m_frames.bvResetFrame), mdb::use::kExitValidatorReset);
+        if (!reset.answered) {
+            return;  // a validator that does not answer its reset will not answer its POLL
+        }
         acknowledge(reset.reply);
         console.BlinkTx();
         settle();

@@ -147,6 +147,19 @@ public:
     // Bytes `first`..`last` as characters, joined.
     std::string characters(int first, int last) const;
 
+    // The reply's first message (its words up to the first one with the mode bit) as data bytes
+    // without the check byte, when every word of it is well formed ("hhmm " with mode 00 or 01)
+    // and its check byte is the sum of the other bytes; empty for a bare acknowledgement. None for
+    // a negative acknowledgement, an unfinished message, garbage or a wrong check byte: such a
+    // reply is not read for money, and not acknowledged, so the peripheral sends it again.
+    std::optional<std::vector<std::uint8_t>> message() const;
+    // The message's data bytes alone as reply text ("dd00 " each), for reading fields by
+    // position: they hold the device's data whatever junk the line added, and bytes past the
+    // data read as absent (no check byte is read as a coin's credit). The identification's
+    // displays keep the check byte where they have always shown it (`withCheckByte`). The reply
+    // itself when its message cannot be read.
+    Reply data(bool withCheckByte = false) const;
+
     // Complete, and within the read limit of the loop that collected it.
     bool answered() const { return !m_limitEnded && complete(); }
     // Reads the last collect loop made.
@@ -164,6 +177,9 @@ private:
 
 // A reply that does not begin with an MDB negative acknowledgement (data byte FFh).
 bool notNak(const Reply& reply);
+// A reply whose message can be read (well-formed words, a right check byte): what a reply that
+// money or coin values are read from must be; an unreadable one is asked for again.
+bool readable(const Reply& reply);
 
 // --- The use table -----------------------------------------------------------------------------
 
@@ -204,6 +220,9 @@ inline constexpr std::size_t kTubeStatusMinChars = 7;
 // The validator's commands at initialisation and in recovery that give up: the first try and
 // 300 more.
 inline constexpr int kValidatorAttempts = 301;
+// Sends of a command that the device is trusted to answer (it has just answered another) before
+// it counts as failed: no command is sent again without end.
+inline constexpr int kDeviceAttempts = 10;
 
 namespace use {
 // Equipment initialisation. The first command to each peripheral proves that it is there and is
@@ -217,26 +236,26 @@ inline constexpr LinkUse kChangerReset{.name = "Changer RESET",
                                        .whenExhausted = "coin changer declared absent"};
 inline constexpr LinkUse kChangerSetup{.name = "Changer SETUP",
                                        .waitBeforeReadSeconds = 0,
-                                       .limit = kNoReadLimit,
-                                       .attempts = 1,
-                                       .ackAfterUnanswered = false,
+                                       .limit = completeBy(500),
+                                       .attempts = kDeviceAttempts,
+                                       .ackAfterUnanswered = true,
                                        .pauseBeforeResendSeconds = 0,
-                                       .whenExhausted = "none: waits until complete"};
+                                       .whenExhausted = "coin changer declared absent"};
 inline constexpr LinkUse kChangerIdentification{.name = "Changer EXPANSION identification",
                                                 .waitBeforeReadSeconds = 0,
-                                                .limit = kNoReadLimit,
-                                                .attempts = 1,
-                                                .ackAfterUnanswered = false,
+                                                .limit = completeBy(500),
+                                                .attempts = kDeviceAttempts,
+                                                .ackAfterUnanswered = true,
                                                 .pauseBeforeResendSeconds = 0,
-                                                .whenExhausted = "none: waits until complete"};
+                                                .whenExhausted = "coin changer declared absent"};
 // Asked again, each time with its wait, until the reply is at least kTubeStatusMinChars long.
 inline constexpr LinkUse kChangerTubeStatus{.name = "Changer TUBE STATUS",
                                             .waitBeforeReadSeconds = 0.5,
-                                            .limit = kNoReadLimit,
-                                            .attempts = 1,
-                                            .ackAfterUnanswered = false,
+                                            .limit = completeBy(500),
+                                            .attempts = kDeviceAttempts,
+                                            .ackAfterUnanswered = true,
                                             .pauseBeforeResendSeconds = 0,
-                                            .whenExhausted = "none: waits until complete"};
+                                            .whenExhausted = "coin changer declared absent"};
 // 50 reads an attempt: the reply must be complete by the 49th, the 50th ends the attempt.
 inline constexpr LinkUse kValidatorReset{.name = "Validator RESET",
                                          .waitBeforeReadSeconds = 0.5,
@@ -248,24 +267,25 @@ inline constexpr LinkUse kValidatorReset{.name = "Validator RESET",
 inline constexpr LinkUse kValidatorPoll{.name = "Validator POLL",
                                         .waitBeforeReadSeconds = 0.5,
                                         .limit = completeBy(49),
-                                        .attempts = kWithoutEnd,
+                                        .attempts = kValidatorAttempts,
                                         .ackAfterUnanswered = true,
                                         .pauseBeforeResendSeconds = 0,
-                                        .whenExhausted = "none: sent again"};
+                                        .whenExhausted = "bill validator declared absent"};
 inline constexpr LinkUse kValidatorSetup{.name = "Validator SETUP",
                                          .waitBeforeReadSeconds = 0.5,
                                          .limit = completeBy(49),
-                                         .attempts = kWithoutEnd,
+                                         .attempts = kValidatorAttempts,
                                          .ackAfterUnanswered = true,
                                          .pauseBeforeResendSeconds = 0,
-                                         .whenExhausted = "none: sent again"};
-inline constexpr LinkUse kValidatorIdentification{.name = "Validator EXPANSION identification",
-                                                  .waitBeforeReadSeconds = 0.5,
-                                                  .limit = completeBy(49),
-                                                  .attempts = kWithoutEnd,
-                                                  .ackAfterUnanswered = true,
-                                                  .pauseBeforeResendSeconds = 0,
-                                                  .whenExhausted = "none: sent again"};
+                                         .whenExhausted = "bill validator declared absent"};
+inline constexpr LinkUse kValidatorIdentification{
+    .name = "Validator EXPANSION identification",
+    .waitBeforeReadSeconds = 0.5,
+    .limit = completeBy(49),
+    .attempts = kValidatorAttempts,
+    .ackAfterUnanswered = true,
+    .pauseBeforeResendSeconds = 0,
+    .whenExhausted = "bill validator declared absent"};
 
 // Bill validator recovery during a payment: each stage has its own attempts.
 inline constexpr LinkUse kRecoveryReset{
@@ -294,30 +314,29 @@ inline constexpr LinkUse kRecoveryBillType{
     .pauseBeforeResendSeconds = 0,
     .whenExhausted = "recovery gives up: equipment needs initialising"};
 
-// Exit. The validator RESET is sent again without end, deliberately: Exit waits until the
-// validator answers.
+// Exit. Every device gets a few tries, then the process ends all the same: an engine that
+// cannot end holds the kiosk's ports and ignores the service manager.
 inline constexpr LinkUse kExitChangerReset{.name = "Changer RESET at exit",
                                            .waitBeforeReadSeconds = 0,
-                                           .limit = kNoReadLimit,
-                                           .attempts = 1,
-                                           .ackAfterUnanswered = false,
+                                           .limit = completeBy(200),
+                                           .attempts = 5,
+                                           .ackAfterUnanswered = true,
                                            .pauseBeforeResendSeconds = 0,
-                                           .whenExhausted = "none: waits until complete"};
-// Sent again after more than 200 reads without the answer.
+                                           .whenExhausted = "left as it is: the process ends"};
 inline constexpr LinkUse kExitValidatorReset{.name = "Validator RESET at exit",
                                              .waitBeforeReadSeconds = 0,
                                              .limit = completeBy(200),
-                                             .attempts = kWithoutEnd,
+                                             .attempts = 5,
                                              .ackAfterUnanswered = true,
                                              .pauseBeforeResendSeconds = 0,
-                                             .whenExhausted = "none: sent again"};
+                                             .whenExhausted = "left as it is: the process ends"};
 inline constexpr LinkUse kExitValidatorPoll{.name = "Validator POLL at exit",
                                             .waitBeforeReadSeconds = 0,
-                                            .limit = kNoReadLimit,
-                                            .attempts = 1,
-                                            .ackAfterUnanswered = false,
+                                            .limit = completeBy(200),
+                                            .attempts = 3,
+                                            .ackAfterUnanswered = true,
                                             .pauseBeforeResendSeconds = 0,
-                                            .whenExhausted = "none: waits until complete"};
+                                            .whenExhausted = "left as it is: the process ends"};
 }  // namespace use
 
 // Every row above, for listings and checks.

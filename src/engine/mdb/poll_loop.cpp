@@ -1,13 +1,15 @@
 // The poll tick of a running cash payment: one poll of the coin changer and one of the bill
 // validator, the credit for every coin deposited and bill stacked, and the payment's completion.
 
+#include "../bounds.h"
+#include "../errors.h"
 #include "../formulas.h"
 #include "../settings/layout.h"
 #include "../setup.h"
 #include "cash_payment.h"
-#include "cash_payment_bytes.h"
 #include "link.h"
 #include "payment_uses.h"
+#include "tubes.h"
 
 namespace kestrix {
 
@@ -16,14 +18,8 @@ namespace {
 // "CCD" validators want their POLL paced differently and an extra acknowledgement.
 constexpr std::string_view kCcdManufacturer = "CCD";
 constexpr double kValidatorPaceSeconds = 0.1;
-// The changer's "I was reset" status byte alone.
-constexpr std::string_view kChangerResetStatus = "0b00 0b01 ";
-// A validator reply of at most this many characters holds a single status byte.
-constexpr std::size_t kStatusReplyMaxChars = 10;
-// A tube status reply is longer than a bare acknowledgement ("0001 ").
-constexpr std::size_t kAckOnlyMaxChars = 6;
-constexpr std::string_view kBareAck = "0001 ";
 constexpr double kMessageSeconds = 1.0;
+constexpr double kSecondsPerDay = 86400.0;
 
 }  // namespace
 
@@ -31,27 +27,46 @@ void CashPayment::pollTimer_Timer() {
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
     m_talkingToChanger = true;
-    try {
+    m_setup.storeWriter().retry();
+    const bool ok = trapped([&] {
         st.pollTimedOut = false;
         st.bvNeedsInit = false;
         bool ended = false;
         if (c.checked("CoinAcceptorEnabled")) {
-            ended = !pollChanger();
+            const Poll p = pollChanger(mdb::payment_use::kTickChangerPoll);
+            if (p == Poll::Unreadable && ++m_unreadablePolls >= bounds::kUnreadablePolls) {
+                m_setup.log().error("coin changer: its replies cannot be read; payment ended",
+                                    {"changer", st.paymentId});
+                st.pollTimedOut = true;
+            } else if (p != Poll::Unreadable) {
+                m_unreadablePolls = 0;
+            }
+            if (p == Poll::Silent) {
+                m_setup.log().error("coin changer: no answer to POLL; payment ended",
+                                    {"changer", st.paymentId});
+                st.pollTimedOut = true;
+            }
+            ended = st.pollTimedOut;
         }
         if (!ended && c.checked("billValidatorEnabled")) {
             m_talkingToChanger = false;
-            ended = !pollValidator();
+            const ValidatorTick v = pollValidatorInTick();
+            if (v == ValidatorTick::GaveWayToCancel) {
+                return;  // the monitor stops the payment on its next tick
+            }
+            ended = v == ValidatorTick::Failed;
         }
         if (!ended) {
-            c.setText("dueDisplay", "Amount Due: " + currencyText(st.amountDue));
-            m_setup.writeMailbox(store::mailbox::kDue, numberText(st.amountDue));
+            c.setText("dueDisplay", "Amount Due: " + st.amountDue.currency());
+            m_setup.writeMailbox(store::mailbox::kDue, st.amountDue.text());
             setStatus("Insert Coins or Bills...");
-            if (st.amountDue - st.creditAmount > 0) {
+            if (st.amountDue > st.creditAmount) {
                 return;
             }
         }
         completePayment();
-    } catch (const std::exception&) {
+    });
+    if (!ok) {
         // A run-time error in the tick (in practice the MDB port has gone): the payment ends as a
         // device failure of the device being talked to, with the credit left published, and the
         // next start initialises the equipment again.
@@ -60,42 +75,80 @@ void CashPayment::pollTimer_Timer() {
         } else {
             st.bvNeedsInit = true;
         }
+        m_setup.writeMailbox(store::mailbox::kKsxError, "1");
         abandonPayment(m_talkingToChanger ? "Error: Coin Acceptor" : "Error: Bill Validator");
     }
 }
 
-bool CashPayment::pollChanger() {
+CashPayment::Poll CashPayment::pollChanger(const mdb::LinkUse& use) {
     using namespace mdb;
-    Console& c = m_setup.console();
-    EngineState& st = m_setup.state();
     MdbLink& link = m_setup.link();
-
-    link.send(link.frames().caPollFrame);
-    const Reply reply = link.collect(payment_use::kTickChangerPoll.limit);
-    if (!reply.answered()) {
-        st.pollTimedOut = true;
-        return false;
+    const Exchange ex = link.exchange(Command::whole(link.frames().caPollFrame), use);
+    if (!ex.answered) {
+        return Poll::Silent;
     }
-    // A bare acknowledgement ("nothing to report") is not acknowledged here.
-    if (reply.endsComplete() && !reply.isBareAck()) {
+    const std::optional<std::vector<std::uint8_t>> data = ex.reply.message();
+    if (!data) {
+        // Garbage or a wrong check byte: not acknowledged, so the changer sends it again.
+        m_setup.log().debug("coin changer: unreadable POLL reply \"" +
+                            ex.reply.text().substr(0, 60) + "\"");
+        return Poll::Unreadable;
+    }
+    // A bare acknowledgement ("nothing to report") is not acknowledged.
+    if (!data->empty()) {
         link.sendAck();
     }
-    c.BlinkTx();
-
-    if (reply.text() == kChangerResetStatus || reply.isBareAck()) {
-        return true;
-    }
-    // Only the first event of a reply is looked at; the rest (coins paid out by hand, status
-    // bytes, a second event) are left alone.
-    if (const std::optional<int> type = payment::depositedCoinType(reply)) {
-        st.creditAmount += st.coinValue[static_cast<std::size_t>(*type)];
-        c.setText("creditDisplay", currencyText(st.creditAmount));
-        m_setup.writeMailbox(store::mailbox::kCredit, numberText(st.creditAmount));
-    }
-    return true;
+    m_setup.console().BlinkTx();
+    const std::vector<ChangerEvent> events = changerEvents(*data);
+    creditChanger(events);
+    return active(events) ? Poll::Active : Poll::Quiet;
 }
 
-bool CashPayment::pollValidator() {
+void CashPayment::creditChanger(const std::vector<mdb::ChangerEvent>& events) {
+    EngineState& st = m_setup.state();
+    bool credited = false;
+    for (const mdb::ChangerEvent& e : events) {
+        if (e.kind != mdb::ChangerEvent::Kind::CoinDeposited) {
+            if (e.kind == mdb::ChangerEvent::Kind::ManualPayout) {
+                m_setup.log().notice("coin changer: " + std::to_string(e.count) +
+                                         " coins of type " + std::to_string(e.coinType) +
+                                         " paid out by hand",
+                                     {"changer", st.paymentId});
+            }
+            continue;
+        }
+        const Money value = st.coinValue[static_cast<std::size_t>(e.coinType)];
+        if (st.amountDue.isZero() || !value.positive()) {
+            // Money taken in with no payment to credit it to, or of a type without a value: the
+            // journal explains it.
+            m_setup.journal({.kind = journal_kind::kUncredited,
+                             .device = "changer",
+                             .amount = value,
+                             .type = e.coinType,
+                             .raw = e.raw,
+                             .detail = "coin outside a payment or of unknown value"});
+            continue;
+        }
+        m_setup.journal({.kind = journal_kind::kCredit,
+                         .device = "changer",
+                         .amount = value,
+                         .type = e.coinType,
+                         .raw = e.raw});
+        st.creditAmount += value;
+        credited = true;
+    }
+    if (credited) {
+        publishCredit();
+    }
+}
+
+void CashPayment::publishCredit() {
+    EngineState& st = m_setup.state();
+    m_setup.console().setText("creditDisplay", st.creditAmount.currency());
+    m_setup.writeMailbox(store::mailbox::kCredit, st.creditAmount.text());
+}
+
+CashPayment::ValidatorTick CashPayment::pollValidatorInTick() {
     using namespace mdb;
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
@@ -103,6 +156,7 @@ bool CashPayment::pollValidator() {
     const bool ccd = c.text("bvManufacturer") == kCcdManufacturer;
 
     Reply reply;
+    int ccdMisses = 0;
     for (;;) {
         m_setup.pause(kValidatorPaceSeconds);
         link.write(commands::validatorPoll());
@@ -113,125 +167,164 @@ bool CashPayment::pollValidator() {
         if (reply.answered()) {
             break;
         }
-        if (ccd) {
+        if (ccd && ++ccdMisses < bounds::kCcdPollAttempts && !m_setup.interrupted()) {
             continue;  // "CCD" validators are simply polled again
         }
+        m_setup.log().warning("bill validator: no answer to POLL; recovering it",
+                              {"validator", st.paymentId});
         bvRecovery();
         if (st.bvNeedsInit) {
-            return false;
+            if (cancelRequested()) {
+                // Recovery gave way to a cancel: the monitor stops the payment (and the next
+                // start initialises the validator).
+                return ValidatorTick::GaveWayToCancel;
+            }
+            m_setup.log().error("bill validator: recovery failed; payment ended",
+                                {"validator", st.paymentId});
+            return ValidatorTick::Failed;
         }
-        // The validator is back, but the POLL that went unanswered never will be: it has been
-        // reset since. Reading on would only run recovery after recovery; what is read is the
-        // recovery's last answer, a bare acknowledgement, so this poll reports nothing and the
-        // next tick polls afresh (and a validator that misses replies now and then cannot hold
-        // the tick for ever).
-        reply = Reply();
-        break;
+        // The validator is back and its POLL was taken by the recovery; this tick reports
+        // nothing more.
+        return ValidatorTick::Ok;
     }
     c.BlinkTx();
 
-    Clock& clock = m_setup.platform().clock;
-    if (st.lastBillTime > clock.secondsSinceMidnight()) {
-        st.lastBillTime = clock.secondsSinceMidnight();  // midnight has passed
-    }
-
-    const std::optional<int> stacked = payment::stackedBillType(reply);
-    // A single status byte. (A lone "bill stacked" event with its check byte is as short, but it
-    // is money and is read as the data it is.)
-    if (reply.size() <= kStatusReplyMaxChars && !stacked) {
-        if (reply.endsComplete() && !reply.isBareAck()) {
+    const std::optional<std::vector<std::uint8_t>> data = reply.message();
+    // Unreadable: not acknowledged, so the validator sends it again. Empty: nothing to report.
+    if (data && !data->empty()) {
+        if (ccd) {
             link.sendAck();
+            c.BlinkTx();
         }
-        return true;
-    }
-    if (ccd) {
+        creditValidator(validatorEvents(*data));
         link.sendAck();
         c.BlinkTx();
     }
-    const double now = clock.secondsSinceMidnight();
-    // The same bill reported twice within the guard time is credited once.
-    if (stacked && now - st.lastBillTime > kBillRepeatGuardSeconds) {
-        st.creditAmount += st.billValue[static_cast<std::size_t>(*stacked)];
-        st.lastBillTime = now;
+    return ValidatorTick::Ok;
+}
+
+CashPayment::Poll CashPayment::pollValidator(const mdb::LinkUse& use) {
+    using namespace mdb;
+    MdbLink& link = m_setup.link();
+    const Exchange ex = link.exchange(commands::validatorPoll(), use);
+    if (!ex.answered) {
+        return Poll::Silent;
     }
-    c.setText("creditDisplay", currencyText(st.creditAmount));
-    m_setup.writeMailbox(store::mailbox::kCredit, numberText(st.creditAmount));
-    link.sendAck();
-    c.BlinkTx();
-    return true;
+    const std::optional<std::vector<std::uint8_t>> data = ex.reply.message();
+    if (!data) {
+        return Poll::Unreadable;
+    }
+    if (!data->empty()) {
+        link.sendAck();
+    }
+    const std::vector<ValidatorEvent> events = validatorEvents(*data);
+    creditValidator(events);
+    return active(events) ? Poll::Active : Poll::Quiet;
+}
+
+void CashPayment::creditValidator(const std::vector<mdb::ValidatorEvent>& events) {
+    EngineState& st = m_setup.state();
+    Clock& clock = m_setup.platform().clock;
+    bool credited = false;
+    for (const mdb::ValidatorEvent& e : events) {
+        if (e.kind != mdb::ValidatorEvent::Kind::BillStacked) {
+            continue;
+        }
+        const Money value = st.billValue[static_cast<std::size_t>(e.billType)];
+        const double now = clock.secondsSinceMidnight();
+        double since = kBillRepeatGuardSeconds + 1;
+        if (st.lastBillTime) {
+            since = now - *st.lastBillTime;
+            if (since < 0) {
+                since += kSecondsPerDay;  // midnight has passed since the last bill
+            }
+        }
+        // The same bill reported twice within the guard time is credited once; only the
+        // payment's own last bill counts, so an earlier payment's (or yesterday's) never hides
+        // a genuine one.
+        const bool repeat = since <= kBillRepeatGuardSeconds;
+        if (repeat || st.amountDue.isZero() || !value.positive()) {
+            m_setup.journal({.kind = journal_kind::kUncredited,
+                             .device = "validator",
+                             .amount = value,
+                             .type = e.billType,
+                             .raw = e.raw,
+                             .detail = repeat ? "stacked report within the repeat guard"
+                                              : "bill outside a payment or of unknown value"});
+            m_setup.log().warning("bill validator: stacked bill of type " +
+                                      std::to_string(e.billType) + " not credited (" +
+                                      (repeat ? "reported again within " : "no payment, ") +
+                                      (repeat ? "2 s)" : "or no value)"),
+                                  {"validator", st.paymentId});
+            continue;
+        }
+        m_setup.journal({.kind = journal_kind::kCredit,
+                         .device = "validator",
+                         .amount = value,
+                         .type = e.billType,
+                         .raw = e.raw});
+        st.creditAmount += value;
+        st.lastBillTime = now;
+        credited = true;
+    }
+    if (credited) {
+        publishCredit();
+    }
 }
 
 void CashPayment::completePayment() {
-    using namespace mdb;
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
-    MdbLink& link = m_setup.link();
 
     m_setup.pollTimer().setEnabled(false);
+    // A coin or bill that arrives while the payment completes is credited (and paid back as
+    // change) instead of being dropped by the resets.
+    settleAcceptance();
+    // A device that failed in the payment (or while settling) decides the status; one that
+    // misses its reset from here on is only initialised again at the next start.
+    const bool changerFailed = st.pollTimedOut;
+    const bool validatorFailed = st.bvNeedsInit;
 
-    if (c.checked("billValidatorEnabled")) {
+    if (c.checked("billValidatorEnabled") && !validatorFailed) {
         m_talkingToChanger = false;
         // Here "CCD" validators get the extra pause, the other way round from the tick.
-        if (c.text("bvManufacturer") == kCcdManufacturer) {
-            m_setup.pause(kValidatorPaceSeconds);
-        }
-        const Exchange reset =
-            link.exchange(commands::validatorReset(), payment_use::kEndValidatorReset);
-        // After three unanswered RESETs the validator is left as it is: a POLL without a read
-        // limit would wait for it for ever.
-        if (reset.answered) {
-            link.acknowledge(reset.reply);
-            link.settle();
-            link.exchange(commands::validatorPoll(), payment_use::kEndValidatorPoll);
-            link.sendAck();
-            link.settle();
-        }
+        resetValidator(mdb::payment_use::kEndValidatorReset,
+                       c.text("bvManufacturer") == kCcdManufacturer);
     }
-
-    if (c.checked("CoinAcceptorEnabled") && !st.pollTimedOut) {
+    if (c.checked("CoinAcceptorEnabled") && !changerFailed) {
         m_talkingToChanger = true;
-        const Exchange reset = link.exchange(Command::whole(link.frames().caResetFrame),
-                                             payment_use::kEndChangerReset);
-        link.acknowledge(reset.reply);
-        Reply tubes;
-        do {
-            m_setup.pause(kSettleSeconds);
-            st.tubesValue = 0;
-            const Exchange ex =
-                link.exchange(commands::changerTubeStatus(), payment_use::kEndTubeStatus);
-            tubes = ex.reply;
-            if (!ex.answered) {
-                break;  // the acknowledgement has been sent; the counts are read from what came
-            }
-            link.acknowledge(tubes);
-        } while (tubes.size() <= kAckOnlyMaxChars);
-        if (tubes.startsWith(kBareAck)) {
-            tubes = Reply(tubes.text().substr(kBareAck.size()));
-        }
-        takeTubeStatus(tubes);
+        resetChangerAndReadTubes();
     }
 
-    // No change after a changer time-out: the changer cannot be trusted to pay.
-    if (!st.pollTimedOut && st.creditAmount - st.amountDue > 0) {
-        double change = st.creditAmount - st.amountDue;
-        DispenseChange(change);
+    // No change after a changer failure in the payment: the changer cannot be trusted to pay.
+    Money change;
+    Money owed;
+    if (!changerFailed && st.creditAmount > st.amountDue) {
+        owed = st.creditAmount - st.amountDue;
+        change = DispenseChange(owed);
     }
 
-    st.amountDue = 0;
-    m_setup.writeMailbox(store::mailbox::kDue, numberText(st.amountDue));
+    st.amountDue = Money();
+    m_setup.writeMailbox(store::mailbox::kDue, st.amountDue.text());
     c.setText("enablePayment", "Pay");
     c.setText("dueDisplay", "");
 
-    if (!st.bvNeedsInit && !st.pollTimedOut) {
-        st.creditAmount = 0;
+    if (!validatorFailed && !changerFailed) {
+        endPaymentRecord("Payment Completed", change, owed - change);
+        st.creditAmount = Money();
         c.setText("creditDisplay", "$0.00");
-        m_setup.writeMailbox(store::mailbox::kCredit, numberText(st.creditAmount));
+        m_setup.writeMailbox(store::mailbox::kCredit, st.creditAmount.text());
         setStatus("Payment Completed");
     } else {
         // The credit stays published so that the host sees what was inserted.
-        setStatus(st.pollTimedOut ? "Error: Coin Acceptor" : "Error: Bill Validator");
+        const std::string_view status =
+            changerFailed ? "Error: Coin Acceptor" : "Error: Bill Validator";
+        endPaymentRecord(status, change, owed - change);
+        setStatus(status);
     }
-    m_setup.pause(kMessageSeconds);
+    if (!m_setup.interrupted()) {
+        m_setup.pause(kMessageSeconds);
+    }
     c.setText("statusDisplay", "");
     c.setEnabled("SSTab1", true);
 }

@@ -25,6 +25,10 @@ public:
     virtual void sleep(double seconds) = 0;
 
     virtual LocalDateTime now() const = 0;
+
+    // Seconds since an arbitrary start, never going back and unaffected by midnight or a change
+    // of the wall clock: what the engine's bounds on device waits are measured on.
+    virtual double elapsedSeconds() const = 0;
 };
 
 }  // namespace kestrix

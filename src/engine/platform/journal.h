@@ -52,17 +52,18 @@ inline constexpr std::string_view kStoreTrouble = "store trouble";
 }  // namespace journal_kind
 
 // One row of the money journal. Every field but `kind` may stay empty or zero.
+// (Every member has an initialiser, so a row can name only the fields it needs.)
 struct JournalEntry {
-    std::string_view kind;
+    std::string_view kind{};
     std::int64_t paymentId = 0;  // 0: not part of a payment
-    std::string device;          // "changer", "validator", "dispenser", "tubes", "hopper1",
-                                 // "hopper2", "pinpad", "engine", "store"
-    Money amount;
+    std::string device{};        // "changer", "validator", "dispenser", "tubes", "hoppers",
+                                 // "pinpad", "engine", "store"
+    Money amount{};
     int count = 0;
     int type = 0;
-    std::string raw;        // the device's own report, as hex text
-    std::string detail;     // outcome, status text, reference, masked card number, fault
-    std::string requester;  // "host" or "operator" (payment start)
+    std::string raw{};        // the device's own report, as hex text
+    std::string detail{};     // outcome, status text, reference, masked card number, fault
+    std::string requester{};  // "host" or "operator" (payment start)
 };
 
 // The append-only record of every money movement. An append is durable before it returns, and

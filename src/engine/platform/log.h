@@ -11,7 +11,7 @@ enum class LogLevel { Error = 3, Warning = 4, Notice = 5, Info = 6, Debug = 7 };
 
 // Structured fields of a log line.
 struct LogFields {
-    std::string_view device;     // "changer", "validator", "dispenser", "hoppers", "pinpad", ...
+    std::string_view device{};   // "changer", "validator", "dispenser", "hoppers", "pinpad", ...
     std::int64_t paymentId = 0;  // 0: not about a payment
 };
 

@@ -10,6 +10,7 @@
 namespace kestrix::store {
 
 inline constexpr std::string_view kApp = "KSX";
+inline constexpr std::string_view kDefaultMaxAmount = "100000";
 
 namespace section {
 inline constexpr std::string_view kSettings = "Settings";
@@ -54,6 +55,9 @@ inline constexpr std::string_view kDispenseMode = "DispenseMode";
 inline constexpr std::string_view kEcho = "Echo";
 // Which card payment library drives the pin pad (section "Pin Pad"): "simulated" or "com".
 inline constexpr std::string_view kLibrary = "Library";
+// The largest amount a host or the operator may ask for (section "Settings"); a larger one is
+// no request.
+inline constexpr std::string_view kMaxAmount = "MaxAmount";
 std::string tubeCoinType(int slot);  // "tubeCoinType1".."tubeCoinType5"
 std::string tubeCoinQty(int slot);   // "tubeCoinQty1".."tubeCoinQty5"
 }  // namespace key

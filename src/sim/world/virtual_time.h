@@ -28,6 +28,7 @@ public:
     double secondsSinceMidnight() const override;
     void sleep(double seconds) override { advance(seconds); }
     LocalDateTime now() const override;
+    double elapsedSeconds() const override { return m_elapsed; }
 
     // Seconds since the world began (monotonic).
     double elapsed() const { return m_elapsed; }
