@@ -185,26 +185,26 @@ int main(int argc, char* argv[]) {
     // The first SIGTERM or SIGINT ends the running payment as a cancel that pays the credit back,
     // then runs Exit; whatever a device does, the process ends within the bound. A second signal
     // ends it at once.
-    int signals = 0;
+    int signalsSeen = 0;
     QTimer watchdog;
     watchdog.setSingleShot(true);
     QObject::connect(&watchdog, &QTimer::timeout, [] {
-        std::fputs("kestrix: the engine did not end in time after a termination request; "
-                   "ending now\n",
-                   stderr);
+        std::fputs(
+            "kestrix: the engine did not end in time after a termination request; "
+            "ending now\n",
+            stderr);
         std::_Exit(1);
     });
-    QObject::connect(&terminations, &SignalBridge::terminationRequested, &engine,
-                     [&engine, &signals, &watchdog] {
-                         if (++signals > 1) {
-                             std::fputs("kestrix: second termination signal: ending now\n",
-                                        stderr);
-                             std::_Exit(1);
-                         }
-                         engine.requestTermination();
-                         watchdog.start(static_cast<int>(
-                             kestrix::bounds::kProcessExitSeconds * 1000));
-                     });
+    QObject::connect(
+        &terminations, &SignalBridge::terminationRequested, &engine,
+        [&engine, &signalsSeen, &watchdog] {
+            if (++signalsSeen > 1) {
+                std::fputs("kestrix: second termination signal: ending now\n", stderr);
+                std::_Exit(1);
+            }
+            engine.requestTermination();
+            watchdog.start(static_cast<int>(kestrix::bounds::kProcessExitSeconds * 1000));
+        });
 #ifdef KESTRIX_HAVE_CONSOLE
     if (console) {
         // The console quits the application once the engine has ended and the operator has

@@ -104,8 +104,11 @@ void Pause(Clock& clock, double seconds) {
         if (left <= 0) {
             return;
         }
-        // Never sleep past midnight: the wait must see midnight to restart from it.
-        clock.sleep(std::min(left, kSecondsPerDay - now));
+        // Never sleep past midnight: the wait must see midnight to restart from it. A wait of
+        // at least a microsecond, though: a time of day a hair before midnight would otherwise
+        // ask for sleeps too short to move the clock at all.
+        constexpr double kShortestSleepSeconds = 1e-6;
+        clock.sleep(std::max(kShortestSleepSeconds, std::min(left, kSecondsPerDay - now)));
     }
 }
 

@@ -85,6 +85,7 @@ void EngineHost::run() {
         });
         SteadyClock clock;
         SqliteStore store(m_options.storePath);
+        store.setBusyTimeout(SqliteStore::kEngineBusyTimeoutMs);
         if (!m_options.simulatorDir.empty()) {
             // The simulated kiosk's links answer at port numbers 1, 2 and 3.
             sim::seedSimulatedPortPaths(store, sim::PortNumbers{}, m_options.simulatorDir);

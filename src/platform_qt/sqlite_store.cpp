@@ -197,4 +197,9 @@ std::vector<SettingsStore::Entry> SqliteStore::list(std::string_view app,
     }
 }
 
+void SqliteStore::setBusyTimeout(int milliseconds) {
+    std::lock_guard lock(m_mutex);
+    sqlite3_busy_timeout(m_db, milliseconds);
+}
+
 }  // namespace kestrix::qt

@@ -44,6 +44,10 @@ public:
 
     // How long a statement waits for another process's write to finish before failing.
     static constexpr int kBusyTimeoutMs = 5000;
+    // The engine waits much less: a write refused because a host holds the lock is kept and
+    // written again later, and a long wait would only stall the device work meanwhile.
+    static constexpr int kEngineBusyTimeoutMs = 250;
+    void setBusyTimeout(int milliseconds);
 
 private:
     [[noreturn]] void fail(const std::string& what) const;

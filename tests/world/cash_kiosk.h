@@ -4,6 +4,8 @@
 // customer's coins and bills, a tap on the MDB line, and the money the device models took in
 // and paid out, which every payment's books are checked against.
 
+#include <gtest/gtest.h>
+
 #include <array>
 #include <cmath>
 #include <functional>
@@ -193,6 +195,18 @@ public:
         return static_cast<int>(std::count(w.begin(), w.end(), entry));
     }
 
+    // The money the journal says may have left without a device's account of it.
+    double unknownPayouts(std::size_t fromRow = 0) {
+        double v = 0;
+        const auto& rows = m_kiosk.journal().rows();
+        for (std::size_t i = fromRow; i < rows.size(); ++i) {
+            if (rows[i].kind == journal_kind::kPayoutUnknown) {
+                v += rows[i].amount.toDouble();
+            }
+        }
+        return v;
+    }
+
 private:
     bool creditedAfter(bool accepted) {
         const double before = credit();
@@ -204,5 +218,15 @@ private:
     sim::VirtualKiosk m_kiosk;
     LineTap m_mdbTap;
 };
+
+// The books of a payment since `before`: the engine credited what the models took in (kept plus
+// the change it owed), ChangeDispensed is what the models paid out, and no more than owed.
+inline void expectBooksBalance(CashKiosk& k, const Till& before, double kept, double owed) {
+    const Till after = k.till();
+    const double reported = leadingNumber(k.mailbox(store::mailbox::kChangeDispensed));
+    EXPECT_NEAR(k.inserted(before, after), kept + owed, 1e-9) << "credit differs from inserted";
+    EXPECT_NEAR(k.paidOut(before, after), reported, 1e-9) << "ChangeDispensed differs from paid";
+    EXPECT_GE(owed - reported, -1e-9) << "paid more than owed";
+}
 
 }  // namespace kestrix::test

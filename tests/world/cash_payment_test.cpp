@@ -10,19 +10,10 @@ namespace kestrix {
 namespace {
 
 using test::CashKiosk;
+using test::expectBooksBalance;
 using test::mdbReply;
 using test::Till;
 namespace mb = store::mailbox;
-
-// The books of a payment since `before`: the engine credited what the models took in (kept
-// plus the change it owed), ChangeDispensed is what the models paid out, and no more than owed.
-void expectBooksBalance(CashKiosk& k, const Till& before, double kept, double owed) {
-    const Till after = k.till();
-    const double reported = leadingNumber(k.mailbox(mb::kChangeDispensed));
-    EXPECT_NEAR(k.inserted(before, after), kept + owed, 1e-9) << "credit differs from inserted";
-    EXPECT_NEAR(k.paidOut(before, after), reported, 1e-9) << "ChangeDispensed differs from paid";
-    EXPECT_GE(owed - reported, -1e-9) << "paid more than owed";
-}
 
 // The engine's writes: the two words of a payout command, then its amount.
 std::function<void(std::string_view)> payoutWatch(std::vector<int>& amounts,

@@ -57,8 +57,7 @@ void CashPayment::beginPaymentRecord(std::string_view kind, Money amount,
                                      std::string_view requester) {
     EngineState& st = m_setup.state();
     st.paymentId = m_setup.platform().journal.newPaymentId();
-    m_unpaid = Money();
-    m_changePaid = Money();
+    m_lastUnknown = Money();
     m_setup.journal({.kind = journal_kind::kPaymentStart,
                      .amount = amount,
                      .detail = std::string(kind),
@@ -457,7 +456,7 @@ void CashPayment::stopPayment() {
     c.setText("enablePayment", "Pay");
     c.setText("dueDisplay", "");
     c.setText("creditDisplay", "$0.00");
-    endPaymentRecord("Transaction Cancelled", change, refund - change);
+    endPaymentRecord("Transaction Cancelled", change, refund - change - m_lastUnknown);
     st.creditAmount = Money();
     m_setup.writeMailbox(store::mailbox::kCredit, st.creditAmount.text());
 

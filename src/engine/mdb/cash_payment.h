@@ -102,7 +102,8 @@ private:
     void publishCredit();
 
     bool changerUsable() const;
-    Money payFromTubes(Money owed);
+    // Pays from the tubes; `unknown` collects what was asked of a changer that gave no account.
+    Money payFromTubes(Money owed, Money& unknown);
     TubePayout payOnce(int units, const std::array<int, 17>& before);
     Watch payOutFromTubes(int units);
     std::optional<std::array<int, 17>> payoutStatus();
@@ -124,8 +125,8 @@ private:
     int m_watchSilentPolls = 0;
     Watch m_watchOutcome = Watch::Done;
     // Change of the running payment that no source could pay.
-    Money m_unpaid;
-    Money m_changePaid;
+    // What the last DispenseChange asked of devices that gave no account of it.
+    Money m_lastUnknown;
 };
 
 }  // namespace kestrix

@@ -48,6 +48,9 @@ Money CashPayment::DispenseChange(Money amount) {
     EngineState& st = m_setup.state();
     Money owed = amount;
     Money total;
+    // Asked of a device that gave no account of it: it may have left the kiosk, so it is neither
+    // paid again nor reported as paid; the journal records it as unknown.
+    Money unknown;
     m_setup.writeMailbox(store::mailbox::kChangeDispensed, "");
     const bool changeOn = c.checked("changeEnabled");
     const bool ok = trapped([&] {
@@ -67,22 +70,27 @@ Money CashPayment::DispenseChange(Money amount) {
                              .device = "dispenser",
                              .amount = paid,
                              .count = d.delivered});
+            owed -= paid;
+            total += paid;
             if (d.unknown) {
+                // The bill may have left: it is not paid again from another source.
                 m_setup.journal({.kind = journal_kind::kPayoutUnknown,
                                  .device = "dispenser",
                                  .amount = billValue,
                                  .count = 1,
                                  .detail = "no complete answer to a dispense"});
+                owed -= std::min(owed, billValue);
+                unknown += billValue;
             }
-            owed -= paid;
-            total += paid;
         }
 
         if (changeOn && owed.positive() && changerUsable()) {
             setStatus(kDispensing);
-            const Money paid = payFromTubes(owed);
-            owed -= paid;
+            Money uncertain;
+            const Money paid = payFromTubes(owed, uncertain);
+            owed -= paid + std::min(owed - paid, uncertain);
             total += paid;
+            unknown += uncertain;
         }
 
         const Money h1 = moneyOf(c.text("h1CoinValue"));
@@ -106,6 +114,7 @@ Money CashPayment::DispenseChange(Money amount) {
         // is still reported below, so the host knows what left the kiosk.
         m_setup.log().error("change payout broken off by a device error", {"", st.paymentId});
     }
+    m_lastUnknown = unknown;
     if (owed.positive()) {
         m_setup.journal({.kind = journal_kind::kUnpaid, .amount = owed, .detail = "change"});
         m_setup.log().warning(
@@ -119,12 +128,12 @@ Money CashPayment::DispenseChange(Money amount) {
 void CashPayment::payChange(Money amount, std::string_view requester) {
     beginPaymentRecord("change", amount, requester);
     const Money paid = DispenseChange(amount);
-    endPaymentRecord("Change dispensed", paid, amount - paid);
+    endPaymentRecord("Change dispensed", paid, amount - paid - m_lastUnknown);
 }
 
 // --- The tubes -----------------------------------------------------------------------------------
 
-Money CashPayment::payFromTubes(Money owed) {
+Money CashPayment::payFromTubes(Money owed, Money& unknown) {
     using namespace mdb;
     Money paid;
     const auto scaling =
@@ -152,6 +161,10 @@ Money CashPayment::payFromTubes(Money owed) {
         const TubePayout p = payOnce(static_cast<int>(units), *before);
         paid += p.paid;
         owed -= p.paid;
+        if (!p.known) {
+            unknown += p.asked;
+            break;
+        }
         if (p.changerFailed) {
             m_setup.state().changerFailed = true;
             break;

@@ -310,7 +310,7 @@ void CashPayment::completePayment() {
     c.setText("dueDisplay", "");
 
     if (!validatorFailed && !changerFailed) {
-        endPaymentRecord("Payment Completed", change, owed - change);
+        endPaymentRecord("Payment Completed", change, owed - change - m_lastUnknown);
         st.creditAmount = Money();
         c.setText("creditDisplay", "$0.00");
         m_setup.writeMailbox(store::mailbox::kCredit, st.creditAmount.text());
@@ -319,7 +319,7 @@ void CashPayment::completePayment() {
         // The credit stays published so that the host sees what was inserted.
         const std::string_view status =
             changerFailed ? "Error: Coin Acceptor" : "Error: Bill Validator";
-        endPaymentRecord(status, change, owed - change);
+        endPaymentRecord(status, change, owed - change - m_lastUnknown);
         setStatus(status);
     }
     if (!m_setup.interrupted()) {

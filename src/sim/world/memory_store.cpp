@@ -16,6 +16,14 @@ void MemoryStore::set(std::string_view app, std::string_view section, std::strin
     if (m_broken) {
         throw StoreError("store unavailable");
     }
+    if (m_writesRefused) {
+        throw StoreError("database is locked");
+    }
+    hostSet(app, section, key, value);
+}
+
+void MemoryStore::hostSet(std::string_view app, std::string_view section, std::string_view key,
+                          std::string_view value) {
     m_values[{std::string(app), std::string(section), std::string(key)}] = std::string(value);
     m_writes.push_back(std::string(section) + "/" + std::string(key) + "=" + std::string(value));
 }

@@ -24,12 +24,18 @@ public:
     void clearWrites() { m_writes.clear(); }
     // Makes every operation fail, as a store on a vanished disk would.
     void setBroken(bool broken) { m_broken = broken; }
+    // Makes writes fail and reads work, as a store whose write lock another process holds.
+    void setWritesRefused(bool refused) { m_writesRefused = refused; }
+    // A write that never fails: the host's own, which holds the lock.
+    void hostSet(std::string_view app, std::string_view section, std::string_view key,
+                 std::string_view value);
 
 private:
     using Key = std::tuple<std::string, std::string, std::string>;
     std::map<Key, std::string> m_values;
     std::vector<std::string> m_writes;
     bool m_broken = false;
+    bool m_writesRefused = false;
 };
 
 }  // namespace kestrix::sim

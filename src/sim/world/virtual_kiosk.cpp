@@ -48,7 +48,7 @@ std::string VirtualKiosk::mailbox(std::string_view key) {
 }
 
 void VirtualKiosk::hostWrite(std::string_view key, std::string_view value) {
-    m_store.set(store::kApp, store::section::kStatus, key, value);
+    m_store.hostSet(store::kApp, store::section::kStatus, key, value);
 }
 
 }  // namespace kestrix::sim

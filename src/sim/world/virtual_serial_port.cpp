@@ -61,6 +61,9 @@ void VirtualSerialPort::write(std::string_view bytes) {
     checkUsable();
     pullFromDevice();
     m_written.append(bytes);
+    if (m_onWrite) {
+        m_onWrite(bytes);
+    }
     // The driver buffers the write; the device sees the last byte after its wire time.
     m_device->receive(bytes, m_clock.elapsed() + static_cast<double>(bytes.size()) * byteSeconds());
 }

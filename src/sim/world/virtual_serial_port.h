@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -35,6 +36,10 @@ public:
     // Everything written since the port was created, for tests.
     const std::string& written() const { return m_written; }
     void clearWritten() { m_written.clear(); }
+    // Called with each write, before the device takes it (tests: act on the engine's traffic).
+    void setWriteListener(std::function<void(std::string_view)> listener) {
+        m_onWrite = std::move(listener);
+    }
     int opens() const { return m_opens; }
     long reads() const { return m_reads; }
 
@@ -59,6 +64,7 @@ private:
     double m_lastArrival = 0;
     double m_lastContact = 0;  // when the port last took the device's output
     std::string m_written;
+    std::function<void(std::string_view)> m_onWrite;
     int m_opens = 0;
     long m_reads = 0;
 };

@@ -1,0 +1,426 @@
+// Faults where the engine once lost track of money, kept a customer's money without credit,
+// paid more than owed or waited without end; each group is checked against the simulators' own
+// books on the virtual kiosk.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "cash_kiosk.h"
+
+namespace kestrix {
+namespace {
+
+using test::CashKiosk;
+using test::expectBooksBalance;
+using test::Till;
+namespace mb = store::mailbox;
+
+constexpr std::string_view kChangerPoll("\x0B\x01\x0B\x00", 4);
+
+// A coin (console type) dropped in without waiting for its credit.
+void drop(CashKiosk& k, int type) {
+    k.kiosk().insertCoin(type);
+}
+
+TEST(MoneySafety, MoneyInsertedAroundAResetIsCreditedAndPaidBack) {
+    struct Row {
+        const char* what;
+        double due;
+        double cancelAfter;  // < 0: the payment completes with a bill of 20
+        double coinAt;       // seconds after the bill (or the first coin) went in
+    };
+    const Row rows[] = {
+        {"a coin just before a cancel", 50, 0.0, 0.0},
+        {"a coin 0.3 s before a cancel", 50, 0.3, 0.0},
+        {"a coin in the completion's window", 12.5, -1, 1.2},
+        {"a coin as the completing bill stacks", 12.5, -1, 1.0},
+        {"a coin right after the start", 12.5, -1, -0.5},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.what);
+        CashKiosk k;
+        ASSERT_TRUE(k.start());
+        const Till before = k.till();
+        ASSERT_TRUE(k.requestPayment(numberText(r.due)));
+        const double t0 = k.now();
+        if (r.cancelAfter >= 0) {
+            ASSERT_TRUE(k.insertCoin(4));  // 5
+            drop(k, 4);
+            k.runFor(r.cancelAfter);
+            k.hostWrite(mb::kCancel, "1");
+        } else {
+            k.mdbTap().at(t0 + 1.0 + r.coinAt, [&k] { drop(k, 3); });
+            k.kiosk().insertBill(1);  // 20, stacked a second later
+        }
+        ASSERT_TRUE(k.runUntilIdle(120));
+        const double in = k.inserted(before, k.till());
+        const double kept = r.cancelAfter >= 0 ? 0 : r.due;
+        EXPECT_EQ(k.mailbox(mb::kChangeDispensed), numberText(in - kept));
+        expectBooksBalance(k, before, kept, in - kept);
+    }
+}
+
+TEST(MoneySafety, TheBillGuardOnlyComparesBillsOfTheSamePayment) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    // Yesterday's last bill, late in the evening...
+    k.kiosk().clock().setDeadline(-1);
+    k.kiosk().clock().advance(86390 - k.kiosk().clock().secondsSinceMidnight());
+    ASSERT_TRUE(k.requestPayment("20"));
+    ASSERT_TRUE(k.insertBill(1));
+    ASSERT_TRUE(k.runUntilIdle(60));
+    // ... and today's first, at a time of day before it.
+    k.kiosk().clock().advance(86400 + 9 * 3600 - k.kiosk().clock().secondsSinceMidnight());
+    const Till before = k.till();
+    ASSERT_TRUE(k.requestPayment("20"));
+    ASSERT_TRUE(k.insertBill(1));
+    ASSERT_TRUE(k.runUntilIdle(60));
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");
+    expectBooksBalance(k, before, 20, 0);
+}
+
+TEST(MoneySafety, SumsAreExact) {
+    // Coins of 0.1, 0.2, 0.5, 1 and 2.
+    sim::KioskProfile p = sim::defaultProfile();
+    p.changer.scalingFactor = 10;
+    p.changer.coinCredits = {1, 2, 5, 10, 20};
+    struct Row {
+        const char* due;
+        std::vector<int> coins;  // console types
+        const char* change;
+    };
+    const Row rows[] = {
+        {"0.8", {2, 3, 1}, ""},     // 0.2 + 0.5 + 0.1
+        {"0.3", {1, 1, 1}, ""},     // 0.1 x 3: no payout at all
+        {"0.5", {2, 2, 2}, "0.1"},  // 0.6 against 0.5
+        {"1.1", {4, 2}, "0.1"},     // 1.2 against 1.1
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.due);
+        CashKiosk k(p);
+        ASSERT_TRUE(k.start());
+        int payouts = 0;
+        k.mdbTap().onWrite = [&payouts, state = 0](std::string_view b) mutable {
+            payouts += state == 1 && b == std::string_view("\x02\x00", 2) ? 1 : 0;
+            state = b == std::string_view("\x0F\x01", 2) ? 1 : 0;
+        };
+        const Till before = k.till();
+        ASSERT_TRUE(k.requestPayment(r.due));
+        for (int type : r.coins) {
+            ASSERT_TRUE(k.insertCoin(type));
+        }
+        ASSERT_TRUE(k.runUntilIdle(60));
+        EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");
+        EXPECT_EQ(k.mailbox(mb::kChangeDispensed), r.change);
+        if (std::string(r.change).empty()) {
+            EXPECT_EQ(payouts, 0);
+        }
+        expectBooksBalance(k, before, leadingNumber(r.due), leadingNumber(r.change));
+    }
+}
+
+TEST(MoneySafety, ChangeCountsWhatLeftTheTubesWhateverATechnicianDoesMeanwhile) {
+    struct Row {
+        const char* what;
+        int type;   // the tube a technician fills or empties while the changer pays
+        int count;  // coins in it afterwards
+    };
+    const Row rows[] = {
+        {"a tube topped up", 4, 40},
+        {"a tube emptied", 5, 0},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.what);
+        CashKiosk k;
+        k.kiosk().store().set(store::kApp, store::section::kBillDispenser, "BDE", "0");
+        ASSERT_TRUE(k.start());
+        const Till before = k.till();
+        k.mdbTap().onWrite = [&k, &r, state = 0](std::string_view b) mutable {
+            if (state == 1 && b == std::string_view("\x02\x00", 2)) {
+                k.kiosk().models().setTube(r.type, r.count);
+            }
+            state = b == std::string_view("\x0F\x01", 2) ? 1 : 0;
+        };
+        k.hostWrite(mb::kChange, "1");
+        ASSERT_TRUE(k.runUntil([&] { return k.mailbox(mb::kChange).empty(); }, 60));
+        EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "1");
+        EXPECT_EQ(k.till().hopper1Out, before.hopper1Out);
+        EXPECT_EQ(k.till().hopper2Out, before.hopper2Out);
+        EXPECT_NEAR(k.paidOut(before, k.till()), 1, 1e-9);
+    }
+}
+
+TEST(MoneySafety, AShortByteInADispenseAnswerHidesNoBill) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    k.kiosk().control("fault dispenser shifted on");
+    const Till before = k.till();
+    k.hostWrite(mb::kChange, "100");
+    ASSERT_TRUE(k.runUntil([&] { return k.mailbox(mb::kChange).empty(); }, 120));
+    EXPECT_EQ(k.till().billsOut - before.billsOut, 2);
+    EXPECT_EQ(k.mailbox(mb::kBDDispensed), "2");
+    EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "100");
+}
+
+TEST(MoneySafety, EveryDeviceWaitEndsWithinItsBound) {
+    struct Row {
+        const char* what;
+        const char* fault;    // switched on when `trigger` is written
+        std::string trigger;  // bytes the engine writes
+        const char* request;  // "change" or "cancel"
+        double boundSeconds;  // the request ends within this
+    };
+    const Row rows[] = {
+        {"changer silent mid-payout", "fault changer silent on", std::string("\x0F\x01", 2),
+         "change", 30},
+        {"changer busy for ever mid-payout", "fault changer busy-forever on",
+         std::string("\x0F\x01", 2), "change", 60},
+        {"dispenser silent mid-dispense", "fault dispenser silent on",
+         std::string("\x10\x05\x10\x02\x00\x19", 6), "change", 60},
+        {"validator silent, then a cancel", "fault validator silent on", "", "cancel", 15},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.what);
+        CashKiosk k;
+        ASSERT_TRUE(k.start());
+        const Till before = k.till();
+        const std::size_t journalFrom = k.kiosk().journal().rows().size();
+        bool armed = true;
+        const auto arm = [&](std::string_view b) {
+            if (armed && b == r.trigger) {
+                armed = false;
+                k.kiosk().control(r.fault);
+            }
+        };
+        k.mdbTap().onWrite = arm;
+        k.kiosk().dispenserPort().setWriteListener(arm);
+        if (std::string(r.request) == "change") {
+            k.hostWrite(mb::kChange, "57");  // a bill of 50, then 7 in coins
+        } else {
+            ASSERT_TRUE(k.requestPayment("50"));
+            ASSERT_TRUE(k.insertCoin(4));
+            k.kiosk().control(r.fault);
+            k.runFor(5);
+            k.hostWrite(mb::kCancel, "1");
+        }
+        const double t0 = k.now();
+        ASSERT_TRUE(
+            k.runUntil([&] { return k.mailbox(mb::kChange).empty() && !k.paymentRunning(); }, 600));
+        EXPECT_LT(k.now() - t0, r.boundSeconds);
+        // What left is what was reported, or what the journal says nobody could account for.
+        const double reported = leadingNumber(k.mailbox(mb::kChangeDispensed));
+        const double out = k.paidOut(before, k.till());
+        EXPECT_GE(out, reported - 1e-9);
+        EXPECT_LE(out, reported + k.unknownPayouts(journalFrom) + 1e-9);
+    }
+}
+
+TEST(MoneySafety, ABillStackedAsTheValidatorFellSilentIsCreditedWhenItComesBack) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    const Till before = k.till();
+    ASSERT_TRUE(k.requestPayment("50"));
+    k.kiosk().insertBill(1);  // stacks a second later...
+    k.runFor(1.05);
+    k.kiosk().control("fault validator silent on");  // ... just before it is polled
+    k.runFor(5);
+    k.kiosk().control("fault validator silent off");
+    k.runFor(3);
+    EXPECT_EQ(k.mailbox(mb::kCredit), "20");
+    k.hostWrite(mb::kCancel, "1");
+    ASSERT_TRUE(k.runUntilIdle(60));
+    expectBooksBalance(k, before, 0, 20);
+}
+
+TEST(MoneySafety, AChangerThatFailedIsNotAskedForChange) {
+    CashKiosk k;
+    k.kiosk().store().set(store::kApp, store::section::kBillDispenser, "BDE", "0");
+    ASSERT_TRUE(k.start());
+    ASSERT_TRUE(k.requestPayment("50"));
+    ASSERT_TRUE(k.insertCoin(4));
+    k.kiosk().control("fault changer silent on");
+    ASSERT_TRUE(k.runUntilIdle(60));
+    ASSERT_EQ(k.mailbox(mb::kStatus), "Error: Coin Acceptor");
+    // The host refunds the published credit: the hoppers pay it, the dead changer is left alone.
+    const Till before = k.till();
+    k.hostWrite(mb::kChange, "5");
+    const double t0 = k.now();
+    ASSERT_TRUE(k.runUntil([&] { return k.mailbox(mb::kChange).empty(); }, 600));
+    EXPECT_LT(k.now() - t0, 20);
+    EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "5");
+    EXPECT_EQ(k.till().hopper2Out - before.hopper2Out, 1);
+}
+
+TEST(MoneySafety, StoreTroubleIsNotADeviceFault) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    const Till before = k.till();
+    ASSERT_TRUE(k.requestPayment("12.5"));
+    // A host holds the store's write lock for 20 s, across the coins and the completion.
+    k.kiosk().store().setWritesRefused(true);
+    ASSERT_TRUE(k.kiosk().insertCoin(5).ok);
+    k.runFor(1);
+    ASSERT_TRUE(k.kiosk().insertCoin(5).ok);
+    k.runFor(8);
+    EXPECT_FALSE(k.paymentRunning());
+    EXPECT_EQ(k.mailbox(mb::kDue), "12.5") << "the host has not seen the end yet";
+    k.runFor(11);
+    k.kiosk().store().setWritesRefused(false);
+    ASSERT_TRUE(k.runUntil([&] { return !k.engine().storeWriter().troubled(); }, 10));
+    k.runFor(2);
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");
+    EXPECT_EQ(k.mailbox(mb::kDue), "0");
+    EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "7.5");
+    EXPECT_EQ(k.mailbox(mb::kKsxError), "0");
+    EXPECT_FALSE(k.paymentRunning()) << "no payment from the engine's own Due";
+    expectBooksBalance(k, before, 12.5, 7.5);
+}
+
+TEST(MoneySafety, StopsApplyToThePaymentTheyWereMeantFor) {
+    // The operator presses "Stop Payment..." while the completion's change is paid: the click
+    // does not become a new payment.
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    k.mdbTap().onWrite = [&k, state = 0](std::string_view b) mutable {
+        if (state == 1 && b == std::string_view("\x02\x00", 2)) {
+            k.kiosk().scheduler().post([&k] { k.engine().operatorClick("enablePayment"); });
+        }
+        state = b == std::string_view("\x0F\x01", 2) ? 1 : 0;
+    };
+    ASSERT_TRUE(k.requestPayment("12.5"));
+    ASSERT_TRUE(k.insertBill(1));
+    ASSERT_TRUE(k.runUntilIdle(60));
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");
+    EXPECT_FALSE(k.paymentRunning());
+    k.mdbTap().onWrite = nullptr;
+    ASSERT_TRUE(k.requestPayment("5")) << "the host's next request is served";
+
+    // A cancel "2" keeps the credit of its own payment only.
+    k.hostWrite(mb::kCancel, "2");
+    ASSERT_TRUE(k.runUntilIdle(30));
+    const Till before = k.till();
+    ASSERT_TRUE(k.requestPayment("50"));
+    ASSERT_TRUE(k.insertCoin(4));
+    k.engine().operatorClick("enablePayment");
+    ASSERT_TRUE(k.runUntilIdle(60));
+    EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "5");
+    expectBooksBalance(k, before, 0, 5);
+}
+
+TEST(MoneySafety, ACheckBoxIsOneBitWhateverItsState) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    k.console().setValue("ct9_Enabled", 2);  // grey
+    k.console().setValue("ct16_Enabled", 1);
+    ASSERT_TRUE(k.requestPayment("5"));
+    EXPECT_EQ(k.kiosk().changer().coinEnableMask(), 0x811F);
+    EXPECT_EQ(k.kiosk().changer().coinEnableMask() & 0x0200, 0) << "no carry into type 10";
+}
+
+TEST(MoneySafety, GarbageOnTheLineNeverMakesMoneyUp) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    k.kiosk().control("fault adapter garbage on");
+    const Till before = k.till();
+    k.kiosk().store().clearWrites();
+    ASSERT_TRUE(k.requestPayment("50"));
+    ASSERT_TRUE(k.insertCoin(5));
+    ASSERT_TRUE(k.insertBill(1));
+    ASSERT_TRUE(k.insertCoin(1));
+    k.hostWrite(mb::kCancel, "1");
+    ASSERT_TRUE(k.runUntilIdle(60));
+    EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "30.5");
+    for (const std::string& w : k.kiosk().store().writes()) {
+        EXPECT_EQ(w.find("=-"), std::string::npos) << w;
+    }
+    EXPECT_NEAR(leadingNumber(k.mailbox(mb::kTubes)), k.tubesValue(), 1e-9);
+    expectBooksBalance(k, before, 0, 30.5);
+}
+
+TEST(MoneySafety, TerminationPaysTheCreditBackThenEnds) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    const Till before = k.till();
+    ASSERT_TRUE(k.requestPayment("50"));
+    ASSERT_TRUE(k.insertCoin(5));
+    ASSERT_TRUE(k.insertBill(1));
+    const double t0 = k.now();
+    k.engine().requestTermination();
+    ASSERT_TRUE(k.runUntil([&] { return k.engine().ended(); }, 60));
+    EXPECT_LT(k.now() - t0, 10.0);
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Transaction Cancelled");
+    EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "30");
+    EXPECT_EQ(k.kiosk().store().get(store::kApp, store::section::kPinPad, "On Line", ""), "No");
+    expectBooksBalance(k, before, 0, 30);
+}
+
+TEST(MoneySafety, AChangerSilentOnceAtTheStartDoesNotHangTheEngine) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    bool swallowed = false;
+    k.mdbTap().answer = [&swallowed](std::string_view b, double) -> std::optional<std::string> {
+        if (!swallowed && b == std::string_view("\x0C\x01", 2)) {
+            swallowed = true;
+            return std::string();  // the first COIN TYPE is lost
+        }
+        return std::nullopt;
+    };
+    const Till before = k.till();
+    ASSERT_TRUE(k.requestPayment("5"));
+    ASSERT_TRUE(k.insertCoin(4));
+    ASSERT_TRUE(k.runUntilIdle(30));
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");
+    expectBooksBalance(k, before, 5, 0);
+}
+
+TEST(MoneySafety, NonsenseAmountsAreNoRequest) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    for (const char* key : {"Due", "DueCC", "Change"}) {
+        for (const std::string& value :
+             {std::string("4e-320"), std::string("1e307"), std::string("5,50"), std::string("abc"),
+              std::string("-5"), std::string("1e309"), std::string("NaN"), std::string("0.001"),
+              std::string("100000.01"), std::string(1 << 20, '9')}) {
+            SCOPED_TRACE(std::string(key) + " = " + value.substr(0, 20));
+            k.hostWrite(key, value);
+            k.runFor(1.5);
+            EXPECT_FALSE(k.paymentRunning());
+            EXPECT_EQ(k.mailbox(key), value) << "left as it is";
+            EXPECT_EQ(k.kiosk().pinPad().salesRun(), 0);
+            k.hostWrite(key, key == std::string("Change") ? "" : "0");
+        }
+    }
+    // A larger maximum takes a larger amount.
+    k.kiosk().store().set(store::kApp, store::section::kSettings, "MaxAmount", "200000");
+    ASSERT_TRUE(k.requestPayment("150000"));
+}
+
+TEST(MoneySafety, ALogicErrorIsAnInternalErrorNotADeviceFault) {
+    CashKiosk k;
+    ASSERT_TRUE(k.start());
+    ASSERT_TRUE(k.requestPayment("50"));
+    ASSERT_TRUE(k.insertCoin(4));
+    bool thrown = false;
+    k.mdbTap().answer = [&thrown](std::string_view b, double) -> std::optional<std::string> {
+        if (!thrown && b == kChangerPoll) {
+            thrown = true;
+            throw std::logic_error("a programming mistake");
+        }
+        return std::nullopt;
+    };
+    ASSERT_TRUE(k.runUntil([&] { return thrown && !k.paymentRunning(); }, 10));
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Internal Error");
+    EXPECT_EQ(k.mailbox(mb::kKsxError), "1");
+    EXPECT_EQ(k.mailbox(mb::kCredit), "5") << "for the host to settle";
+    const auto& lines = k.kiosk().log().lines();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& l) {
+        return l.starts_with("<3>internal error");
+    }));
+}
+
+}  // namespace
+}  // namespace kestrix
