@@ -24,6 +24,17 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# Header-only libraries are the same for every target: Debian keeps the CMake packages of
+# architecture-independent libraries (CLI11, nlohmann-json) in /usr/share/cmake, and those come
+# from the build machine.
+file(GLOB KESTRIX_SHARED_PACKAGES LIST_DIRECTORIES true /usr/share/cmake/*)
+foreach(dir IN LISTS KESTRIX_SHARED_PACKAGES)
+  get_filename_component(name ${dir} NAME)
+  if(NOT DEFINED ${name}_DIR AND (EXISTS ${dir}/${name}Config.cmake OR EXISTS ${dir}/${name}-config.cmake))
+    set(${name}_DIR ${dir})
+  endif()
+endforeach()
+
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "-static")
