@@ -4,7 +4,7 @@ PRESET ?= dev
 BUILD_DIR := build/$(PRESET)
 CTEST_ARGS ?=
 
-.PHONY: all bootstrap configure build test run format clean asan bench
+.PHONY: all bootstrap configure build test run format clean asan bench windows windows-test
 
 all: build
 
@@ -26,6 +26,19 @@ run: build
 
 asan:
 	$(MAKE) test PRESET=asan
+
+# The MinGW-w64 cross-build (engine, simulators, store, Windows adapters, ksxctl.exe and the
+# tests that need no Qt) into build/windows, and its tests under Wine in a prefix of its own
+# (build/windows/wineprefix). The Wine server is stopped afterwards, whatever the result.
+windows:
+	@scripts/bootstrap windows
+	@if [ ! -f build/windows/build.ninja ]; then cmake --preset windows; fi
+	cmake --build --preset windows
+
+windows-test: windows
+	@status=0; ctest --preset windows $(CTEST_ARGS) || status=$$?; \
+	  build/windows/wine-run --stop; \
+	  exit $$status
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done

@@ -21,6 +21,9 @@
 #include "engine/platform/settings_store.h"
 #include "host_commands.h"
 #include "platform_qt/store_factory.h"
+#ifdef _WIN32
+#include "utf8_arguments_win.h"
+#endif
 
 namespace {
 
@@ -293,6 +296,16 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+#ifdef _WIN32
+    std::vector<std::string> arguments = ksxctl::utf8Arguments();
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments) {
+        pointers.push_back(argument.data());
+    }
+    pointers.push_back(nullptr);
+    argc = static_cast<int>(arguments.size());
+    argv = pointers.data();
+#endif
     try {
         const int code = run(argc, argv);
         std::cout.flush();

@@ -9,7 +9,7 @@
 #include "sim/pinpad/sim_pin_pad.h"
 
 #ifdef _WIN32
-#include "com_payment_library_win.h"
+#include "platform_win/com_payment_library_win.h"
 #endif
 
 namespace kestrix::qt {
@@ -74,7 +74,7 @@ std::unique_ptr<PaymentLibrary> makePaymentLibrary(SettingsStore& store, Clock& 
     }
     if (choice == "com") {
 #ifdef _WIN32
-        return std::make_unique<ComPaymentLibrary>(store);
+        return std::make_unique<win::ComPaymentLibrary>(store);
 #else
         return std::make_unique<UnavailableLibrary>(
             "the COM payment library exists on Windows only");

@@ -2,9 +2,11 @@
 
 #include <cstdlib>
 
+#ifdef KESTRIX_HAVE_SQLITE
 #include "sqlite_store.h"
+#endif
 #ifdef _WIN32
-#include "registry_store_win.h"
+#include "platform_win/registry_store_win.h"
 #endif
 
 namespace kestrix::qt {
@@ -21,10 +23,16 @@ bool fileNamed(const std::string& cliValue) {
 std::unique_ptr<SettingsStore> openSettingsStore(const std::string& cliValue) {
 #ifdef _WIN32
     if (!fileNamed(cliValue)) {
-        return std::make_unique<RegistryStore>();
+        return std::make_unique<win::RegistryStore>();
     }
 #endif
+#ifdef KESTRIX_HAVE_SQLITE
     return std::make_unique<SqliteStore>(resolveStorePath(cliValue));
+#else
+    throw StoreError(
+        "settings store: this build keeps the store in the registry only (unset "
+        "KSX_STORE and --store)");
+#endif
 }
 
 std::string describeStore(const std::string& cliValue) {
@@ -33,7 +41,12 @@ std::string describeStore(const std::string& cliValue) {
         return "registry";
     }
 #endif
+#ifdef KESTRIX_HAVE_SQLITE
     return resolveStorePath(cliValue);
+#else
+    const char* env = std::getenv("KSX_STORE");
+    return !cliValue.empty() ? cliValue : std::string(env != nullptr ? env : "");
+#endif
 }
 
 }  // namespace kestrix::qt

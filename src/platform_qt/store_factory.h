@@ -9,7 +9,8 @@ namespace kestrix::qt {
 
 // The settings store a program uses. On Linux always the SQLite file of resolveStorePath. On
 // Windows the registry, where existing hosts keep it, unless a file is named (`cliValue` from a
-// --store option, or KSX_STORE): then that SQLite file. Throws StoreError.
+// --store option, or KSX_STORE): then that SQLite file (a Windows build without SQLite throws
+// StoreError then). Throws StoreError.
 std::unique_ptr<SettingsStore> openSettingsStore(const std::string& cliValue);
 
 // Where the store is, in words, for messages and the single-instance lock ("registry" or the

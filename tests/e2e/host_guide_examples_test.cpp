@@ -126,8 +126,8 @@ TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
 // These cannot run here; what can go wrong in them on a Linux desk is the registry location
 // and the key names, so those are checked against the engine's own.
 TEST(HostGuide, WindowsExamplesUseTheRegistryStoreAndMailboxKeys) {
-    const std::string registry =
-        test::readFile(std::string(KESTRIX_SOURCE_DIR) + "/src/platform_qt/registry_store_win.cpp");
+    const std::string registry = test::readFile(std::string(KESTRIX_SOURCE_DIR) +
+                                                "/src/platform_win/registry_store_win.cpp");
     std::smatch m;
     ASSERT_TRUE(std::regex_search(registry, m, std::regex(R"re(kRoot\[\] = L"([^"]+)")re")));
     const std::string root = std::regex_replace(m[1].str(), std::regex(R"(\\\\)"), "\\");

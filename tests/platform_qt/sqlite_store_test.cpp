@@ -15,45 +15,6 @@ std::string freshStore() {
     return test::makeTempDir("ksx-store") + "/nested/dir/KSX.db";
 }
 
-TEST(SqliteStore, RoundTripDefaultsAndOverwrite) {
-    SqliteStore store(freshStore());
-    EXPECT_EQ(store.get("KSX", "Status", "Due"), "");
-    EXPECT_EQ(store.get("KSX", "Status", "Due", "0"), "0");
-    store.set("KSX", "Status", "Due", "12.5");
-    store.set("KSX", "Pin Pad", "User", "N/A");
-    EXPECT_EQ(store.get("KSX", "Status", "Due", "0"), "12.5");
-    store.set("KSX", "Status", "Due", "");
-    EXPECT_EQ(store.get("KSX", "Status", "Due", "0"), "") << "an empty value is a value";
-    EXPECT_EQ(store.get("KSX", "Pin Pad", "User"), "N/A");
-    EXPECT_EQ(store.get("OTHER", "Pin Pad", "User", "none"), "none") << "apps are separate";
-}
-
-TEST(SqliteStore, NamesIgnoreCaseLikeTheRegistryAndKeepTheirFirstSpelling) {
-    SqliteStore store(freshStore());
-    store.set("KSX", "Status", "Due", "1");
-    store.set("ksx", "STATUS", "due", "2");
-    EXPECT_EQ(store.get("KSX", "Status", "Due"), "2");
-    const auto entries = store.list("KSX");
-    ASSERT_EQ(entries.size(), 1u);
-    EXPECT_EQ(entries[0].section, "Status");
-    EXPECT_EQ(entries[0].key, "Due");
-}
-
-TEST(SqliteStore, ListsInOrderAndBySection) {
-    SqliteStore store(freshStore());
-    store.set("KSX", "Status", "Due", "0");
-    store.set("KSX", "Pin Pad", "User", "u");
-    store.set("KSX", "Status", "Credit", "0");
-    store.set("OTHER", "Status", "Due", "9");
-    const auto all = store.list("KSX");
-    ASSERT_EQ(all.size(), 3u);
-    EXPECT_EQ(all[0].section + "/" + all[0].key, "Pin Pad/User");
-    EXPECT_EQ(all[1].section + "/" + all[1].key, "Status/Credit");
-    EXPECT_EQ(all[2].section + "/" + all[2].key, "Status/Due");
-    EXPECT_EQ(store.list("KSX", "Status").size(), 2u);
-    EXPECT_TRUE(store.list("KSX", "Nothing").empty());
-}
-
 // The host and the engine are separate processes: a write through one connection must be seen
 // by the other's next read, without reopening and without either caching.
 TEST(SqliteStore, TwoConnectionsSeeEachOthersWritesAtOnce) {
@@ -69,22 +30,15 @@ TEST(SqliteStore, TwoConnectionsSeeEachOthersWritesAtOnce) {
     }
 }
 
-TEST(SqliteStore, HostileValuesComeBackUnchanged) {
+// What only SQLite could get wrong: text that is SQL, and bytes that are not UTF-8 (the registry
+// takes UTF-16 text and the store contract covers the texts every store keeps).
+TEST(SqliteStore, SqlAndNonUtf8BytesComeBackUnchanged) {
     SqliteStore store(freshStore());
-    std::string binaryish;
+    std::string bytes;
     for (int c = 1; c < 256; ++c) {
-        binaryish += static_cast<char>(c);
+        bytes += static_cast<char>(c);
     }
-    const std::string values[] = {
-        std::string(1 << 20, 'x'),
-        "'; DROP TABLE settings; --",
-        "\"quoted\" 'single' `back`",
-        "Código ERROR DE COMUNICACIÓN €",
-        "line1\nline2\r\n",
-        binaryish,
-        "%s%n%x",
-    };
-    for (const std::string& value : values) {
+    for (const std::string& value : {std::string("'; DROP TABLE settings; --"), bytes}) {
         store.set("KSX", "Status", "Hostile", value);
         EXPECT_EQ(store.get("KSX", "Status", "Hostile"), value) << value.substr(0, 40);
         store.set("KSX", value, value, "as names too");

@@ -2,20 +2,41 @@
 
 namespace kestrix::sim {
 
-std::string MemoryStore::get(std::string_view app, std::string_view section, std::string_view key,
-                             std::string_view defaultValue) {
+namespace {
+
+std::string lowerAscii(std::string_view text) {
+    std::string lower(text);
+    for (char& c : lower) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return lower;
+}
+
+}  // namespace
+
+MemoryStore::Id MemoryStore::idOf(std::string_view app, std::string_view section,
+                                  std::string_view key) {
+    return {lowerAscii(app), lowerAscii(section), lowerAscii(key)};
+}
+
+void MemoryStore::check() const {
     if (m_broken) {
         throw StoreError("store unavailable");
     }
-    const auto it = m_values.find({std::string(app), std::string(section), std::string(key)});
-    return it == m_values.end() ? std::string(defaultValue) : it->second;
+}
+
+std::string MemoryStore::get(std::string_view app, std::string_view section, std::string_view key,
+                             std::string_view defaultValue) {
+    check();
+    const auto it = m_values.find(idOf(app, section, key));
+    return it == m_values.end() ? std::string(defaultValue) : it->second.value;
 }
 
 void MemoryStore::set(std::string_view app, std::string_view section, std::string_view key,
                       std::string_view value) {
-    if (m_broken) {
-        throw StoreError("store unavailable");
-    }
+    check();
     if (m_writesRefused) {
         throw StoreError("database is locked");
     }
@@ -24,30 +45,38 @@ void MemoryStore::set(std::string_view app, std::string_view section, std::strin
 
 void MemoryStore::hostSet(std::string_view app, std::string_view section, std::string_view key,
                           std::string_view value) {
-    m_values[{std::string(app), std::string(section), std::string(key)}] = std::string(value);
+    const auto [it, added] =
+        m_values.try_emplace(idOf(app, section, key),
+                             Stored{std::string(section), std::string(key), std::string(value)});
+    if (!added) {
+        it->second.value = std::string(value);
+    }
     m_writes.push_back(std::string(section) + "/" + std::string(key) + "=" + std::string(value));
 }
 
 std::vector<SettingsStore::Entry> MemoryStore::list(std::string_view app,
                                                     std::string_view section) {
-    if (m_broken) {
-        throw StoreError("store unavailable");
-    }
+    check();
+    const std::string appId = lowerAscii(app);
+    const std::string sectionId = lowerAscii(section);
     std::vector<Entry> entries;
-    for (const auto& [k, v] : m_values) {
-        if (std::get<0>(k) == app && (section.empty() || std::get<1>(k) == section)) {
-            entries.push_back({std::get<1>(k), std::get<2>(k), v});
+    // The map is ordered by the lower-case names, which is the order the entries list in.
+    for (auto it = m_values.lower_bound(Id{appId, sectionId, {}});
+         it != m_values.end() && it->first.app == appId; ++it) {
+        if (!section.empty() && it->first.section != sectionId) {
+            break;
         }
+        entries.push_back({it->second.section, it->second.key, it->second.value});
     }
     return entries;
 }
 
 bool MemoryStore::has(std::string_view app, std::string_view section, std::string_view key) const {
-    return m_values.count({std::string(app), std::string(section), std::string(key)}) > 0;
+    return m_values.count(idOf(app, section, key)) > 0;
 }
 
 void MemoryStore::erase(std::string_view app, std::string_view section, std::string_view key) {
-    m_values.erase({std::string(app), std::string(section), std::string(key)});
+    m_values.erase(idOf(app, section, key));
 }
 
 }  // namespace kestrix::sim

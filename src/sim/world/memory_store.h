@@ -2,13 +2,16 @@
 
 #include <map>
 #include <string>
-#include <tuple>
+#include <string_view>
+#include <vector>
 
 #include "engine/platform/settings_store.h"
 
 namespace kestrix::sim {
 
-// The settings store in memory, for the virtual world.
+// The settings store in memory, for the virtual world. Names compare as in the real stores
+// (the registry, the SQLite file): without regard to ASCII case, the first spelling written is
+// the one kept and listed, and entries list by section, then key, in that order.
 class MemoryStore : public SettingsStore {
 public:
     std::string get(std::string_view app, std::string_view section, std::string_view key,
@@ -31,8 +34,22 @@ public:
                  std::string_view value);
 
 private:
-    using Key = std::tuple<std::string, std::string, std::string>;
-    std::map<Key, std::string> m_values;
+    // Lower-case (ASCII) app, section and key: what identifies an entry.
+    struct Id {
+        std::string app;
+        std::string section;
+        std::string key;
+        auto operator<=>(const Id&) const = default;
+    };
+    struct Stored {
+        std::string section;  // as first written
+        std::string key;
+        std::string value;
+    };
+    static Id idOf(std::string_view app, std::string_view section, std::string_view key);
+    void check() const;
+
+    std::map<Id, Stored> m_values;
     std::vector<std::string> m_writes;
     bool m_broken = false;
     bool m_writesRefused = false;

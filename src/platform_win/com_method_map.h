@@ -20,7 +20,7 @@
 //   ""       the operation is not called; it gives an empty text.
 // Blanks around the name are ignored. This file is standard C++ so the mapping can be checked
 // on every platform; only the adapter that calls the component is Windows-only.
-namespace kestrix::qt::com {
+namespace kestrix::win::com {
 
 inline constexpr std::string_view kInterfaceId = "{0CF2F7EF-EA1D-4DC0-9B6E-BB68386C3B90}";
 // Key (section "Pin Pad Methods") of the component's ProgID or "{CLSID}". Empty (the default):
@@ -58,4 +58,4 @@ MethodCall parseMethodCall(std::string_view value);
 // The call for `key`: the store's value when present, else the default.
 MethodCall lookUp(SettingsStore& store, std::string_view key);
 
-}  // namespace kestrix::qt::com
+}  // namespace kestrix::win::com

@@ -15,7 +15,7 @@
 #include "engine/errors.h"
 #include "engine/settings/layout.h"
 
-namespace kestrix::qt {
+namespace kestrix::win {
 
 namespace {
 
@@ -66,9 +66,36 @@ KsxError failure(int number, const std::string& description) {
     return KsxError(number, description, std::string(com::kComponentName));
 }
 
-// The component's own report of a failed call, or the system's text for the HRESULT.
+// What an automation client (Visual Basic, which the operators' guide and the console messages
+// follow) reports for the automation failures of a late-bound call.
+struct ClientError {
+    HRESULT hr;
+    int number;
+    const char* description;
+};
+constexpr ClientError kClientErrors[] = {
+    {DISP_E_MEMBERNOTFOUND, kNoSuchMember, "Object doesn't support this property or method"},
+    {DISP_E_UNKNOWNNAME, kNoSuchMember, "Object doesn't support this property or method"},
+    {DISP_E_TYPEMISMATCH, KsxError::kTypeMismatch, "Type mismatch"},
+    {DISP_E_BADPARAMCOUNT, 450, "Wrong number of arguments or invalid property assignment"},
+    {DISP_E_PARAMNOTOPTIONAL, 449, "Argument not optional"},
+    {DISP_E_OVERFLOW, KsxError::kOverflow, "Overflow"},
+};
+
+// The error number of a failure code: a Visual Basic run-time error raised inside the component
+// travels as FACILITY_CONTROL with the error's number in the low word; any other code is
+// reported whole, as a (negative) number.
+int errorNumber(HRESULT hr) {
+    if (HRESULT_FACILITY(hr) == FACILITY_CONTROL) {
+        return HRESULT_CODE(hr);
+    }
+    return static_cast<int>(hr);
+}
+
+// The component's own report of a failed call (its error number and text), or the client's
+// number and text for an automation failure.
 KsxError callFailure(HRESULT hr, const std::string& member, EXCEPINFO* info) {
-    int number = static_cast<int>(hr);
+    int number = errorNumber(hr);
     std::string description;
     if (hr == DISP_E_EXCEPTION && info != nullptr) {
         if (info->pfnDeferredFillIn != nullptr) {
@@ -78,11 +105,18 @@ KsxError callFailure(HRESULT hr, const std::string& member, EXCEPINFO* info) {
         if (info->wCode != 0) {
             number = info->wCode;
         } else if (info->scode != 0) {
-            number = static_cast<int>(info->scode);
+            number = errorNumber(info->scode);
         }
         SysFreeString(info->bstrSource);
         SysFreeString(info->bstrDescription);
         SysFreeString(info->bstrHelpFile);
+    } else {
+        for (const ClientError& e : kClientErrors) {
+            if (e.hr == hr) {
+                number = e.number;
+                description = e.description;
+            }
+        }
     }
     if (description.empty()) {
         description = systemMessage(hr);
@@ -471,4 +505,4 @@ std::string ComPaymentLibrary::errorCode() {
     return call("errorCode");
 }
 
-}  // namespace kestrix::qt
+}  // namespace kestrix::win

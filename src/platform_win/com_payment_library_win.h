@@ -9,7 +9,7 @@
 
 struct IDispatch;
 
-namespace kestrix::qt {
+namespace kestrix::win {
 
 // The kiosk's registered card payment component (cpIntegracionEMV), driven by late-bound COM
 // automation: every operation is a call through IDispatch by the name that com_method_map.h
@@ -20,8 +20,11 @@ namespace kestrix::qt {
 // thread. The component pumps the thread's messages while a card read or a sale waits, which is
 // what lets the engine's timers run meanwhile.
 //
-// Failures are thrown as KsxError: 429 when the component cannot be created, 438 when it has no
-// member of the mapped name, the component's own error number and text when a call fails.
+// Failures are thrown as KsxError with the number a Visual Basic client would report: 429 when
+// the component cannot be created, 438 when it has no member of the mapped name, the
+// component's own error number and text when it raises one (a Visual Basic error raised in it
+// by its own number), 13, 449, 450 or 6 for a call the component refuses for its arguments, and
+// the failure code itself (a negative number) for anything else.
 class ComPaymentLibrary : public PaymentLibrary {
 public:
     explicit ComPaymentLibrary(SettingsStore& store);
@@ -60,4 +63,4 @@ private:
     bool m_comInitialised = false;
 };
 
-}  // namespace kestrix::qt
+}  // namespace kestrix::win

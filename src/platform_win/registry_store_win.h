@@ -2,15 +2,17 @@
 
 #include "engine/platform/settings_store.h"
 
-namespace kestrix::qt {
+namespace kestrix::win {
 
 // The settings store in the Windows registry, where existing hosts already keep it with their
 // platform's standard settings calls:
 //
 //   HKEY_CURRENT_USER\Software\VB and VBA Program Settings\<app>\<section>, value <key>
 //
-// String values, read live on every call (the host writes them while the engine runs). Names
-// and values are UTF-8 on our side and UTF-16 in the registry. Windows only.
+// String values (REG_SZ), read live on every call (the host writes them while the engine runs);
+// a number a host wrote as REG_DWORD or REG_QWORD reads as its decimal text, values of other
+// types read as missing. Names and values are UTF-8 on our side and UTF-16 in the registry;
+// names ignore case, as the SQLite store's do. Windows only.
 class RegistryStore : public SettingsStore {
 public:
     std::string get(std::string_view app, std::string_view section, std::string_view key,
@@ -20,4 +22,4 @@ public:
     std::vector<Entry> list(std::string_view app, std::string_view section = {}) override;
 };
 
-}  // namespace kestrix::qt
+}  // namespace kestrix::win

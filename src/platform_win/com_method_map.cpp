@@ -4,7 +4,7 @@
 
 #include "engine/settings/layout.h"
 
-namespace kestrix::qt::com {
+namespace kestrix::win::com {
 
 namespace {
 
@@ -116,4 +116,4 @@ MethodCall lookUp(SettingsStore& store, std::string_view key) {
     return parseMethodCall(value);
 }
 
-}  // namespace kestrix::qt::com
+}  // namespace kestrix::win::com

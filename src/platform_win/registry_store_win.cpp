@@ -14,9 +14,11 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <string>
+#include <vector>
 
-namespace kestrix::qt {
+namespace kestrix::win {
 
 namespace {
 
@@ -79,43 +81,69 @@ std::wstring sectionKey(std::string_view app, std::string_view section) {
     throw StoreError("settings store (registry): " + what + ": " + message);
 }
 
-// Reads one string value; false when the key or value does not exist or is not a string.
+// Reads one value as text; false when the key or value does not exist or has a type that is no
+// text or number. Hosts write strings (REG_SZ) with the standard settings calls, but a host that
+// uses the registry API directly may write a number (REG_DWORD, REG_QWORD): it reads as its
+// decimal text, as a number stored in the SQLite store reads. REG_EXPAND_SZ reads as written,
+// unexpanded: the store hands values through unchanged.
 bool readValue(HKEY root, const std::wstring& subKey, const std::wstring& name, std::wstring& out,
                const std::string& what) {
-    const DWORD flags = RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND;
+    const DWORD flags = RRF_RT_ANY | RRF_NOEXPAND;
+    const auto missing = [](LSTATUS status) {
+        return status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND;
+    };
+    std::vector<BYTE> data;
     for (;;) {
+        DWORD type = REG_NONE;
         DWORD bytes = 0;
         LSTATUS status =
-            RegGetValueW(root, subKey.c_str(), name.c_str(), flags, nullptr, nullptr, &bytes);
-        if (status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND ||
-            status == ERROR_UNSUPPORTED_TYPE) {
+            RegGetValueW(root, subKey.c_str(), name.c_str(), flags, &type, nullptr, &bytes);
+        if (missing(status)) {
             return false;
         }
         if (status != ERROR_SUCCESS) {
             fail("cannot read " + what, status);
         }
-        std::wstring buffer(bytes / sizeof(wchar_t) + 1, L'\0');
-        DWORD size = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
-        status =
-            RegGetValueW(root, subKey.c_str(), name.c_str(), flags, nullptr, buffer.data(), &size);
+        // Room for a terminating null that RegGetValueW adds to a string stored without one.
+        data.assign(bytes + sizeof(wchar_t), 0);
+        DWORD size = static_cast<DWORD>(data.size());
+        status = RegGetValueW(root, subKey.c_str(), name.c_str(), flags, &type, data.data(), &size);
         if (status == ERROR_MORE_DATA) {
             continue;  // the host made the value longer between the two calls
         }
-        if (status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND ||
-            status == ERROR_UNSUPPORTED_TYPE) {
+        if (missing(status)) {
             return false;
         }
         if (status != ERROR_SUCCESS) {
             fail("cannot read " + what, status);
         }
-        // The size counts the terminating null, which RegGetValueW always writes.
-        std::size_t length = size / sizeof(wchar_t);
-        while (length > 0 && buffer[length - 1] == L'\0') {
-            --length;
+        switch (type) {
+            case REG_SZ:
+            case REG_EXPAND_SZ: {
+                std::wstring text(size / sizeof(wchar_t), L'\0');
+                std::memcpy(text.data(), data.data(), text.size() * sizeof(wchar_t));
+                // The size counts the terminating null.
+                while (!text.empty() && text.back() == L'\0') {
+                    text.pop_back();
+                }
+                out = std::move(text);
+                return true;
+            }
+            case REG_DWORD: {
+                DWORD number = 0;
+                std::memcpy(&number, data.data(), std::min<std::size_t>(size, sizeof number));
+                out = std::to_wstring(number);
+                return true;
+            }
+            case REG_QWORD: {
+                unsigned long long number = 0;
+                std::memcpy(&number, data.data(), std::min<std::size_t>(size, sizeof number));
+                out = std::to_wstring(number);
+                return true;
+            }
+            default:
+                return false;
         }
-        buffer.resize(length);
-        out = std::move(buffer);
-        return true;
     }
 }
 
@@ -217,11 +245,14 @@ std::vector<SettingsStore::Entry> RegistryStore::list(std::string_view app,
     if (status != ERROR_SUCCESS) {
         fail("cannot open " + std::string(app), status);
     }
-    std::vector<std::wstring> sections;
-    if (section.empty()) {
-        sections = subKeys(appHandle.key);
-    } else {
-        sections.push_back(widen(section));
+    // Sections by the names they have in the registry, which may be spelt otherwise than asked.
+    std::vector<std::wstring> sections = subKeys(appHandle.key);
+    if (!section.empty()) {
+        const std::wstring wanted = widen(section);
+        std::erase_if(sections, [&](const std::wstring& name) {
+            return CompareStringOrdinal(name.c_str(), static_cast<int>(name.size()), wanted.c_str(),
+                                        static_cast<int>(wanted.size()), TRUE) != CSTR_EQUAL;
+        });
     }
     for (const std::wstring& sectionName : sections) {
         KeyHandle sectionHandle;
@@ -255,4 +286,4 @@ std::vector<SettingsStore::Entry> RegistryStore::list(std::string_view app,
     return entries;
 }
 
-}  // namespace kestrix::qt
+}  // namespace kestrix::win
