@@ -9,7 +9,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "console/device_status.h"
+#include "engine/device_status.h"
 #include "engine/console.h"
 
 class QCloseEvent;
