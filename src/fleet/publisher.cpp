@@ -109,6 +109,7 @@ struct Publisher::Core {
     mosquitto* mosq = nullptr;
     bool connectedNow = false;
     bool dropRequested = false;
+    std::string dropReason;
     Clock::time_point connectStarted;
     Clock::time_point nextAttempt;
     std::chrono::seconds retryWait = kFirstRetryWait;
@@ -246,6 +247,7 @@ void Publisher::Core::drop(const std::string& why) {
     connectedNow = false;
     isConnected = false;
     dropRequested = false;
+    dropReason.clear();
     // What was sent and not acknowledged is sent again from the journal after the reconnection.
     pending.clear();
     controlMids.clear();
@@ -257,8 +259,8 @@ void Publisher::Core::drop(const std::string& why) {
 void Publisher::Core::onConnect(mosquitto* m, void* obj, int rc) {
     auto* self = static_cast<Core*>(obj);
     if (rc != 0) {
-        self->problem(std::string("the broker refused the connection: ") +
-                      mosquitto_connack_string(rc));
+        self->dropReason =
+            std::string("the broker refused the connection: ") + mosquitto_connack_string(rc);
         self->dropRequested = true;
         return;
     }
@@ -407,11 +409,11 @@ void Publisher::Core::run() {
         }
         if (mosq != nullptr) {
             const int rc = mosquitto_loop(mosq, tickMs, 1);
-            if (rc != MOSQ_ERR_SUCCESS && mosq != nullptr) {
+            if (dropRequested) {
+                drop(dropReason.empty() ? "the broker closed the connection" : dropReason);
+            } else if (rc != MOSQ_ERR_SUCCESS) {
                 drop(std::string("connection to ") + config.broker.host + ":" +
                      std::to_string(config.broker.port) + ": " + mosquitto_strerror(rc));
-            } else if (dropRequested) {
-                drop("the broker closed the connection");
             } else if (!connectedNow && Clock::now() - connectStarted > timing.connectTimeout) {
                 drop("no answer from " + config.broker.host + ":" +
                      std::to_string(config.broker.port));
