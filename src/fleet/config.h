@@ -21,14 +21,14 @@ std::optional<BrokerAddress> parseBroker(std::string_view url);
 // The publisher's settings, from section "Fleet" of the store. They are read once when the engine
 // starts; a change takes effect at the next start.
 struct FleetConfig {
-    bool enabled = false;      // "Enabled" = "1"
-    BrokerAddress broker;      // "Broker"
-    std::string kioskId;       // "KioskId", else the host name; the second level of every topic
-    std::string username;      // "Username" (empty: none)
-    std::string password;      // "Password"
-    std::string caCertificate; // "CACertificate": PEM file of the CA that signed the broker's
-                               // certificate; empty: the system's trusted CAs
-    std::string engineVersion; // published in the state
+    bool enabled = false;       // "Enabled" = "1"
+    BrokerAddress broker;       // "Broker"
+    std::string kioskId;        // "KioskId", else the host name; the second level of every topic
+    std::string username;       // "Username" (empty: none)
+    std::string password;       // "Password"
+    std::string caCertificate;  // "CACertificate": PEM file of the CA that signed the broker's
+                                // certificate; empty: the system's trusted CAs
+    std::string engineVersion;  // published in the state
     // Topic prefix "kestrix/<KioskId>/".
     std::string topic(std::string_view leaf) const {
         return "kestrix/" + kioskId + "/" + std::string(leaf);

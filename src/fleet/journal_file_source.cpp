@@ -91,8 +91,8 @@ std::vector<JournalRow> JournalFileSource::query(const char* sql, std::int64_t a
 }
 
 std::vector<JournalRow> JournalFileSource::rowsAfter(std::int64_t sequence, std::size_t limit) {
-    static const std::string sql = std::string("SELECT ") + kColumns +
-                                   " FROM journal WHERE seq > ?1 ORDER BY seq LIMIT ?2";
+    static const std::string sql =
+        std::string("SELECT ") + kColumns + " FROM journal WHERE seq > ?1 ORDER BY seq LIMIT ?2";
     return query(sql.c_str(), sequence, static_cast<std::int64_t>(limit));
 }
 

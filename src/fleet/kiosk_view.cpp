@@ -66,8 +66,8 @@ KioskView::KioskView() = default;
 bool KioskView::watched(const std::string& name) {
     static const std::unordered_set<std::string> kNames = [] {
         std::unordered_set<std::string> names = {
-            "tubesAmount",  "bdStatus", "bdCasetteStatus", "h1CoinValue",   "h2CoinValue",
-            "ccOnLine",     "hDispensed", "statusDisplay", "hoppersEnabled", "pinPadEnabled"};
+            "tubesAmount", "bdStatus",   "bdCasetteStatus", "h1CoinValue",    "h2CoinValue",
+            "ccOnLine",    "hDispensed", "statusDisplay",   "hoppersEnabled", "pinPadEnabled"};
         for (int n = 1; n <= 5; ++n) {
             names.insert(Console::tubeCoinType(n));
             names.insert(Console::tubeCoinQty(n));
@@ -101,8 +101,8 @@ void KioskView::noteField(const Field& field, const Hoppers* hoppers) {
     }
     std::lock_guard lock(m_mutex);
     m_status.noteField(field);
-    m_texts[field.name] = field.kind == FieldKind::CheckBox ? std::to_string(field.value)
-                                                            : field.text;
+    m_texts[field.name] =
+        field.kind == FieldKind::CheckBox ? std::to_string(field.value) : field.text;
     if (hoppers != nullptr && !sameReports(hoppers->lastReports(), m_lastReports)) {
         m_lastReports = hoppers->lastReports();
         for (const Hoppers::Report& r : m_lastReports) {

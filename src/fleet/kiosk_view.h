@@ -17,7 +17,7 @@ namespace kestrix::fleet {
 // What the retained `state` message says about the kiosk at one moment.
 struct KioskState {
     struct Device {
-        std::string name;    // "changer", "validator", "dispenser", "hoppers", "pinpad"
+        std::string name;  // "changer", "validator", "dispenser", "hoppers", "pinpad"
         bool enabled = false;
         std::string status;  // "ok", "off", "waiting", "problem"
         std::string text;    // the console's status line for it
