@@ -8,6 +8,7 @@
 #include <QJsonArray>
 
 #include <filesystem>
+#include <sstream>
 #include <thread>
 
 #include "e2e/simulated_kiosk.h"
@@ -358,6 +359,63 @@ TEST(FleetPublisher, TlsWithAUserAndPassword) {
     }
     EXPECT_TRUE(sub.messages("kestrix/badpassword/online").empty());
     EXPECT_TRUE(sub.messages("kestrix/untrusted/online").empty());
+}
+
+// The example subscriber of docs/fleet.md: one line per kiosk from the retained messages.
+TEST(FleetTable, OneLinePerKioskFromTheRetainedStates) {
+    Broker broker;
+    const std::string dir = test::makeTempDir("ksx-table");
+    test::TestJournal northJournal;
+    test::TestJournal southJournal;
+    fleet::Publisher north(configFor("127.0.0.1", broker.port(), "north"),
+                           std::make_unique<JournalReader>(northJournal), dir + "/n", nullptr,
+                           quick());
+    fleet::Publisher south(configFor("127.0.0.1", broker.port(), "south"),
+                           std::make_unique<JournalReader>(southJournal), dir + "/s", nullptr,
+                           quick());
+    const auto field = [](const char* name, const char* text, int value = 0) {
+        Field f;
+        f.name = name;
+        f.kind = value != 0 ? FieldKind::CheckBox : FieldKind::TextBox;
+        f.text = text;
+        f.value = value;
+        return f;
+    };
+    north.view().noteField(field("tubesAmount", "320"));
+    south.view().noteField(field("bdCasetteStatus", "LOW"));
+    north.start();
+    south.start();
+    ASSERT_TRUE(test::eventually([&] { return north.connected() && south.connected(); }, 10s));
+    JournalRow jam;
+    jam.kind = journal_kind::kDeviceFault;
+    jam.device = "validator";
+    jam.detail = "bill jammed";
+    northJournal.append(jam);
+    ASSERT_TRUE(test::eventually([&] { return north.acknowledged() == 1; }, 10s));
+    south.stop();
+
+    test::RunResult table;
+    ASSERT_TRUE(test::eventually(
+        [&] {
+            table = test::run("/usr/bin/python3",
+                              {std::string(KESTRIX_SOURCE_DIR) + "/scripts/fleet-table", "-h",
+                               "127.0.0.1", "-p", std::to_string(broker.port())});
+            return table.out.find("bill jammed") != std::string::npos;
+        },
+        10s))
+        << table.out << table.err;
+    std::istringstream lines(table.out);
+    std::string header, first, second, more;
+    std::getline(lines, header);
+    std::getline(lines, first);
+    std::getline(lines, second);
+    EXPECT_FALSE(std::getline(lines, more)) << table.out;
+    EXPECT_EQ(header.rfind("KIOSK", 0), 0u) << table.out;
+    EXPECT_EQ(first.rfind("north  yes", 0), 0u) << table.out;
+    EXPECT_NE(first.find("320.00"), std::string::npos) << table.out;
+    EXPECT_NE(first.find("validator: bill jammed"), std::string::npos) << table.out;
+    EXPECT_EQ(second.rfind("south  NO", 0), 0u) << table.out;
+    EXPECT_NE(second.find("LOW"), std::string::npos) << table.out;
 }
 
 // The real engine program with the fleet enabled in its store: its devices reach the retained
