@@ -14,8 +14,8 @@ constexpr int kBusyTimeoutMs = 1000;
 
 // The journal's table and columns, in JournalRow's order.
 constexpr const char* kColumns =
-    "seq, wall_time_ms, payment_id, kind, device, amount_minor, count, type, raw, detail, "
-    "requester, reference";
+    "seq, time_ms, payment, kind, device, amount_minor, count, type, raw, detail, requester, "
+    "reference";
 
 std::string text(sqlite3_stmt* st, int column) {
     const unsigned char* t = sqlite3_column_text(st, column);

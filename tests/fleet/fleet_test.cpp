@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 
 #include <QJsonArray>
 
@@ -14,6 +15,7 @@
 #include "e2e/simulated_kiosk.h"
 #include "engine/platform/journal.h"
 #include "fleet/config.h"
+#include "fleet/journal_file_source.h"
 #include "fleet/messages.h"
 #include "fleet/publisher.h"
 #include "mqtt_rig.h"
@@ -142,6 +144,62 @@ TEST(FleetEvents, CardNumbersLeaveTheKioskMasked) {
     r.raw = "4111111111111111";
     const std::string json = fleet::eventJson("k", r);
     EXPECT_EQ(json.find("4111111111111111"), std::string::npos) << json;
+}
+
+// The engine's journal file, read while it is written: nothing before it exists, rows in order
+// after a sequence, each device's latest fault and recovery.
+TEST(FleetJournalFile, ReadsTheJournalTheEngineWrites) {
+    const std::string path = test::makeTempDir("ksx-journal") + "/KSX-journal.db";
+    fleet::JournalFileSource source(path);
+    EXPECT_EQ(source.lastSequence(), 0) << "a journal not created yet is empty";
+    EXPECT_TRUE(source.rowsAfter(0, 10).empty());
+
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    const auto exec = [db](const std::string& sql) {
+        ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+    };
+    exec("PRAGMA journal_mode=WAL");
+    exec(
+        "CREATE TABLE journal(seq INTEGER PRIMARY KEY AUTOINCREMENT, time_ms INTEGER NOT NULL, "
+        "payment INTEGER NOT NULL DEFAULT 0, kind TEXT NOT NULL, device TEXT NOT NULL DEFAULT '', "
+        "amount_minor INTEGER NOT NULL DEFAULT 0, count INTEGER NOT NULL DEFAULT 0, "
+        "type INTEGER NOT NULL DEFAULT 0, raw TEXT NOT NULL DEFAULT '', "
+        "detail TEXT NOT NULL DEFAULT '', requester TEXT NOT NULL DEFAULT '', "
+        "reference TEXT NOT NULL DEFAULT '')");
+    const auto add = [&exec](const std::string& kind, const std::string& device,
+                             const std::string& detail, int amount) {
+        exec(
+            "INSERT INTO journal(time_ms, payment, kind, device, amount_minor, detail) VALUES("
+            "1700000000000, 7, '" +
+            kind + "', '" + device + "', " + std::to_string(amount) + ", '" + detail + "')");
+    };
+    add("device fault", "validator", "jam", 0);
+    add("payment end", "", "Payment Completed", 2000);
+    add("device fault", "hopper1", "empty", 0);
+    add("device recovered", "validator", "", 0);
+    add("device fault", "validator", "jam again", 0);
+    add("device recovered", "validator", "", 0);
+
+    EXPECT_EQ(source.lastSequence(), 6);
+    const std::vector<JournalRow> rows = source.rowsAfter(1, 2);
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[0].sequence, 2);
+    EXPECT_EQ(rows[0].kind, "payment end");
+    EXPECT_EQ(rows[0].amount, Money::fromMinor(2000));
+    EXPECT_EQ(rows[0].paymentId, 7);
+    EXPECT_EQ(rows[0].wallTimeMs, 1700000000000);
+    EXPECT_EQ(rows[1].sequence, 3);
+
+    fleet::FaultNotes notes;
+    for (const JournalRow& r : source.latestFaultRows()) {
+        fleet::noteFaultRow(notes, r);
+    }
+    EXPECT_EQ(notes["validator"].detail, "jam again");
+    EXPECT_TRUE(notes["validator"].recovered);
+    EXPECT_EQ(notes["hoppers"].detail, "empty");
+    EXPECT_FALSE(notes["hoppers"].recovered);
+    sqlite3_close(db);
 }
 
 // A cash payment on the virtual kiosk: its journal rows reach the broker as one event, and the
