@@ -22,7 +22,8 @@ struct PublisherTiming {
     std::chrono::seconds connectTimeout{10};
     // Waits between connection attempts double from one second up to this.
     std::chrono::seconds maxRetryWait{10};
-    // MQTT keepalive: a broker that falls silent is noticed within one and a half of it.
+    // MQTT keepalive: a broker that falls silent is pinged after this, and given up when it has
+    // not answered one more of it later.
     int keepaliveSeconds = 30;
     // Events sent and not yet acknowledged at once.
     std::size_t maxInFlight = 32;

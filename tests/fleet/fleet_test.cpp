@@ -294,6 +294,27 @@ TEST(FleetPublisher, APaymentOnTheVirtualKioskIsOneEventAndTheStateFollowsTheCon
     EXPECT_NE(e["detail"].toString().indexOf("Payment Completed"), -1) << events[0].payload;
 }
 
+// The hoppers have no level sensor the engine reads: the state shows what their last dispense
+// showed, hopper by hopper.
+TEST(FleetState, HopperLevelsFromTheirLastDispense) {
+    sim::VirtualKiosk kiosk;
+    kiosk.configureAllDevices();
+    kestrix::Setup& engine = kiosk.engine();
+    fleet::KioskView view;
+    engine.console().setChangeListener(
+        [&view, &engine](const Field& f) { view.noteField(f, &engine.hoppers()); });
+    ASSERT_TRUE(kiosk.start());
+    EXPECT_EQ(view.takeState(true)->hoppers[0].level, "unknown");
+
+    kiosk.hopper2().setCoins(0);
+    engine.operatorEdit("hToDispense", "7", 0);
+    engine.operatorClick("hDispenseCoins");
+    const fleet::KioskState state = *view.takeState();
+    EXPECT_EQ(state.hoppers[0].level, "ok") << engine.console().text("hDispensed");
+    EXPECT_EQ(state.hoppers[1].level, "empty");
+    EXPECT_EQ(state.hoppers[1].coinMinor, 500);
+}
+
 // The link to the broker is cut for 30 s while the kiosk goes on journaling: the broker marks the
 // kiosk off line, and after the link is back every event of the outage arrives, in order.
 TEST(FleetPublisher, EveryEventOfAThirtySecondOutageArrivesInOrderAfterIt) {
