@@ -227,7 +227,7 @@ TEST(FleetPublisher, APaymentOnTheVirtualKioskIsOneEventAndTheStateFollowsTheCon
     kiosk.hostWrite("Due", "12.5");
     ASSERT_TRUE(
         kiosk.runUntil([&] { return kiosk.mailbox("Status") == "Insert Coins or Bills..."; }, 30));
-    kiosk.insertBill(2);  // 20
+    kiosk.insertBill(1);  // 20
     ASSERT_TRUE(
         kiosk.runUntil([&] { return kiosk.mailbox("Status") == "Payment Completed"; }, 120));
 
@@ -292,6 +292,7 @@ TEST(FleetPublisher, APaymentOnTheVirtualKioskIsOneEventAndTheStateFollowsTheCon
     EXPECT_EQ(e["kind"].toString(), "payment end");
     EXPECT_EQ(e["amountMinor"].toDouble(), 2000) << events[0].payload;
     EXPECT_NE(e["detail"].toString().indexOf("Payment Completed"), -1) << events[0].payload;
+    EXPECT_NE(e["detail"].toString().indexOf("change paid 7.5"), -1) << events[0].payload;
 }
 
 // The hoppers have no level sensor the engine reads: the state shows what their last dispense
