@@ -9,8 +9,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "console/device_status.h"
 #include "engine/console.h"
+#include "engine/device_status.h"
 
 class QCloseEvent;
 class QComboBox;

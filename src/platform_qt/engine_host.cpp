@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <mutex>
 
+#include "engine/hoppers/hoppers.h"
 #include "engine/platform/message_box.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
@@ -18,7 +19,42 @@
 #include "sqlite_store.h"
 #include "steady_clock.h"
 
+#ifdef KESTRIX_HAVE_FLEET
+#include "fleet/start.h"
+#endif
+
 namespace kestrix::qt {
+
+namespace {
+
+#ifdef KESTRIX_HAVE_FLEET
+using FleetView = fleet::KioskView;
+#else
+// A build without the fleet publisher has nothing to feed.
+struct FleetView {
+    void noteField(const Field&, const Hoppers* = nullptr) {}
+    void noteMessage(const std::string&) {}
+};
+#endif
+
+// Shows the operator's messages as `inner` does, and tells the fleet publisher about them (the
+// device problems they report).
+class NotingMessageBox : public MessageBox {
+public:
+    NotingMessageBox(MessageBox& inner, FleetView* view) : m_inner(inner), m_view(view) {}
+    void show(const std::string& text, const std::string& title) override {
+        if (m_view != nullptr) {
+            m_view->noteMessage(text);
+        }
+        m_inner.show(text, title);
+    }
+
+private:
+    MessageBox& m_inner;
+    FleetView* m_view;
+};
+
+}  // namespace
 
 struct EngineHost::Shared {
     std::mutex mutex;
@@ -102,15 +138,33 @@ void EngineHost::run() {
         QtSerialPort mdbPort(resolver);
         QtSerialPort dispenserPort(resolver);
         QtSerialPort hoppersPort(resolver);
+        // The fleet publisher (when the store enables it) outlives the engine object, so that it
+        // can tell the broker the engine has ended.
+        FleetView* fleetView = nullptr;
+#ifdef KESTRIX_HAVE_FLEET
+        const std::unique_ptr<fleet::Publisher> fleetPublisher = fleet::startFromStore(
+            store, m_options.storePath, QCoreApplication::applicationVersion().toStdString());
+        fleetView = fleetPublisher ? &fleetPublisher->view() : nullptr;
+#endif
+        NotingMessageBox messageBox(*m_messageBox, fleetView);
         {
-            Setup setup(Platform{clock, scheduler, store, *m_messageBox, printer, network, instance,
+            Setup setup(Platform{clock, scheduler, store, messageBox, printer, network, instance,
                                  *library, mdbPort, dispenserPort, hoppersPort});
-            setup.console().setChangeListener([this](const Field& f) { emit fieldChanged(f); });
+            const Hoppers* hoppers = &setup.hoppers();
+            setup.console().setChangeListener([this, fleetView, hoppers](const Field& f) {
+                emit fieldChanged(f);
+                if (fleetView != nullptr) {
+                    fleetView->noteField(f, hoppers);
+                }
+            });
             setup.console().setIndicatorListener(
                 [this](Indicator which) { emit indicatorFlashed(which); });
             // Let a view render the whole console before the load changes it.
             for (const Field& f : setup.console().fields()) {
                 emit fieldChanged(f);
+                if (fleetView != nullptr) {
+                    fleetView->noteField(f);
+                }
             }
             {
                 std::lock_guard lock(m_shared->mutex);

@@ -1,7 +1,7 @@
 // The per-device status lines, from the fields and messages the engine gives.
 #include <gtest/gtest.h>
 
-#include "console/device_status.h"
+#include "engine/device_status.h"
 
 namespace kestrix::console {
 namespace {

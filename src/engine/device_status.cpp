@@ -1,4 +1,4 @@
-#include "console/device_status.h"
+#include "device_status.h"
 
 #include <cstddef>
 #include <vector>

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "engine/console.h"
+#include "console.h"
 
 namespace kestrix::console {
 
@@ -28,7 +28,8 @@ struct StatusLine {
 // What the console can tell the technician about each device, worked out from what the engine
 // shows anyway: its enable box, the identification it fills after a successful initialisation
 // ("N/A" until then), and the messages it gives when a device does not answer or a port cannot be
-// opened. The engine keeps no such summary itself.
+// opened. The engine's routines keep no such summary themselves; the operator console and the
+// fleet publisher each keep one, fed from the console's field changes.
 class DeviceStatus {
 public:
     // Every field change (cheap for fields it does not read).

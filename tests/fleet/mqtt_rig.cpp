@@ -1,0 +1,363 @@
+#include "mqtt_rig.h"
+
+#include <arpa/inet.h>
+#include <mosquitto.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <stdexcept>
+
+#include "engine/platform/journal.h"
+#include "support/support.h"
+
+namespace kestrix::test {
+
+namespace {
+
+int listenOn(int port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int yes = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<std::uint16_t>(port));
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int portOf(int fd) {
+    sockaddr_in addr{};
+    socklen_t len = sizeof addr;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    return ntohs(addr.sin_port);
+}
+
+int connectTo(int port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<std::uint16_t>(port));
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+std::string mosquittoBinary() {
+    for (const char* p :
+         {"/usr/sbin/mosquitto", "/usr/bin/mosquitto", "/usr/local/sbin/mosquitto"}) {
+        if (::access(p, X_OK) == 0) {
+            return p;
+        }
+    }
+    throw std::runtime_error("mosquitto is not installed (scripts/bootstrap installs it)");
+}
+
+void initMosquitto() {
+    static std::once_flag once;
+    std::call_once(once, [] { mosquitto_lib_init(); });
+}
+
+}  // namespace
+
+int freePort() {
+    const int fd = listenOn(0);
+    const int port = portOf(fd);
+    ::close(fd);
+    return port;
+}
+
+Broker::Broker(const Tls* tls, const std::vector<std::pair<std::string, std::string>>& passwords)
+    : m_dir(makeTempDir("ksx-broker")), m_port(freePort()) {
+    const passwd* me = ::getpwuid(::getuid());
+    std::ofstream conf(m_dir + "/mosquitto.conf");
+    // As root, mosquitto would drop to a "mosquitto" user that cannot read the test's files.
+    conf << "user " << (me != nullptr ? me->pw_name : "root") << "\n"
+         << "per_listener_settings true\n"
+         << "persistence false\n"
+         << "listener " << m_port << " 127.0.0.1\n"
+         << "allow_anonymous true\n";
+    if (tls != nullptr) {
+        m_tlsPort = freePort();
+        const std::string passwordFile = m_dir + "/passwords";
+        for (const auto& [user, password] : passwords) {
+            const RunResult r =
+                run("/usr/bin/mosquitto_passwd",
+                    {"-b", std::string(::access(passwordFile.c_str(), F_OK) == 0 ? "" : "-c"),
+                     passwordFile, user, password});
+            if (r.status != 0) {
+                throw std::runtime_error("mosquitto_passwd: " + r.err);
+            }
+        }
+        // Every interface, so that "localhost" answers whether it resolves to IPv4 or IPv6.
+        conf << "listener " << m_tlsPort << "\n"
+             << "cafile " << tls->caFile << "\ncertfile " << tls->certFile << "\nkeyfile "
+             << tls->keyFile << "\n"
+             << "allow_anonymous false\npassword_file " << passwordFile << "\n";
+    }
+    conf.close();
+    m_process = std::make_unique<ChildProcess>(
+        mosquittoBinary(), std::vector<std::string>{"-c", m_dir + "/mosquitto.conf"});
+    const bool up = eventually(
+        [this] {
+            const int fd = connectTo(m_port);
+            if (fd >= 0) {
+                ::close(fd);
+            }
+            return fd >= 0;
+        },
+        std::chrono::seconds(10));
+    if (!up) {
+        throw std::runtime_error("mosquitto did not start: " + m_process->err());
+    }
+}
+
+Broker::Tls makeTestCa(const std::string& dir, const std::string& name) {
+    Broker::Tls t{dir + "/" + name + ".crt", dir + "/" + name + "-server.crt",
+                  dir + "/" + name + "-server.key"};
+    const std::string caKey = dir + "/" + name + ".key";
+    const std::string csr = dir + "/" + name + "-server.csr";
+    const std::string ext = dir + "/" + name + "-server.ext";
+    std::ofstream(ext) << "subjectAltName=DNS:localhost,IP:127.0.0.1\n";
+    const std::vector<std::vector<std::string>> steps = {
+        {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+         "-keyout", caKey, "-out", t.caFile, "-days", "2", "-subj", "/CN=Kestrix test CA " + name},
+        {"req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout",
+         t.keyFile, "-out", csr, "-subj", "/CN=localhost"},
+        {"x509", "-req", "-in", csr, "-CA", t.caFile, "-CAkey", caKey, "-CAcreateserial", "-out",
+         t.certFile, "-days", "2", "-extfile", ext},
+    };
+    for (const auto& args : steps) {
+        const RunResult r = run("/usr/bin/openssl", args);
+        if (r.status != 0) {
+            throw std::runtime_error("openssl: " + r.err);
+        }
+    }
+    return t;
+}
+
+Subscriber::Subscriber(int port, const std::string& topic) {
+    initMosquitto();
+    m_mosq = mosquitto_new(nullptr, true, this);
+    mosquitto_message_callback_set(m_mosq, &Subscriber::onMessage);
+    if (mosquitto_connect(m_mosq, "127.0.0.1", port, 30) != MOSQ_ERR_SUCCESS) {
+        throw std::runtime_error("subscriber cannot connect");
+    }
+    mosquitto_subscribe(m_mosq, nullptr, topic.c_str(), 1);
+    mosquitto_loop_start(m_mosq);
+    // A round trip through the broker: once this arrives, the subscription is in place.
+    const std::string probe =
+        "kestrix-test/probe/" + std::to_string(reinterpret_cast<std::uintptr_t>(this));
+    mosquitto_subscribe(m_mosq, nullptr, probe.c_str(), 1);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < deadline) {
+        publish(probe, "x");
+        if (waitFor(
+                probe, [](const Message&) { return true; }, std::chrono::milliseconds(200))) {
+            return;
+        }
+    }
+    throw std::runtime_error("subscriber did not get its subscription");
+}
+
+Subscriber::~Subscriber() {
+    mosquitto_disconnect(m_mosq);
+    mosquitto_loop_stop(m_mosq, true);
+    mosquitto_destroy(m_mosq);
+}
+
+void Subscriber::onMessage(mosquitto*, void* obj, const ::mosquitto_message* m) {
+    auto* self = static_cast<Subscriber*>(obj);
+    std::lock_guard lock(self->m_mutex);
+    self->m_messages.push_back(
+        {m->topic,
+         std::string(static_cast<const char*>(m->payload), static_cast<std::size_t>(m->payloadlen)),
+         m->retain});
+    self->m_changed.notify_all();
+}
+
+std::vector<Subscriber::Message> Subscriber::messages(const std::string& topic) const {
+    std::lock_guard lock(m_mutex);
+    std::vector<Message> out;
+    for (const Message& m : m_messages) {
+        if (topic.empty() || m.topic == topic) {
+            out.push_back(m);
+        }
+    }
+    return out;
+}
+
+std::optional<Subscriber::Message> Subscriber::waitFor(
+    const std::string& topic, const std::function<bool(const Message&)>& accept,
+    std::chrono::milliseconds timeout) {
+    std::unique_lock lock(m_mutex);
+    std::optional<Message> found;
+    m_changed.wait_for(lock, timeout, [&] {
+        for (auto it = m_messages.rbegin(); it != m_messages.rend(); ++it) {
+            if (it->topic == topic) {
+                if (accept(*it)) {
+                    found = *it;
+                }
+                return found.has_value();
+            }
+        }
+        return false;
+    });
+    return found;
+}
+
+void Subscriber::publish(const std::string& topic, const std::string& payload) {
+    mosquitto_publish(m_mosq, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                      payload.data(), 1, false);
+}
+
+CuttableLink::CuttableLink(int brokerPort) : m_brokerPort(brokerPort) {
+    m_listener = listenOn(0);
+    m_port = portOf(m_listener);
+    m_thread = std::thread([this] { run(); });
+}
+
+CuttableLink::~CuttableLink() {
+    m_stop = true;
+    m_thread.join();
+    ::close(m_listener);
+}
+
+void CuttableLink::cut() {
+    m_open = false;
+}
+
+void CuttableLink::mend() {
+    m_open = true;
+}
+
+void CuttableLink::run() {
+    std::vector<std::pair<int, int>> pairs;  // kiosk side, broker side
+    const auto closeAll = [&pairs] {
+        for (auto [a, b] : pairs) {
+            ::close(a);
+            ::close(b);
+        }
+        pairs.clear();
+    };
+    while (!m_stop) {
+        if (!m_open) {
+            closeAll();
+        }
+        std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
+        for (auto [a, b] : pairs) {
+            fds.push_back({a, POLLIN, 0});
+            fds.push_back({b, POLLIN, 0});
+        }
+        if (::poll(fds.data(), fds.size(), 20) <= 0) {
+            continue;
+        }
+        if (fds[0].revents & POLLIN) {
+            const int client = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+            const int broker = m_open && client >= 0 ? connectTo(m_brokerPort) : -1;
+            if (broker >= 0) {
+                pairs.emplace_back(client, broker);
+            } else if (client >= 0) {
+                ::close(client);
+            }
+            continue;
+        }
+        for (std::size_t i = 0; i < pairs.size(); ++i) {
+            const pollfd& pa = fds[1 + 2 * i];
+            const pollfd& pb = fds[2 + 2 * i];
+            bool dead = false;
+            for (auto [from, to, revents] :
+                 {std::tuple{pairs[i].first, pairs[i].second, pa.revents},
+                  std::tuple{pairs[i].second, pairs[i].first, pb.revents}}) {
+                if (revents == 0) {
+                    continue;
+                }
+                char buf[4096];
+                const ssize_t n = ::read(from, buf, sizeof buf);
+                if (n <= 0 || ::write(to, buf, static_cast<std::size_t>(n)) != n) {
+                    dead = true;
+                }
+            }
+            if (dead) {
+                ::close(pairs[i].first);
+                ::close(pairs[i].second);
+                pairs.erase(pairs.begin() + static_cast<std::ptrdiff_t>(i));
+                break;
+            }
+        }
+    }
+    closeAll();
+}
+
+fleet::JournalRow TestJournal::append(fleet::JournalRow row) {
+    std::lock_guard lock(m_mutex);
+    row.sequence = static_cast<std::int64_t>(m_rows.size()) + 1;
+    m_rows.push_back(row);
+    return row;
+}
+
+std::vector<fleet::JournalRow> TestJournal::rowsAfter(std::int64_t sequence, std::size_t limit) {
+    std::lock_guard lock(m_mutex);
+    std::vector<fleet::JournalRow> out;
+    for (const fleet::JournalRow& r : m_rows) {
+        if (r.sequence > sequence && out.size() < limit) {
+            out.push_back(r);
+        }
+    }
+    return out;
+}
+
+std::int64_t TestJournal::lastSequence() {
+    std::lock_guard lock(m_mutex);
+    return static_cast<std::int64_t>(m_rows.size());
+}
+
+std::vector<fleet::JournalRow> TestJournal::latestFaultRows() {
+    std::lock_guard lock(m_mutex);
+    std::vector<fleet::JournalRow> out;
+    for (const fleet::JournalRow& r : m_rows) {
+        if (r.kind == journal_kind::kDeviceFault || r.kind == journal_kind::kDeviceRecovered) {
+            out.push_back(r);
+        }
+    }
+    return out;
+}
+
+void SharedLog::write(LogLevel level, std::string_view message, const LogFields&) {
+    std::lock_guard lock(m_mutex);
+    m_lines.push_back("<" + std::to_string(static_cast<int>(level)) + ">" + std::string(message));
+    m_changed.notify_all();
+}
+
+bool SharedLog::waitForLine(const std::string& part, std::chrono::milliseconds timeout) {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, timeout, [&] {
+        for (const std::string& l : m_lines) {
+            if (l.find(part) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    });
+}
+
+std::string SharedLog::text() const {
+    std::lock_guard lock(m_mutex);
+    std::string out;
+    for (const std::string& l : m_lines) {
+        out += l + "\n";
+    }
+    return out;
+}
+
+}  // namespace kestrix::test
