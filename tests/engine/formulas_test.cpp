@@ -129,6 +129,9 @@ TEST(CurrencyText, DollarsWithTwoDecimalsAndThousands) {
     EXPECT_EQ(currencyText(1234567.891), "$1,234,567.89");
     EXPECT_EQ(currencyText(-5), "-$5.00");
     EXPECT_EQ(currencyText(std::nan("")), "$0.00");
+    // No amount is that large; its digits would not fit the integer the cents are taken from.
+    EXPECT_EQ(currencyText(1e307), "$0.00");
+    EXPECT_EQ(currencyText(-1e300), "$0.00");
 }
 
 TEST(LeadingNumber, TakesTheLeadingNumberAndNeverInventsAnAmount) {

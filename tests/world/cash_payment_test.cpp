@@ -355,6 +355,7 @@ TEST(CashPayment, RunTimeErrorsEndThePaymentAndLeaveNothingAccepting) {
     k.kiosk().mdbPort().unplug();
     ASSERT_TRUE(k.runUntilIdle(30));
     EXPECT_EQ(k.mailbox(mb::kStatus), "Error: Coin Acceptor");
+    EXPECT_EQ(k.mailbox(mb::kKsxError), "1") << "a vanished port is a port error";
     EXPECT_EQ(k.mailbox(mb::kCredit), "10");
     EXPECT_EQ(k.mailbox(mb::kDue), "0");
     EXPECT_TRUE(k.console().enabled("enablePayment"));
@@ -386,6 +387,14 @@ TEST(CashPayment, RunTimeErrorsEndThePaymentAndLeaveNothingAccepting) {
     ASSERT_TRUE(k.insertBill(1));
     ASSERT_TRUE(k.runUntilIdle(60));
     expectBooksBalance(k, before, 12.5, 7.5);
+
+    // The port goes while the validator is being recovered: still a port error for the host.
+    ASSERT_TRUE(k.requestPayment("50"));
+    k.kiosk().control("fault validator silent on");
+    k.mdbTap().at(k.now() + 3, [&k] { k.kiosk().mdbPort().unplug(); });
+    ASSERT_TRUE(k.runUntilIdle(60));
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Error: Bill Validator");
+    EXPECT_EQ(k.mailbox(mb::kKsxError), "1");
 }
 
 }  // namespace

@@ -356,6 +356,15 @@ TEST(MoneySafety, TerminationPaysTheCreditBackThenEnds) {
     EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "30");
     EXPECT_EQ(k.kiosk().store().get(store::kApp, store::section::kPinPad, "On Line", ""), "No");
     expectBooksBalance(k, before, 0, 30);
+
+    // The host's "Exit" with a validator that never answers: Exit gives it a few tries.
+    CashKiosk silent;
+    ASSERT_TRUE(silent.start());
+    silent.kiosk().control("fault validator silent on");
+    silent.hostWrite(mb::kExit, "1");
+    const double t1 = silent.now();
+    ASSERT_TRUE(silent.runUntil([&] { return silent.engine().ended(); }, 600));
+    EXPECT_LT(silent.now() - t1, 10.0);
 }
 
 TEST(MoneySafety, AChangerSilentOnceAtTheStartDoesNotHangTheEngine) {

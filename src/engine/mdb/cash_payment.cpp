@@ -73,11 +73,31 @@ void CashPayment::endPaymentRecord(std::string_view status, Money change, Money 
                                "; change paid " + change.text() + "; unpaid " + unpaid.text();
     m_setup.journal(
         {.kind = journal_kind::kPaymentEnd, .amount = st.creditAmount, .detail = detail});
+    reportVanishedPorts();
     const LogLevel level =
         unpaid.positive() || status.starts_with("Error") ? LogLevel::Warning : LogLevel::Info;
     m_setup.log().write(level, "payment " + std::to_string(st.paymentId) + " ended: " + detail,
                         {"", st.paymentId});
     st.paymentId = 0;
+}
+
+void CashPayment::reportVanishedPorts() {
+    // A link of an enabled device that closed during the payment (a cable pulled, a USB adapter
+    // gone) is a port error, whatever device error the payment ended with: the host reads it in
+    // "KSX_Error", and the next start initialises the equipment.
+    const Console& c = m_setup.console();
+    Platform& p = m_setup.platform();
+    const bool mdb = c.checked("CoinAcceptorEnabled") || c.checked("billValidatorEnabled");
+    if ((mdb && !p.mdbPort.isOpen()) ||
+        (c.checked("billDispenserEnabled") && !p.dispenserPort.isOpen()) ||
+        (c.checked("hoppersEnabled") && !p.hoppersPort.isOpen())) {
+        m_setup.writeMailbox(store::mailbox::kKsxError, "1");
+        m_setup.log().error("a device's port closed during the payment: port error",
+                            {"", m_setup.state().paymentId});
+        if (mdb && !p.mdbPort.isOpen()) {
+            m_setup.state().pollTimedOut = true;  // initialise again at the next start
+        }
+    }
 }
 
 // --- Start or stop ------------------------------------------------------------------------------
@@ -431,10 +451,11 @@ void CashPayment::stopPayment() {
 
     m_setup.pollTimer().setEnabled(false);
     settleAcceptance();
-    if (c.checked("billValidatorEnabled") && !st.bvNeedsInit) {
+    const bool linkOpen = m_setup.link().isOpen();
+    if (c.checked("billValidatorEnabled") && !st.bvNeedsInit && linkOpen) {
         resetValidator(mdb::payment_use::kStopValidatorReset, false);
     }
-    if (c.checked("CoinAcceptorEnabled") && !st.pollTimedOut) {
+    if (c.checked("CoinAcceptorEnabled") && !st.pollTimedOut && linkOpen) {
         resetChangerAndReadTubes();
         if (!st.tubesUsable) {
             // Without its cassette the changer cannot pay from the tubes: offer none.

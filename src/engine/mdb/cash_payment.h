@@ -113,6 +113,7 @@ private:
     void setStatus(std::string_view text);
     void beginPaymentRecord(std::string_view kind, Money amount, std::string_view requester);
     void endPaymentRecord(std::string_view status, Money change, Money unpaid);
+    void reportVanishedPorts();
 
     Setup& m_setup;
     // Which device the tick was talking to, for the tick's error trap.

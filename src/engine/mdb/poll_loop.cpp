@@ -285,13 +285,15 @@ void CashPayment::completePayment() {
     const bool changerFailed = st.pollTimedOut;
     const bool validatorFailed = st.bvNeedsInit;
 
-    if (c.checked("billValidatorEnabled") && !validatorFailed) {
+    if (c.checked("billValidatorEnabled") && !validatorFailed && m_setup.link().isOpen()) {
         m_talkingToChanger = false;
         // Here "CCD" validators get the extra pause, the other way round from the tick.
         resetValidator(mdb::payment_use::kEndValidatorReset,
                        c.text("bvManufacturer") == kCcdManufacturer);
     }
-    if (c.checked("CoinAcceptorEnabled") && !changerFailed) {
+    // A port that has gone is told as a port error (KSX_Error) when the payment ends; there is
+    // nothing to reset through it.
+    if (c.checked("CoinAcceptorEnabled") && !changerFailed && m_setup.link().isOpen()) {
         m_talkingToChanger = true;
         resetChangerAndReadTubes();
     }
