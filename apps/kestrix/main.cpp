@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "engine/setup.h"
 #include "platform_qt/engine_host.h"
 #include "platform_qt/sqlite_store.h"
+#include "platform_qt/stderr_log.h"
 #include "platform_qt/stderr_message_box.h"
 #include "signal_bridge.h"
 #include "sim/pty_kiosk.h"
@@ -28,7 +30,8 @@
 namespace {
 
 const char* const kUsage =
-    "Usage: kestrix [--store PATH] [--headless] [--simulate] [--version] [--help] [/hide]\n"
+    "Usage: kestrix [--store PATH] [--headless] [--simulate] [--log-level LEVEL] [--version]\n"
+    "               [--help] [/hide]\n"
     "\n"
     "The Kestrix device engine: drives the kiosk's coin changer, bill validator, bill\n"
     "dispenser, coin hoppers and card pin pad for a host program that talks to it through\n"
@@ -43,6 +46,9 @@ const char* const kUsage =
     "                first use with every device enabled\n"
     "                The simulator's links and control socket are in $KSX_SIM_DIR, else\n"
     "                ${XDG_RUNTIME_DIR:-/tmp}/kestrix-simulated (see kestrix-sim ctl)\n"
+    "  --log-level LEVEL\n"
+    "                what goes to standard error: error, warning, notice, info (default:\n"
+    "                faults, payments, money movements) or debug\n"
     "  --version     print the version and exit\n"
     "  --help        print this help and exit\n"
     "  /hide         (last argument) keep the console window hidden\n"
@@ -56,6 +62,7 @@ struct Options {
     std::string store;
     bool headless = false;
     bool simulate = false;
+    kestrix::LogLevel logLevel = kestrix::LogLevel::Info;
 };
 
 std::string configHome() {
@@ -102,6 +109,18 @@ int main(int argc, char* argv[]) {
             opt.store = args[++i];
         } else if (a.rfind("--store=", 0) == 0) {
             opt.store = a.substr(8);
+        } else if (a == "--log-level" || a.rfind("--log-level=", 0) == 0) {
+            const std::string value =
+                a == "--log-level" ? (i + 1 < args.size() ? args[++i] : "") : a.substr(12);
+            const std::optional<kestrix::LogLevel> level = kestrix::qt::parseLogLevel(value);
+            if (!level) {
+                std::fprintf(stderr,
+                             "kestrix: --log-level takes error, warning, notice, info or "
+                             "debug\n%s",
+                             kUsage);
+                return 2;
+            }
+            opt.logLevel = *level;
         } else if (a == "/hide" || a == "/HIDE" || a.empty() || a[0] != '-') {
             // Free words are part of the command line the monitor looks at ("/hide").
         } else {
@@ -109,6 +128,11 @@ int main(int argc, char* argv[]) {
             return 2;
         }
     }
+
+    // One log for the engine and for Qt's own messages, from before the application exists to
+    // the process's very end (Qt may still talk while it tears down, so it is never destroyed).
+    static auto* const log = new kestrix::qt::StderrLog(opt.logLevel);
+    kestrix::qt::routeQtMessagesTo(log);
 
     std::unique_ptr<QCoreApplication> app;
 #ifdef KESTRIX_HAVE_CONSOLE
@@ -139,6 +163,7 @@ int main(int argc, char* argv[]) {
     QCoreApplication::setApplicationVersion(KESTRIX_VERSION);
 
     kestrix::qt::EngineOptions engineOptions;
+    engineOptions.log = log;
     std::unique_ptr<kestrix::sim::PtyKiosk> kiosk;
     try {
         if (opt.simulate && opt.store.empty() && std::getenv("KSX_STORE") == nullptr) {

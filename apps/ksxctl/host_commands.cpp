@@ -273,6 +273,10 @@ int follow(kestrix::SettingsStore& store, std::string_view app, RequestKind kind
         // Served after all (the cancel came too late): the money has been taken.
         return kExitOk;
     }
+    if (tracker.restarted()) {
+        std::cerr << "ksxctl: " << tracker.reason() << '\n';
+        return kExitRestarted;
+    }
     if (outcome == Outcome::Failed && !tracker.reason().empty() &&
         tracker.reason() != reading.status) {
         std::cerr << "ksxctl: " << tracker.reason() << '\n';

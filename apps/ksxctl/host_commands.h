@@ -16,7 +16,8 @@ constexpr int kExitUsage = 2;
 constexpr int kExitStore = 3;
 constexpr int kExitNotDone = 4;  // denied, failed, cancelled, or change paid short
 constexpr int kExitTimeout = 5;
-constexpr int kExitBusy = 6;  // another request is pending or being served
+constexpr int kExitBusy = 6;       // another request is pending or being served
+constexpr int kExitRestarted = 7;  // the engine restarted while serving it: see its restart report
 constexpr int kExitInterrupted = 130;
 
 class UsageError : public std::runtime_error {

@@ -20,6 +20,9 @@
 
 #include "engine/platform/settings_store.h"
 #include "host_commands.h"
+#include "journal_commands.h"
+#include "platform_qt/sqlite_journal.h"
+#include "platform_qt/sqlite_store.h"
 #include "platform_qt/store_factory.h"
 #ifdef _WIN32
 #include "utf8_arguments_win.h"
@@ -53,6 +56,10 @@ public:
             m_store = kestrix::qt::openSettingsStore(m_options.store);
         }
         return *m_store;
+    }
+    // The engine's money journal, beside the store file.
+    std::string journalPath() const {
+        return kestrix::qt::journalPathFor(kestrix::qt::resolveStorePath(m_options.store));
     }
 
 private:
@@ -188,6 +195,14 @@ const Command kCommands[] = {
      [](Context& c, const Args& a) { return ksxctl::runCancel(c.store(), c.options().app, a); }},
     {"exit", "", "ask the engine to shut down (\"Exit\" = \"1\")", 0, 0,
      [](Context& c, const Args& a) { return ksxctl::runExit(c.store(), c.options().app, a); }},
+    {"journal", "[--since WHEN] [--payment ID] [--json] [--file PATH]",
+     "print the engine's money journal (beside the store:\nKSX-journal.db), one row a line; WHEN "
+     "is #ROW, a date,\n\"DATE HH:MM\" or a time ago (30m, 12h, 7d)",
+     0, 7, [](Context& c, const Args& a) { return ksxctl::runJournal(c.journalPath(), a); }},
+    {"totals", "[--since WHEN] [--emptied] [--json] [--file PATH]",
+     "money per device since the cash box was last emptied\n(or WHEN): taken in, paid out, owed, "
+     "held; --emptied\nrecords that the cash box is emptied now",
+     0, 6, [](Context& c, const Args& a) { return ksxctl::runTotals(c.journalPath(), a); }},
 };
 
 void printHelp() {
@@ -227,7 +242,9 @@ void printHelp() {
                  "Exit status: 0 success (pay: paid; change: paid in full), 2 usage error,\n"
                  "3 store error, 4 not paid (denied, failed, cancelled) or change paid short,\n"
                  "5 time-out, 6 busy (another request is pending or being served),\n"
-                 "130 pay or change stopped waiting at a second Ctrl+C.\n";
+                 "7 the engine restarted while serving the request (do not ask again: read\n"
+                 "its restart report, keys Interrupted*), 130 pay or change stopped waiting\n"
+                 "at a second Ctrl+C.\n";
 }
 
 const Command& findCommand(std::string_view name) {

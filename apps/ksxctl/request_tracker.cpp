@@ -20,6 +20,8 @@ bool startsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;
 }
 
+constexpr std::string_view kInterruptedStatus = "Payment Interrupted";
+
 bool cashResult(std::string_view status) {
     return status == "Payment Completed" || status == "Transaction Cancelled" ||
            startsWith(status, "Error: ");
@@ -39,6 +41,13 @@ MailboxReading readMailbox(kestrix::SettingsStore& store, std::string_view app) 
     r.tubes = store.get(app, box, mailbox::kTubes, "");
     r.referenceCC = store.get(app, box, mailbox::kReferenceCC, "");
     r.ksxError = store.get(app, box, mailbox::kKsxError, "");
+    r.interrupted = store.get(app, box, mailbox::kInterrupted, "");
+    r.interruptedRequest = store.get(app, box, mailbox::kInterruptedRequest, "");
+    r.interruptedAmount = store.get(app, box, mailbox::kInterruptedAmount, "");
+    r.interruptedOutcome = store.get(app, box, mailbox::kInterruptedOutcome, "");
+    r.interruptedCredit = store.get(app, box, mailbox::kInterruptedCredit, "");
+    r.interruptedPaid = store.get(app, box, mailbox::kInterruptedPaid, "");
+    r.interruptedUnknown = store.get(app, box, mailbox::kInterruptedUnknown, "");
     return r;
 }
 
@@ -98,6 +107,24 @@ std::string pendingRequest(const MailboxReading& reading) {
 
 Outcome RequestTracker::observe(const MailboxReading& r, double seconds) {
     m_reason.clear();
+    // A restarted engine gives every request key back (its mailbox reset) and puts the outcome
+    // of the payment it was serving into its restart report.
+    const std::string_view key = m_kind == RequestKind::Change ? r.change
+                                 : m_kind == RequestKind::Card ? r.dueCC
+                                                               : r.due;
+    if (r.status == kInterruptedStatus && !(leadingNumber(key) > 0)) {
+        m_taken = true;
+        m_restarted = true;
+        m_reason = "the engine restarted while serving the request";
+        if (!r.interrupted.empty()) {
+            m_reason += "; its restart report (payment " + r.interrupted +
+                        "): " + r.interruptedRequest + " " + r.interruptedAmount + " " +
+                        r.interruptedOutcome + ", credit " + r.interruptedCredit + ", paid " +
+                        r.interruptedPaid + ", unknown " + r.interruptedUnknown +
+                        "; once settled: ksxctl set Status Interrupted \"\"";
+        }
+        return Outcome::Failed;
+    }
     switch (m_kind) {
         case RequestKind::Cash: {
             const bool givenBack = !(leadingNumber(r.due) > 0);

@@ -32,6 +32,14 @@ struct MailboxReading {
     std::string tubes;
     std::string referenceCC;
     std::string ksxError;
+    // A restarted engine's report of the payment it was serving.
+    std::string interrupted;
+    std::string interruptedRequest;
+    std::string interruptedAmount;
+    std::string interruptedOutcome;
+    std::string interruptedCredit;
+    std::string interruptedPaid;
+    std::string interruptedUnknown;
 };
 
 MailboxReading readMailbox(kestrix::SettingsStore& store, std::string_view app);
@@ -61,6 +69,9 @@ public:
 
     // Whether the engine has shown any sign of having taken the request.
     bool taken() const { return m_taken; }
+    // The engine restarted while it served the request: the outcome is its restart report (the
+    // reason says what it reports). Asking again could pay twice.
+    bool restarted() const { return m_restarted; }
     // Why the request failed (a status text or an explanation); empty while pending.
     const std::string& reason() const { return m_reason; }
 
@@ -70,6 +81,7 @@ private:
     RequestKind m_kind;
     double m_amount;
     bool m_taken = false;
+    bool m_restarted = false;
     double m_givenBackAt = -1;
     std::string m_reason;
 };

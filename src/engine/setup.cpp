@@ -6,6 +6,8 @@
 #include "errors.h"
 #include "formulas.h"
 #include "hoppers/hoppers.h"
+#include "journal/device_health.h"
+#include "journal/recovery.h"
 #include "mdb/cash_payment.h"
 #include "mdb/link.h"
 #include "settings/layout.h"
@@ -31,7 +33,9 @@ Setup::Setup(Platform platform)
       m_dispenser(std::make_unique<BillDispenser>(*this)),
       m_cash(std::make_unique<CashPayment>(*this)),
       m_hoppers(std::make_unique<Hoppers>(*this)),
-      m_card(std::make_unique<CardPayment>(*this)) {
+      m_card(std::make_unique<CardPayment>(*this)),
+      m_health(std::make_unique<DeviceHealth>(m_platform.journal, m_platform.log)),
+      m_recovery(std::make_unique<Recovery>(*this)) {
     Scheduler& s = m_platform.scheduler;
     const auto tick = [this](std::string_view name, void (Setup::*routine)()) {
         return [this, name, routine] { guarded(name, [this, routine] { (this->*routine)(); }); };
@@ -106,10 +110,16 @@ bool Setup::startUp() {
 
 void Setup::Form_Load() {
     m_state.loaded = false;
+    // What the last run left for the host, before the reset wipes it: the recovery needs it to
+    // tell whether the host saw the result of the payment that run was serving.
+    const MailboxBefore before = m_recovery->readMailbox();
     m_link->prepareFrames();
     for (const store::MailboxValue& v : store::mailboxReset()) {
         writeMailbox(v.key, v.value);
     }
+    // Before any request is taken: payments the last run left unfinished are closed and the
+    // host is told their outcome; nothing is paid out.
+    m_recovery->run(before);
     m_state.amountDue = Money();
     m_state.creditAmount = Money();
     m_state.cancelKeepsCredit = 0;
@@ -310,6 +320,8 @@ void Setup::Exit() {
             m_platform.mdbPort.close();
         }
     });
+    m_platform.journal.append({.kind = journal_kind::kEngineEnd, .device = "engine"});
+    m_platform.log.notice("Engine ended", {"engine", 0});
     m_ended = true;
     for (Timer* t : {m_monitor.get(), m_pollTimer.get(), m_changeTimer.get(), m_clickTimer.get(),
                      m_ccTimer.get()}) {

@@ -33,6 +33,8 @@ class BillDispenser;
 class CashPayment;
 class Hoppers;
 class CardPayment;
+class DeviceHealth;
+class Recovery;
 
 // Everything the engine needs from the outside world.
 struct Platform {
@@ -160,6 +162,9 @@ public:
     CashPayment& cash() { return *m_cash; }
     Hoppers& hoppers() { return *m_hoppers; }
     CardPayment& card() { return *m_card; }
+    // Device faults and recoveries, journalled and logged once each.
+    DeviceHealth& health() { return *m_health; }
+    Recovery& recovery() { return *m_recovery; }
 
     Timer& monitorTimer() { return *m_monitor; }
     Timer& pollTimer() { return *m_pollTimer; }
@@ -236,6 +241,8 @@ private:
     std::unique_ptr<CashPayment> m_cash;
     std::unique_ptr<Hoppers> m_hoppers;
     std::unique_ptr<CardPayment> m_card;
+    std::unique_ptr<DeviceHealth> m_health;
+    std::unique_ptr<Recovery> m_recovery;
 
     std::unique_ptr<Timer> m_monitor;
     std::unique_ptr<Timer> m_pollTimer;

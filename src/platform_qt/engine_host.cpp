@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <mutex>
 
+#include "engine/formulas.h"
 #include "engine/hoppers/hoppers.h"
+#include "engine/platform/log.h"
 #include "engine/platform/message_box.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
@@ -16,6 +18,7 @@
 #include "qt_scheduler.h"
 #include "qt_serial_port.h"
 #include "sim/seed.h"
+#include "sqlite_journal.h"
 #include "sqlite_store.h"
 #include "steady_clock.h"
 
@@ -53,6 +56,28 @@ private:
     MessageBox& m_inner;
     FleetView* m_view;
 };
+
+// The journal beside the store, kept for the days in section "Journal", key "KeepDays" (400 when
+// missing or not a number of days). An engine whose journal cannot be opened still runs
+// (a kiosk that cannot take money helps nobody) and says so at error level.
+std::unique_ptr<SqliteJournal> openJournal(SettingsStore& store, const std::string& storePath,
+                                           Log& log) {
+    const std::string path = journalPathFor(storePath);
+    int keepDays = SqliteJournal::kDefaultKeepDays;
+    try {
+        const double days =
+            leadingNumber(store.get(kestrix::store::kApp, kestrix::store::section::kJournal,
+                                    kestrix::store::key::kKeepDays, ""));
+        if (days >= 1 && days <= 100000) {
+            keepDays = static_cast<int>(days);
+        }
+        return std::make_unique<SqliteJournal>(path, SqliteJournal::Mode::Engine, log, keepDays);
+    } catch (const std::exception& e) {
+        log.error(std::string("journal: none; the engine runs without one: ") + e.what(),
+                  {"journal", 0});
+        return nullptr;
+    }
+}
 
 }  // namespace
 
@@ -147,9 +172,12 @@ void EngineHost::run() {
         fleetView = fleetPublisher ? &fleetPublisher->view() : nullptr;
 #endif
         NotingMessageBox messageBox(*m_messageBox, fleetView);
+        Log& log = m_options.log != nullptr ? *m_options.log : nullLog();
+        std::unique_ptr<SqliteJournal> journal = openJournal(store, m_options.storePath, log);
         {
             Setup setup(Platform{clock, scheduler, store, messageBox, printer, network, instance,
-                                 *library, mdbPort, dispenserPort, hoppersPort});
+                                 *library, mdbPort, dispenserPort, hoppersPort,
+                                 journal ? static_cast<Journal&>(*journal) : nullJournal(), log});
             const Hoppers* hoppers = &setup.hoppers();
             setup.console().setChangeListener([this, fleetView, hoppers](const Field& f) {
                 emit fieldChanged(f);

@@ -11,6 +11,7 @@
 namespace kestrix {
 class Setup;
 class MessageBox;
+class Log;
 }  // namespace kestrix
 
 namespace kestrix::qt {
@@ -21,6 +22,8 @@ struct EngineOptions {
     // Where the simulated kiosk's links are ("Ports" 1, 2, 3 are pointed at them); empty for a
     // real kiosk.
     std::string simulatorDir;
+    // Where the engine logs (StderrLog in the programs); nullptr: nowhere.
+    Log* log = nullptr;
 };
 
 // Runs the engine (the Setup object, its timers and every device adapter) on its own thread with

@@ -7,9 +7,40 @@
 
 #include "engine/settings/layout.h"
 
+#ifndef _WIN32
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+#endif
+
 namespace kestrix::qt {
 
 namespace {
+
+// A port keeps the line settings its last user left when that user was killed (QSerialPort puts
+// them back only when it closes the port). On a pseudo-terminal, which drops parity, those
+// settings make the next open fail, so a restart after a crash could not reach the simulated
+// bill dispenser. Clears them back to a plain 8-bit line; false when the device cannot be opened.
+bool clearLeftoverLineSettings(const std::string& device) {
+#ifdef _WIN32
+    (void)device;
+    return false;
+#else
+    const int fd = ::open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    termios tio{};
+    bool cleared = ::tcgetattr(fd, &tio) == 0;
+    if (cleared) {
+        tio.c_iflag = 0;
+        tio.c_cflag = (tio.c_cflag & CBAUD) | CS8 | CREAD;
+        cleared = ::tcsetattr(fd, TCSANOW, &tio) == 0;
+    }
+    ::close(fd);
+    return cleared;
+#endif
+}
 
 QSerialPort::Parity toParity(char parity) {
     switch (parity) {
@@ -113,12 +144,21 @@ void QtSerialPort::open(int portNumber, std::string_view settings) {
     m_port->setStopBits(line.stopBits == 2 ? QSerialPort::TwoStop : QSerialPort::OneStop);
     m_port->setFlowControl(QSerialPort::NoFlowControl);
     m_baud = line.baud;
-    if (!m_port->open(QIODevice::ReadWrite)) {
+    bool opened = m_port->open(QIODevice::ReadWrite);
+    if (!opened && clearLeftoverLineSettings(m_device)) {
+        m_port->clearError();
+        opened = m_port->open(QIODevice::ReadWrite);
+    }
+    if (!opened) {
         const std::string reason = m_port->errorString().toStdString();
         m_port->clearError();
         throw PortError("port " + std::to_string(portNumber) + " (" + m_device +
                         "): cannot open: " + reason);
     }
+    // What arrived while nobody had the port open (a device's answers to an engine that was
+    // killed mid-exchange) belongs to no question this engine asks: read as the answer to its
+    // first one, it would be taken for that device's reply.
+    m_port->clear(QSerialPort::Input);
 }
 
 void QtSerialPort::onLoopError(int openCount) {

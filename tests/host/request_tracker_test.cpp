@@ -51,6 +51,17 @@ MailboxReading payout(std::string change, std::string status, std::string dispen
     return r;
 }
 
+MailboxReading restarted(MailboxReading r) {
+    r.interrupted = "42";
+    r.interruptedRequest = "Change";
+    r.interruptedAmount = "200";
+    r.interruptedOutcome = "partly paid";
+    r.interruptedCredit = "0";
+    r.interruptedPaid = "120";
+    r.interruptedUnknown = "0";
+    return r;
+}
+
 constexpr Outcome P = Outcome::Pending;
 constexpr Outcome S = Outcome::Succeeded;
 constexpr Outcome F = Outcome::Failed;
@@ -96,11 +107,19 @@ const std::vector<Scenario>& scenarios() {
           {5.0, cash("0", kInsert), P},
           {5.6, cash("0", kInsert), F}},
          "the cash payment ended without a result"},
-        {"an engine restart resets the mailbox under a waiting request",
+        {"an engine restart before the request was taken: not served",
          RequestKind::Cash,
          5,
          {{1, cash("5", ""), P}, {2, cash("0", ""), P}, {4.5, cash("0", ""), F}},
          "the cash payment ended without a result"},
+        {"an engine restart while paying out: the restart report is the outcome",
+         RequestKind::Change,
+         200,
+         {{1, payout("200", "Dispensing change..."), P},
+          {9, restarted(payout("", "Payment Interrupted")), F}},
+         "the engine restarted while serving the request; its restart report (payment 42): "
+         "Change 200 partly paid, credit 0, paid 120, unknown 0; once settled: ksxctl set "
+         "Status Interrupted \"\""},
 
         {"card approved for the amount charged",
          RequestKind::Card,

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "card_number.h"
 #include "engine/errors.h"
 #include "engine/formulas.h"
 #include "engine/settings/layout.h"
@@ -159,9 +160,13 @@ void CardPayment::paymentClick() {
     m_credit = Money();
 
     m_reference = m_setup.mailbox(store::mailbox::kReferenceCC);
-    if (m_reference.empty()) {
+    const bool ownReference = m_reference.empty();
+    if (ownReference) {
         m_reference = buildReference(m_setup.platform().network.firstAdapterAddress(),
                                      m_setup.platform().clock.now());
+    }
+    journalStart();
+    if (ownReference) {
         m_setup.writeMailbox(store::mailbox::kReferenceCC, m_reference);
     }
 
@@ -195,6 +200,7 @@ void CardPayment::runSale() {
     const std::string readError = lib.readCard();
     if (!readError.empty()) {
         const PinPadErrorDetails details = lib.errorDetails();
+        journalResult("pin pad error: " + details.error + " (code " + details.code + ")", Money());
         c.setText("ccPantallaPP", pinPadErrorMessage(details));
         showStatus("Pin Pad Error");
         m_setup.writeMailbox(store::mailbox::kReferenceCC, "");
@@ -207,6 +213,7 @@ void CardPayment::runSale() {
     }
 
     c.setText("ccNumTarjeta", lib.cardNumber());
+    m_maskedCard = maskCardNumber(c.text("ccNumTarjeta"));
     c.setText("ccTarjetahabiente", lib.cardHolder());
     lib.setTextParameter("");
     SaleRequest sale;
@@ -222,7 +229,9 @@ void CardPayment::runSale() {
     const std::string voucherText = lib.runSale(sale);
 
     const std::string result = lib.result();
+    const Money due = Money::fromDouble(m_dueAmount).value_or(Money());
     if (result == kApproved) {
+        journalResult("approved, card " + m_maskedCard, due);
         printVoucher([&](Printer& p) { voucher::printApproved(p, voucherText); });
         c.setText("statusDisplay", "Credit Card Approved");
         m_credit = m_dueAmount;
@@ -235,17 +244,74 @@ void CardPayment::runSale() {
         declined.reference = m_reference;
         declined.responseCode = lib.responseCode();
         declined.cause = lib.declineCause();
+        journalResult("denied, card " + m_maskedCard + ", operation " + declined.operationNumber +
+                          ", response " + declined.responseCode + ", cause " + declined.cause,
+                      due);
         printVoucher([&](Printer& p) { voucher::printDeclined(p, declined); });
         showStatus("Credit Card Denied");
     } else if (result == kError) {
         const std::string error = lib.errorText();
         const std::string code = lib.errorCode();
+        journalResult("error: " + error + " (code " + code + ")", due);
         printVoucher([&](Printer& p) { voucher::printCommunicationError(p, error, code); });
         showStatus("Error: " + error + " Código = " + code);
+    } else {
+        // Any other text is not a result this engine knows: nothing is shown, printed or
+        // credited.
+        journalResult("unknown result \"" + result + "\"", due);
     }
-    // Any other text is not a result this engine knows: nothing is shown, printed or credited.
     m_setup.writeMailbox(store::mailbox::kReferenceCC, "");
     lib.closeOperation();
+}
+
+void CardPayment::journalStart() {
+    Journal& journal = m_setup.platform().journal;
+    m_paymentId = journal.newPaymentId();
+    m_maskedCard.clear();
+    m_result.clear();
+    JournalEntry row;
+    row.kind = journal_kind::kPaymentStart;
+    row.paymentId = m_paymentId;
+    row.device = "pinpad";
+    row.amount = Money::fromDouble(m_dueAmount).value_or(Money());
+    row.detail = "card";
+    // The host asks through "DueCC"; a sale without one is the operator's from the console.
+    row.requester =
+        leadingNumber(m_setup.mailbox(store::mailbox::kDueCC)) > 0 ? "host" : "operator";
+    row.reference = m_reference;
+    journal.append(row);
+}
+
+void CardPayment::journalResult(std::string outcome, Money amount) {
+    m_result = outcome;
+    JournalEntry row;
+    row.kind = journal_kind::kCardResult;
+    row.paymentId = m_paymentId;
+    row.device = "pinpad";
+    row.amount = amount;
+    row.detail = std::move(outcome);
+    row.reference = m_reference;
+    m_setup.platform().journal.append(row);
+}
+
+void CardPayment::journalEnd() {
+    if (m_paymentId == 0) {
+        return;  // no sale began
+    }
+    const std::string status = console().text("statusDisplay");
+    JournalEntry row;
+    row.kind = journal_kind::kPaymentEnd;
+    row.paymentId = m_paymentId;
+    row.device = "pinpad";
+    row.amount = Money::fromDouble(m_credit).value_or(Money());
+    row.detail = status;
+    row.reference = m_reference;
+    m_setup.platform().journal.append(row);
+    m_setup.platform().log.info("Card payment of " + numberText(m_dueAmount) +
+                                    " ended: " + (m_result.empty() ? "no result" : m_result) +
+                                    "; \"" + status + "\"",
+                                {"pinpad", m_paymentId});
+    m_paymentId = 0;
 }
 
 void CardPayment::printVoucher(const std::function<void(Printer&)>& print) {
@@ -260,6 +326,7 @@ void CardPayment::printVoucher(const std::function<void(Printer&)>& print) {
 
 void CardPayment::commonEnd() {
     Console& c = console();
+    journalEnd();
     c.setText("enablePaymentCC", std::string(kCardCaption));
     // The attempt is over whatever its outcome: the host asks again for another try, so the
     // request is cleared rather than left for the monitor to start once more.

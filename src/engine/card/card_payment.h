@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <string>
@@ -54,6 +55,10 @@ private:
     // The console's ordinary report of an error a call raised: a library or printer failure
     // (a run-time error). A logic error goes on to the engine's guard.
     void reportError(const std::exception& error);
+    // The sale's rows in the money journal.
+    void journalStart();
+    void journalResult(std::string outcome, Money amount);
+    void journalEnd();
     PaymentLibrary& library();
     Console& console();
 
@@ -64,6 +69,9 @@ private:
     bool m_inSale = false;      // the library is running this payment's read or sale
     bool m_inTestRead = false;  // the library is running the operator's test read
     bool m_watchErrorReported = false;
+    std::int64_t m_paymentId = 0;  // the sale's journal id while it runs
+    std::string m_maskedCard;      // the card read, masked
+    std::string m_result;          // the sale's result as journalled
 };
 
 }  // namespace kestrix

@@ -8,6 +8,7 @@
 #include "../bounds.h"
 #include "../errors.h"
 #include "../formulas.h"
+#include "../journal/device_health.h"
 #include "../settings/layout.h"
 #include "../setup.h"
 
@@ -345,10 +346,27 @@ void BillDispenser::bdDispenseBills_Click() {
 
 void BillDispenser::bdDispenserRefill_Click() {
     switchButtons(false);
-    if (!trapped([this] { statusBillDispenser(); })) {
+    const bool read = trapped([this] { statusBillDispenser(); });
+    if (!read) {
         m_bdError = true;
         m_setup.console().setText("bdStatus", "ERR");
         writeMailbox();
+    }
+    // The technician has refilled the cassette (the engine cannot count it): the journal's
+    // cassette count starts again here, with the state the dispenser reports.
+    const Console& c = m_setup.console();
+    JournalEntry refill;
+    refill.kind = journal_kind::kRefill;
+    refill.device = "dispenser";
+    refill.requester = "operator";
+    refill.detail = "cassette " + c.text("bdCasetteStatus") + ", status " + c.text("bdStatus") +
+                    ", bill value " + c.text("bDispType") + (read ? "" : ", status read failed");
+    m_setup.platform().journal.append(refill);
+    m_setup.platform().log.info("Bill dispenser refilled: " + refill.detail, {"dispenser", 0});
+    if (m_bdError) {
+        m_setup.health().fault("dispenser", "reports an error after the refill");
+    } else {
+        m_setup.health().working("dispenser");
     }
     switchButtons(true);
 }

@@ -9,6 +9,7 @@
 #include "../dispenser/bill_dispenser.h"
 #include "../errors.h"
 #include "../formulas.h"
+#include "../journal/device_health.h"
 #include "../settings/layout.h"
 #include "../setup.h"
 #include "link.h"
@@ -41,6 +42,20 @@ constexpr int kTubeSlots = 5;
 constexpr int kCoinTypes = 16;
 
 constexpr std::string_view kNotAvailable = "N/A";
+
+// The device a link's port error is about, as the journal and the log name devices.
+std::string linkDevice(std::string_view portName) {
+    if (portName == kPinPadPort) {
+        return "pinpad";
+    }
+    if (portName == kDispenserPort) {
+        return "dispenser";
+    }
+    if (portName == kHoppersPort) {
+        return "hoppers";
+    }
+    return "mdb";
+}
 
 // Every identification and state field of the pin pad, the changer, the validator and the
 // dispenser. The bill type values are the operator's and are left alone.
@@ -137,6 +152,20 @@ void fillChangerSetup(Setup& s, const mdb::Reply& r) {
     }
 }
 
+// What the tubes hold, in the journal: where the totals' tube money starts from.
+void journalTubeLevels(Setup& s, const mdb::TubeCounts& counts) {
+    const EngineState& st = s.state();
+    JournalEntry levels{.kind = journal_kind::kTubeLevels, .device = "changer"};
+    levels.amount = mdb::tubeMoney(s, counts);
+    for (std::size_t k = 1; k <= kCoinTypes; ++k) {
+        if (st.coinValue[k].positive() && counts[k] > 0) {
+            levels.detail += (levels.detail.empty() ? "" : " ") + st.coinValue[k].text() + "x" +
+                             std::to_string(counts[k]);
+        }
+    }
+    s.platform().journal.append(levels);
+}
+
 // False when the changer does not answer its RESET.
 bool initChanger(Setup& s) {
     MdbLink& link = s.link();
@@ -187,6 +216,7 @@ bool initChanger(Setup& s) {
         return false;
     }
     mdb::publishTubes(s, *tubes);
+    journalTubeLevels(s, *tubes);
     return true;
 }
 
@@ -264,6 +294,11 @@ void Setup::InitEquipment() {
         if (c.checked("pinPadEnabled")) {
             m_state.portName = kPinPadPort;
             m_card->queryPinPad();
+            if (c.text("ccOnLine") == "Yes") {
+                m_health->working("pinpad");
+            } else {
+                m_health->fault("pinpad", "not on line");
+            }
         }
         // The card test controls follow the pin pad's box.
         c.setEnabled("ccReadCard", c.checked("pinPadEnabled"));
@@ -278,39 +313,56 @@ void Setup::InitEquipment() {
             writeMailbox(store::mailbox::kBDStatus, c.text("bdStatus"));
             writeMailbox(store::mailbox::kBDCassette, c.text("bdCasetteStatus"));
             writeMailbox(store::mailbox::kBDDispensed, "0");
+            if (m_dispenser->bdError()) {
+                m_health->fault("dispenser", "reports an error at set-up (reply " +
+                                                 m_dispenser->bdReply().substr(0, 64) + ")");
+            } else {
+                m_health->working("dispenser");
+            }
             pause(kDispenserSetupSeconds);
         }
 
         if (c.checked("hoppersEnabled")) {
             m_state.portName = kHoppersPort;
             openLink(m_platform.hoppersPort, c, "comPorts2", kHoppersLineSettings);
+            m_health->working("hoppers");
             pause(kHoppersOpenSeconds);
         }
 
         if (c.checked("CoinAcceptorEnabled") || c.checked("billValidatorEnabled")) {
             m_state.portName = kMdbPort;
             m_link->open();
+            m_health->working("mdb");
         }
 
-        if (c.checked("CoinAcceptorEnabled") && !initChanger(*this)) {
-            // Check boxes changed by the engine raise no handler, so this does not re-enter.
-            c.setValue("CoinAcceptorEnabled", 0);
-            m_platform.messageBox.show(std::string(kNoChangerMessage), std::string(kMessageTitle));
+        if (c.checked("CoinAcceptorEnabled")) {
+            if (initChanger(*this)) {
+                m_health->working("changer");
+            } else {
+                m_health->fault("changer", "no answer to RESET");
+                // Check boxes changed by the engine raise no handler, so this does not re-enter.
+                c.setValue("CoinAcceptorEnabled", 0);
+                m_platform.messageBox.show(std::string(kNoChangerMessage),
+                                           std::string(kMessageTitle));
+            }
         }
 
-        if (c.checked("billValidatorEnabled") && !initValidator(*this)) {
-            c.setValue("billValidatorEnabled", 0);
-            m_platform.messageBox.show(std::string(kNoValidatorMessage),
-                                       std::string(kMessageTitle));
+        if (c.checked("billValidatorEnabled")) {
+            if (initValidator(*this)) {
+                m_health->working("validator");
+            } else {
+                m_health->fault("validator", "no answer to RESET");
+                c.setValue("billValidatorEnabled", 0);
+                m_platform.messageBox.show(std::string(kNoValidatorMessage),
+                                           std::string(kMessageTitle));
+            }
         }
     });
     if (!ok) {
         // In practice a port that cannot be opened or has gone: nothing after it is initialised.
         writeMailbox(store::mailbox::kKsxError, "1");
-        m_platform.log.error(m_state.portName +
-                                 ": port error; the devices after it are not "
-                                 "initialised",
-                             {m_state.portName, 0});
+        m_health->fault(linkDevice(m_state.portName),
+                        m_state.portName + ": port error; the devices after it are not initialised");
         m_platform.messageBox.show(m_state.portName + std::string(kPortErrorSuffix),
                                    std::string(kMessageTitle));
     }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "../money.h"
 
@@ -36,12 +37,25 @@ inline constexpr std::string_view kUnpaid = "unpaid";
 // A card sale's result: detail "approved", "denied", "error", "pin pad error" or the library's
 // text, with the reference and the card number masked (first 6 and last 4 digits at most).
 inline constexpr std::string_view kCardResult = "card result";
-// A payment ends: detail the final status text; `amount` the credit, plus change paid and unpaid
-// in their own fields of the detail (see the journal's documentation).
+// A payment ends: detail the final status text exactly as written to "Status", optionally
+// followed by "; " and fields of its own ("Payment Completed; change 7.5; unpaid 0"); `amount`
+// the credit.
 inline constexpr std::string_view kPaymentEnd = "payment end";
 // A payment the engine found unfinished at start-up (it died in the middle): `amount` what the
-// host must settle.
+// host must settle, detail the restart report's fields ("request=Due asked=12.5 outcome=paid
+// credit=20 paid=0 unknown=7.5").
 inline constexpr std::string_view kPaymentInterrupted = "payment interrupted";
+// A payment whose outcome a restarted engine put before the host (the mailbox's "Interrupted"
+// keys): an interrupted one, or one that ended just before the engine died, before the host can
+// have read its result. Detail as for "payment interrupted".
+inline constexpr std::string_view kRestartReport = "restart report";
+// The host has read the restart report of the payment (it cleared "Interrupted").
+inline constexpr std::string_view kReportAcknowledged = "report acknowledged";
+// What the changer's tubes held when last read: `amount` their money, detail the count per coin
+// value ("0.5x40 1x40 2x30 5x20 10x10").
+inline constexpr std::string_view kTubeLevels = "tube levels";
+// A technician emptied the cash box (ksxctl totals --emptied): totals start again from here.
+inline constexpr std::string_view kCashBoxEmptied = "cash box emptied";
 inline constexpr std::string_view kDeviceFault = "device fault";
 inline constexpr std::string_view kDeviceRecovered = "device recovered";
 // The operator's own dispenses and refills from the console.
@@ -62,8 +76,25 @@ struct JournalEntry {
     int count = 0;
     int type = 0;
     std::string raw{};        // the device's own report, as hex text
-    std::string detail{};     // outcome, status text, reference, masked card number, fault
+    std::string detail{};     // outcome, status text, masked card number, fault
     std::string requester{};  // "host" or "operator" (payment start)
+    std::string reference{};  // the transaction reference (card payments)
+};
+
+// A row as read back from the journal.
+struct JournalRecord {
+    std::int64_t sequence = 0;
+    std::int64_t wallTimeMs = 0;  // milliseconds since 1970-01-01 UTC
+    std::int64_t paymentId = 0;
+    std::string kind;
+    std::string device;
+    Money amount;
+    int count = 0;
+    int type = 0;
+    std::string raw;
+    std::string detail;
+    std::string requester;
+    std::string reference;
 };
 
 // The append-only record of every money movement. An append is durable before it returns, and
@@ -77,6 +108,10 @@ public:
     virtual std::int64_t append(const JournalEntry& entry) = 0;
     // A payment id never handed out before, also across restarts.
     virtual std::int64_t newPaymentId() = 0;
+    // What a restart looks at, in sequence order: every row of each payment that has neither
+    // ended nor had its restart report acknowledged, every row of the last payment started, and
+    // the last "engine start" and "engine end" rows. A journal that keeps nothing has nothing.
+    virtual std::vector<JournalRecord> recoveryRows() { return {}; }
 };
 
 // A journal that keeps nothing, for engines run without one.

@@ -25,6 +25,8 @@ inline constexpr std::string_view kStatus = "Status";
 inline constexpr std::string_view kPorts = "Ports";
 inline constexpr std::string_view kPinPadSimulator = "Pin Pad Simulator";
 inline constexpr std::string_view kPinPadMethods = "Pin Pad Methods";
+// The money journal's settings: "KeepDays", how many days of rows it keeps (400).
+inline constexpr std::string_view kJournal = "Journal";
 }  // namespace section
 
 // Host mailbox keys (section "Status").
@@ -43,6 +45,15 @@ inline constexpr std::string_view kBDCassette = "BDCassette";
 inline constexpr std::string_view kBDDispensed = "BDDispensed";
 inline constexpr std::string_view kReferenceCC = "ReferenceCC";
 inline constexpr std::string_view kKsxError = "KSX_Error";
+// A restarted engine's report of a payment it was serving when it stopped: the payment id in
+// "Interrupted" (the host acknowledges by writing "" to it), the rest its outcome.
+inline constexpr std::string_view kInterrupted = "Interrupted";
+inline constexpr std::string_view kInterruptedRequest = "InterruptedRequest";
+inline constexpr std::string_view kInterruptedAmount = "InterruptedAmount";
+inline constexpr std::string_view kInterruptedOutcome = "InterruptedOutcome";
+inline constexpr std::string_view kInterruptedCredit = "InterruptedCredit";
+inline constexpr std::string_view kInterruptedPaid = "InterruptedPaid";
+inline constexpr std::string_view kInterruptedUnknown = "InterruptedUnknown";
 }  // namespace mailbox
 
 // Keys of the other sections that are not operator settings.
@@ -58,8 +69,9 @@ inline constexpr std::string_view kLibrary = "Library";
 // The largest amount a host or the operator may ask for (section "Settings"); a larger one is
 // no request.
 inline constexpr std::string_view kMaxAmount = "MaxAmount";
-std::string tubeCoinType(int slot);  // "tubeCoinType1".."tubeCoinType5"
-std::string tubeCoinQty(int slot);   // "tubeCoinQty1".."tubeCoinQty5"
+inline constexpr std::string_view kKeepDays = "KeepDays";  // section "Journal"
+std::string tubeCoinType(int slot);                        // "tubeCoinType1".."tubeCoinType5"
+std::string tubeCoinQty(int slot);                         // "tubeCoinQty1".."tubeCoinQty5"
 }  // namespace key
 
 // How a setting is read at the console's load.

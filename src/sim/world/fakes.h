@@ -93,7 +93,7 @@ private:
     bool m_another;
 };
 
-// Keeps every journal row in memory, in order.
+// Keeps every journal row in memory, in order; the sequence of a row is its place (from 1).
 class MemoryJournal : public Journal {
 public:
     std::int64_t append(const JournalEntry& entry) override {
@@ -101,7 +101,10 @@ public:
         return static_cast<std::int64_t>(m_rows.size());
     }
     std::int64_t newPaymentId() override { return ++m_lastPaymentId; }
+    std::vector<JournalRecord> recoveryRows() override;
     const std::vector<JournalEntry>& rows() const { return m_rows; }
+    // Every row as a journal reads it back.
+    std::vector<JournalRecord> records() const;
     void clear() { m_rows.clear(); }
 
 private:

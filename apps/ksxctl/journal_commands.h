@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// ksxctl's journal commands: the engine's money journal read by a technician or support.
+namespace ksxctl {
+
+using Args = std::vector<std::string>;
+
+// Where a report starts, from a --since value: "#N" (row N on), "YYYY-MM-DD" (local midnight),
+// "YYYY-MM-DD HH:MM[:SS]" or with a "T", or a time ago: "30m", "12h", "7d". Throws UsageError.
+struct Since {
+    std::int64_t afterSequence = 0;
+    std::int64_t sinceMs = 0;
+    std::string text;  // as given
+};
+Since parseSince(std::string_view text, std::int64_t nowMs);
+
+// journal [--since WHEN] [--payment ID] [--json] [--file PATH]
+int runJournal(const std::string& journalPath, const Args& args);
+// totals [--since WHEN] [--emptied] [--json] [--file PATH]
+int runTotals(const std::string& journalPath, const Args& args);
+
+}  // namespace ksxctl

@@ -1,0 +1,140 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform_qt/sqlite_journal.h"
+#include "simulated_kiosk.h"
+
+namespace kestrix {
+namespace {
+
+using namespace std::chrono_literals;
+namespace jk = journal_kind;
+
+JournalEntry row(std::string_view kind, std::int64_t payment, std::string device,
+                 std::int64_t minor, std::string raw = {}, int count = 0, std::string detail = {}) {
+    JournalEntry e;
+    e.kind = kind;
+    e.paymentId = payment;
+    e.device = std::move(device);
+    e.amount = Money::fromMinor(minor);
+    e.raw = std::move(raw);
+    e.count = count;
+    e.detail = std::move(detail);
+    return e;
+}
+
+int occurrences(const std::string& text, const std::string& what) {
+    int n = 0;
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+// What a technician and support read: the rows of one payment, rows since a point, and the
+// money per device since the cash box was last emptied.
+TEST(KsxctlJournal, RowsByPaymentAndSinceAndTotalsUntilTheCashBoxIsEmptied) {
+    const std::string dir = test::makeTempDir("ksx-journal");
+    const std::string store = dir + "/KSX.db";
+    {
+        qt::SqliteJournal journal(qt::journalPathFor(store), qt::SqliteJournal::Mode::Engine);
+        for (const JournalEntry& e : {
+                 row(jk::kTubeLevels, 0, "changer", 32000),
+                 row(jk::kPaymentStart, 1, "", 1250, "", 0, "cash"),
+                 row(jk::kCredit, 1, "changer", 1000, "54"),  // to the tubes
+                 row(jk::kCredit, 1, "changer", 500, "43"),   // to the cash box
+                 row(jk::kCredit, 1, "validator", 2000, "90"),
+                 row(jk::kPayoutConfirmed, 1, "dispenser", 5000, "", 1),
+                 row(jk::kUnpaid, 1, "", 250),
+                 row(jk::kPaymentStart, 2, "", 500, "", 0, "cash"),
+                 row(jk::kCredit, 2, "changer", 200, "52"),
+                 row(jk::kPaymentInterrupted, 2, "engine", 200),
+             }) {
+            journal.append(e);
+        }
+    }
+    const auto ksxctl = [&store](std::vector<std::string> args) {
+        args.insert(args.begin(), {"--store", store});
+        return test::run(test::ksxctlBinary(), args);
+    };
+
+    test::RunResult r = ksxctl({"journal", "--payment", "1", "--json"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(occurrences(r.out, "\"payment\":1,"), 6) << r.out;
+    EXPECT_EQ(occurrences(r.out, "\"payment\":2,"), 0);
+    EXPECT_NE(r.out.find("\"kind\":\"credit\",\"device\":\"validator\",\"amount\":\"20\","
+                         "\"amountMinor\":2000"),
+              std::string::npos)
+        << r.out;
+    r = ksxctl({"journal", "--since", "#8"});
+    EXPECT_EQ(occurrences(r.out, "\n"), 3) << r.out;
+    EXPECT_NE(r.out.find("payment interrupted device=engine amount=2"), std::string::npos);
+    EXPECT_EQ(occurrences(ksxctl({"journal", "--since", "1h"}).out, "\n"), 10);
+    EXPECT_EQ(occurrences(ksxctl({"journal", "--since", "2000-01-01 08:00"}).out, "\n"), 10);
+
+    r = ksxctl({"totals"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    for (const char* line : {
+             "Payments: 2 cash, 0 card, 0 change",
+             "  changer                             17.00  3 coins: to tubes 12.00, to cash box "
+             "5.00",
+             "  validator                           20.00  1 bills",
+             "  dispenser                           50.00  1 bills",
+             "  change not paid                      2.50",
+             "  interrupted payments                 2.00",
+             "  cash box                            25.00",
+             "  tubes                              332.00  read ",
+         }) {
+        EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
+    }
+    EXPECT_EQ(ksxctl({"totals", "--emptied"}).status, 0);
+    r = ksxctl({"totals", "--json"});
+    EXPECT_NE(r.out.find("\"inserted\":\"0\""), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\"tubes\":\"332\""), std::string::npos) << "the tubes are still known";
+
+    for (const std::vector<std::string>& bad :
+         {std::vector<std::string>{"journal", "--since", "yesterday"},
+          {"journal", "--payment", "x"},
+          {"totals", "--payment", "1"}}) {
+        EXPECT_EQ(ksxctl(bad).status, 2) << bad[1];
+    }
+    r = test::run(test::ksxctlBinary(), {"--store", dir + "/other/KSX.db", "journal"});
+    EXPECT_EQ(r.status, 3);
+    EXPECT_NE(r.err.find("no journal"), std::string::npos) << r.err;
+}
+
+// A pin pad that reads a whole card number: neither the programs' output, nor the log, nor the
+// journal, nor the store ever holds it whole.
+TEST(CardNumber, NeverWholeInOutputLogJournalOrStore) {
+    const std::string number = "4111111111111111";
+    test::SimulatedKiosk kiosk;
+    kiosk.set("Pin Pad Simulator", "CardNumber", number);
+    ASSERT_TRUE(kiosk.start());
+    std::string seen;
+    for (const char* result : {"approved", "denied"}) {
+        kiosk.set("Pin Pad Simulator", "Result", result);
+        const test::RunResult pay = kiosk.ksxctl({"pay", "25", "--card", "--timeout", "60"});
+        seen += pay.out + pay.err;
+    }
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"journal"}, {"journal", "--json"}, {"totals"}, {"dump"}}) {
+        const test::RunResult r = kiosk.ksxctl(command);
+        seen += r.out + r.err;
+    }
+    // The one place the number is meant to be: the simulator's steering value.
+    const std::string steering = "Pin Pad Simulator/CardNumber=" + number;
+    seen.erase(seen.find(steering), steering.size());
+    kiosk.set("Status", "Exit", "1");
+    ASSERT_TRUE(kiosk.engine().wait(30s));
+    seen += kiosk.engine().out() + kiosk.engine().err();
+    const std::string journal = qt::journalPathFor(kiosk.store);
+    seen += test::readFile(journal) + test::readFile(journal + "-wal");
+
+    EXPECT_NE(seen.find("411111******1111"), std::string::npos) << "the masked number is there";
+    EXPECT_EQ(seen.find(number), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kestrix

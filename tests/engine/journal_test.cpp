@@ -1,0 +1,282 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "engine/card/card_number.h"
+#include "engine/journal/books.h"
+#include "engine/journal/recovery.h"
+
+namespace kestrix {
+namespace {
+
+namespace jk = journal_kind;
+
+// Journal rows as the engine writes them, numbered in order.
+class Rows {
+public:
+    Rows& add(std::string_view kind, std::int64_t payment, std::string device = {},
+              std::int64_t minor = 0, std::string detail = {}, std::string requester = {},
+              std::string raw = {}) {
+        JournalRecord r;
+        r.sequence = static_cast<std::int64_t>(m_rows.size()) + 1;
+        r.kind = std::string(kind);
+        r.paymentId = payment;
+        r.device = std::move(device);
+        r.amount = Money::fromMinor(minor);
+        r.detail = std::move(detail);
+        r.requester = std::move(requester);
+        r.raw = std::move(raw);
+        m_rows.push_back(std::move(r));
+        return *this;
+    }
+    // A run that was started and died.
+    Rows& crashedRun() { return add(jk::kEngineStart, 0, "engine"); }
+    const std::vector<JournalRecord>& rows() const { return m_rows; }
+
+private:
+    std::vector<JournalRecord> m_rows;
+};
+
+std::vector<std::string> kinds(const std::vector<JournalEntry>& rows) {
+    std::vector<std::string> out;
+    for (const JournalEntry& e : rows) {
+        out.emplace_back(e.kind);
+    }
+    return out;
+}
+
+// The restart's decisions: what is closed, what is recorded unknown, what the host is told.
+TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
+    struct Case {
+        const char* name;
+        Rows rows;
+        MailboxBefore before;
+        std::vector<std::string> appended;
+        std::string report;  // the first report's detail, "" for none
+    };
+    const std::vector<Case> cases = {
+        {"a cash payment dies while accepting: its credit is owed",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 7, "", 1250, "cash", "host")
+             .add(jk::kCredit, 7, "changer", 500, "", "", "54")
+             .add(jk::kCredit, 7, "validator", 2000),
+         {"Insert Coins or Bills...", "12.5", "0", ""},
+         {"payment interrupted", "restart report"},
+         "request=Due asked=12.5 outcome=paid credit=25 paid=0 unknown=0"},
+        {"it dies paying change: the payout asked and never confirmed is unknown",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 8, "", 1250, "cash", "host")
+             .add(jk::kCredit, 8, "validator", 2000)
+             .add(jk::kPayoutAsked, 8, "dispenser", 5000)
+             .add(jk::kPayoutConfirmed, 8, "dispenser", 0)
+             .add(jk::kPayoutAsked, 8, "tubes", 750),
+         {"Dispensing change...", "12.5", "0", ""},
+         {"payout unknown", "payment interrupted", "restart report"},
+         "request=Due asked=12.5 outcome=unknown credit=20 paid=0 unknown=7.5"},
+        {"a host's change paid in full before the kill is reported paid, not owed again",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 9, "", 20000, "change", "host")
+             .add(jk::kPayoutAsked, 9, "tubes", 20000)
+             .add(jk::kPayoutConfirmed, 9, "tubes", 20000),
+         {"Dispensing change...", "0", "0", "200"},
+         {"payment interrupted", "restart report"},
+         "request=Change asked=200 outcome=paid credit=0 paid=200 unknown=0"},
+        {"change partly paid, the rest never asked",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 10, "", 20000, "change", "host")
+             .add(jk::kPayoutAsked, 10, "tubes", 20000)
+             .add(jk::kPayoutConfirmed, 10, "tubes", 12000),
+         {"Dispensing change...", "0", "0", "200"},
+         {"payment interrupted", "restart report"},
+         "request=Change asked=200 outcome=partly paid credit=0 paid=120 unknown=0"},
+        {"a card sale without a result: nobody knows whether the card was charged",
+         Rows().crashedRun().add(jk::kPaymentStart, 11, "pinpad", 2500, "card", "host"),
+         {"PROCESSING...", "0", "25", ""},
+         {"payment interrupted", "restart report"},
+         "request=DueCC asked=25 outcome=unknown credit=0 paid=0 unknown=0"},
+        {"an approved sale the host never saw end",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 12, "pinpad", 2500, "card", "host")
+             .add(jk::kCardResult, 12, "pinpad", 2500, "approved, card 411111******1111"),
+         {"Credit Card Approved", "0", "25", ""},
+         {"payment interrupted", "restart report"},
+         "request=DueCC asked=25 outcome=paid credit=25 paid=0 unknown=0"},
+        {"the operator's own payment is closed but not put before the host",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 13, "", 500, "cash", "operator")
+             .add(jk::kCredit, 13, "changer", 100),
+         {"", "0", "0", ""},
+         {"payment interrupted"},
+         ""},
+        {"ended, but the engine died before the mailbox showed the result",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 14, "", 20000, "change", "host")
+             .add(jk::kPayoutAsked, 14, "tubes", 20000)
+             .add(jk::kPayoutConfirmed, 14, "tubes", 20000)
+             .add(jk::kPaymentEnd, 14, "engine", 0, "Change dispensed"),
+         {"Dispensing change...", "0", "0", "200"},
+         {"restart report"},
+         "request=Change asked=200 outcome=paid credit=0 paid=200 unknown=0"},
+        {"ended and shown: nothing to report",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 15, "", 500, "cash", "host")
+             .add(jk::kCredit, 15, "changer", 500)
+             .add(jk::kPaymentEnd, 15, "engine", 500, "Payment Completed; change 0; unpaid 0"),
+         {"Payment Completed", "0", "0", ""},
+         {},
+         ""},
+        {"ended, and the host has blanked Status for its next request",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 16, "", 500, "cash", "host")
+             .add(jk::kPaymentEnd, 16, "engine", 0, "Transaction Cancelled"),
+         {"", "5", "0", ""},
+         {},
+         ""},
+        {"a card's status shown but DueCC not yet given back",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 17, "pinpad", 2500, "card", "host")
+             .add(jk::kCardResult, 17, "pinpad", 2500, "denied, card 411111******1111")
+             .add(jk::kPaymentEnd, 17, "pinpad", 0, "Credit Card Denied"),
+         {"Credit Card Denied", "0", "25", ""},
+         {"restart report"},
+         "request=DueCC asked=25 outcome=not paid credit=0 paid=0 unknown=0"},
+        {"after a clean shutdown an ended payment is never reported",
+         Rows()
+             .add(jk::kEngineStart, 0, "engine")
+             .add(jk::kPaymentStart, 18, "", 500, "change", "host")
+             .add(jk::kPaymentEnd, 18, "engine", 0, "Dispensing change...")
+             .add(jk::kEngineEnd, 0, "engine"),
+         {"", "0", "0", ""},
+         {},
+         ""},
+        {"a report not yet acknowledged is published again, nothing appended",
+         Rows()
+             .add(jk::kEngineStart, 0, "engine")
+             .add(jk::kPaymentStart, 19, "", 20000, "change", "host")
+             .add(jk::kPayoutAsked, 19, "tubes", 20000)
+             .add(jk::kPaymentInterrupted, 19, "engine")
+             .add(jk::kPayoutUnknown, 19, "tubes", 20000)
+             .add(jk::kRestartReport, 19, "engine")
+             .add(jk::kEngineEnd, 0, "engine"),
+         {"", "0", "0", ""},
+         {},
+         "request=Change asked=200 outcome=unknown credit=0 paid=0 unknown=200"},
+        {"an acknowledged report is over",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 20, "", 500, "cash", "host")
+             .add(jk::kPaymentInterrupted, 20, "engine")
+             .add(jk::kRestartReport, 20, "engine")
+             .add(jk::kReportAcknowledged, 20, "engine"),
+         {"", "0", "0", ""},
+         {},
+         ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const recovery::Plan plan = recovery::plan(c.rows.rows(), c.before);
+        EXPECT_EQ(kinds(plan.rows), c.appended);
+        ASSERT_EQ(plan.reports.empty(), c.report.empty());
+        if (!c.report.empty()) {
+            EXPECT_EQ(plan.reports.front().detail(), c.report);
+        }
+        for (const JournalEntry& row : plan.rows) {
+            if (row.kind == jk::kPaymentInterrupted) {
+                // What the host must settle is the report's credit, in the row's own amount.
+                EXPECT_EQ(row.amount,
+                          books::restartReport(books::paymentBooks(c.rows.rows())).credit);
+            }
+        }
+    }
+}
+
+TEST(Recovery, UnknownPayoutsKeepTheDeviceAndAmountAskedAndReportsComeOldestFirst) {
+    Rows r;
+    r.crashedRun()
+        .add(jk::kPaymentStart, 3, "", 1000, "change", "host")
+        .add(jk::kPayoutAsked, 3, "hopper2", 300)
+        .add(jk::kPaymentStart, 4, "", 500, "cash", "host")
+        .add(jk::kCredit, 4, "changer", 200);
+    const recovery::Plan plan = recovery::plan(r.rows(), {"", "5", "0", ""});
+    ASSERT_EQ(plan.rows.size(), 5u);
+    EXPECT_EQ(plan.rows[0].kind, jk::kPayoutUnknown);
+    EXPECT_EQ(plan.rows[0].device, "hopper2");
+    EXPECT_EQ(plan.rows[0].amount, Money::fromMinor(300));
+    EXPECT_EQ(plan.rows[0].paymentId, 3);
+    ASSERT_EQ(plan.reports.size(), 2u);
+    EXPECT_EQ(plan.reports[0].paymentId, 3);
+    EXPECT_EQ(plan.reports[1].paymentId, 4);
+    EXPECT_TRUE(plan.previousRunCrashed);
+}
+
+TEST(Totals, MoneyPerDeviceWithRoutingTubesAndCassette) {
+    Rows r;
+    r.add(jk::kTubeLevels, 0, "changer", 32000, "0.5x40 1x40 2x30 5x20 10x10")
+        .add(jk::kRefill, 0, "dispenser", 0, "cassette OK, status OK")
+        .add(jk::kPayoutConfirmed, 1, "dispenser", 5000)  // before the chosen point
+        .add(jk::kPaymentStart, 2, "", 1250, "cash", "host")
+        .add(jk::kCredit, 2, "changer", 1000, "", "", "54")  // routed to the tubes
+        .add(jk::kCredit, 2, "changer", 500, "", "", "43")   // to the cash box
+        .add(jk::kCredit, 2, "validator", 2000)
+        .add(jk::kUncredited, 2, "validator", 2000)
+        .add(jk::kPayoutConfirmed, 2, "tubes", 750)
+        .add(jk::kPayoutConfirmed, 2, "dispenser", 5000)
+        .add(jk::kUnpaid, 2, "", 250)
+        .add(jk::kPaymentEnd, 2, "", 3500, "Payment Completed")
+        .add(jk::kPaymentStart, 3, "pinpad", 2500, "card", "host")
+        .add(jk::kCardResult, 3, "pinpad", 2500, "approved, card ************1111")
+        .add(jk::kPaymentInterrupted, 4, "engine", 1500)
+        .add(jk::kPayoutUnknown, 4, "hopper1", 300);
+    std::vector<JournalRecord> rows = r.rows();
+    rows[9].count = 1;  // one bill of 50
+    rows[2].count = 1;
+    const books::Totals t = books::totals(rows, 3);
+    EXPECT_EQ(t.fromSequence, 4);
+    EXPECT_EQ(t.inserted(), Money::fromUnits(55));
+    EXPECT_EQ(t.notCredited, Money::fromUnits(20));
+    EXPECT_EQ(t.toTubes, Money::fromUnits(10));
+    EXPECT_EQ(t.coinsToCashBox, Money::fromUnits(5));
+    EXPECT_EQ(t.cashBox(), Money::fromUnits(45));
+    EXPECT_EQ(t.paidOut(), Money::fromMinor(5750));
+    EXPECT_EQ(t.devices.at("dispenser").coinsOrBillsOut, 1);
+    EXPECT_EQ(t.unpaid, Money::fromMinor(250));
+    EXPECT_EQ(t.interrupted, Money::fromUnits(15));
+    EXPECT_EQ(t.unknown, Money::fromUnits(3));
+    EXPECT_EQ(t.cardApproved, Money::fromUnits(25));
+    EXPECT_EQ(t.cashPayments, 1);
+    EXPECT_EQ(t.cardPayments, 1);
+    // 320 read, 10 routed in, 7.50 paid from them.
+    EXPECT_EQ(t.tubesHeld(), Money::fromMinor(32250));
+    EXPECT_EQ(t.billsSinceRefill, 2);
+}
+
+TEST(CardNumber, NeverMoreThanTheFirstSixAndLastFour) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"4111111111111111", "411111******1111"},
+        {"4111 1111 1111 1111", "411111******1111"},
+        {"5500-0000-0000-0004", "550000******0004"},
+        {"6011000990139424123", "601100*********4123"},
+        {"4222222222222", "422222***2222"},
+        {"123456789012", "********9012"},  // too short to show its head
+        {"************1111", "************1111"},
+        {"1234", "****"},
+        {"", ""},
+    };
+    for (const auto& [number, masked] : cases) {
+        EXPECT_EQ(maskCardNumber(number), masked) << number;
+    }
+}
+
+}  // namespace
+}  // namespace kestrix
