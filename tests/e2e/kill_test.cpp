@@ -111,7 +111,7 @@ JournalBooks journalBooks(const std::string& path) {
             if (r.paymentId == 0) {
                 j.uncreditedOutside += r.amount;
             }
-        } else if (r.kind == jk::kPayoutConfirmed || r.kind == jk::kOperatorDispense) {
+        } else if (r.kind == jk::kPayoutConfirmed) {
             j.paidOut += r.amount;
         } else if (r.kind == jk::kPayoutUnknown) {
             j.unknown += r.amount;

@@ -229,7 +229,7 @@ void CardPayment::runSale() {
     const std::string voucherText = lib.runSale(sale);
 
     const std::string result = lib.result();
-    const Money due = Money::fromDouble(m_dueAmount).value_or(Money());
+    const Money due = m_dueAmount;
     if (result == kApproved) {
         journalResult("approved, card " + m_maskedCard, due);
         printVoucher([&](Printer& p) { voucher::printApproved(p, voucherText); });
@@ -273,7 +273,7 @@ void CardPayment::journalStart() {
     row.kind = journal_kind::kPaymentStart;
     row.paymentId = m_paymentId;
     row.device = "pinpad";
-    row.amount = Money::fromDouble(m_dueAmount).value_or(Money());
+    row.amount = m_dueAmount;
     row.detail = "card";
     // The host asks through "DueCC"; a sale without one is the operator's from the console.
     row.requester =
@@ -303,11 +303,11 @@ void CardPayment::journalEnd() {
     row.kind = journal_kind::kPaymentEnd;
     row.paymentId = m_paymentId;
     row.device = "pinpad";
-    row.amount = Money::fromDouble(m_credit).value_or(Money());
+    row.amount = m_credit;
     row.detail = status;
     row.reference = m_reference;
     m_setup.platform().journal.append(row);
-    m_setup.platform().log.info("Card payment of " + numberText(m_dueAmount) +
+    m_setup.platform().log.info("Card payment of " + m_dueAmount.text() +
                                     " ended: " + (m_result.empty() ? "no result" : m_result) +
                                     "; \"" + status + "\"",
                                 {"pinpad", m_paymentId});

@@ -34,8 +34,10 @@ int hexDigit(char c) {
     return -1;
 }
 
+// What a device reports it paid, in a payment or for the operator's own dispense (which is
+// journalled as asked, "operator dispense", then confirmed like any payout).
 bool isPaidOut(const std::string& kind) {
-    return kind == jk::kPayoutConfirmed || kind == jk::kOperatorDispense;
+    return kind == jk::kPayoutConfirmed;
 }
 
 }  // namespace

@@ -24,8 +24,8 @@ inline constexpr std::string_view kCredit = "credit";
 // Money taken in that the engine saw but could not credit (for example a bill reported twice
 // within the guard time): recorded so the books still explain it.
 inline constexpr std::string_view kUncredited = "uncredited";
-// A payout asked of a device: device "dispenser" (count = bills), "tubes" (amount = money asked),
-// "hopper1"/"hopper2" (count = coins).
+// A payout asked of a device: device "dispenser" (count = bills), "tubes", "hoppers"; `amount`
+// the money asked (the totals and the restart's unknown payouts count it).
 inline constexpr std::string_view kPayoutAsked = "payout asked";
 // What the device reports it paid for the last payout asked of it.
 inline constexpr std::string_view kPayoutConfirmed = "payout confirmed";
