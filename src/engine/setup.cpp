@@ -321,7 +321,7 @@ void Setup::Exit() {
         }
     });
     m_platform.journal.append({.kind = journal_kind::kEngineEnd, .device = "engine"});
-    m_platform.log.notice("Engine ended", {"engine", 0});
+    m_platform.log.notice("engine: ended", {"engine", 0});
     m_ended = true;
     for (Timer* t : {m_monitor.get(), m_pollTimer.get(), m_changeTimer.get(), m_clickTimer.get(),
                      m_ccTimer.get()}) {

@@ -240,7 +240,7 @@ std::int64_t SqliteJournal::append(const JournalEntry& e) {
         const std::int64_t sequence = sqlite3_last_insert_rowid(m_db);
         if (m_failing) {
             m_failing = false;
-            m_log.notice("Journal writes again", {"journal", e.paymentId});
+            m_log.notice("journal: writes again", {"journal", e.paymentId});
         }
         if (now >= m_nextPruneMs) {
             pruneLocked(now);
@@ -249,7 +249,7 @@ std::int64_t SqliteJournal::append(const JournalEntry& e) {
     } catch (const std::exception& error) {
         if (!m_failing) {
             m_failing = true;
-            m_log.error(std::string("Journal write failed: ") + error.what(),
+            m_log.error(std::string("journal: write failed: ") + error.what(),
                         {"journal", e.paymentId});
         }
         return 0;
@@ -267,7 +267,7 @@ std::int64_t SqliteJournal::newPaymentId() {
     // The journal cannot count: an id from the clock is still new, and far above any id counted.
     if (!m_failing) {
         m_failing = true;
-        m_log.error(std::string("Journal cannot hand out a payment id: ") + sqlite3_errmsg(m_db),
+        m_log.error(std::string("journal: cannot hand out a payment id: ") + sqlite3_errmsg(m_db),
                     {"journal", 0});
     }
     return nowMs();

@@ -86,9 +86,12 @@ TEST(Restart, ReportsEachInterruptedPaymentUntilTheHostAcknowledgesIt) {
         EXPECT_EQ(k.changer().paidOutCount(type), 0);
     }
     const auto& log = k.log().lines();
-    EXPECT_EQ(std::count_if(
-                  log.begin(), log.end(),
-                  [](const std::string& l) { return l.rfind("<4>Payment interrupted", 0) == 0; }),
+    EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                            [](const std::string& l) {
+                                return l.rfind("<4>payment ", 0) == 0 &&
+                                       l.find(" interrupted by the engine's end") !=
+                                           std::string::npos;
+                            }),
               2);
 }
 

@@ -280,6 +280,9 @@ void CardPayment::journalStart() {
         leadingNumber(m_setup.mailbox(store::mailbox::kDueCC)) > 0 ? "host" : "operator";
     row.reference = m_reference;
     journal.append(row);
+    m_setup.platform().log.info("payment " + std::to_string(m_paymentId) + ": card of " +
+                                    m_dueAmount.text() + " asked by the " + row.requester,
+                                {"pinpad", m_paymentId});
 }
 
 void CardPayment::journalResult(std::string outcome, Money amount) {
@@ -307,9 +310,8 @@ void CardPayment::journalEnd() {
     row.detail = status;
     row.reference = m_reference;
     m_setup.platform().journal.append(row);
-    m_setup.platform().log.info("Card payment of " + m_dueAmount.text() +
-                                    " ended: " + (m_result.empty() ? "no result" : m_result) +
-                                    "; \"" + status + "\"",
+    m_setup.platform().log.info("payment " + std::to_string(m_paymentId) + " ended: " + status +
+                                    "; " + (m_result.empty() ? "no result" : m_result),
                                 {"pinpad", m_paymentId});
     m_paymentId = 0;
 }

@@ -362,7 +362,8 @@ void BillDispenser::bdDispenserRefill_Click() {
     refill.detail = "cassette " + c.text("bdCasetteStatus") + ", status " + c.text("bdStatus") +
                     ", bill value " + c.text("bDispType") + (read ? "" : ", status read failed");
     m_setup.platform().journal.append(refill);
-    m_setup.platform().log.info("Bill dispenser refilled: " + refill.detail, {"dispenser", 0});
+    m_setup.platform().log.info("bill dispenser: refilled (" + refill.detail + ")",
+                                {"dispenser", 0});
     if (m_bdError) {
         m_setup.health().fault("dispenser", "reports an error after the refill");
     } else {

@@ -14,7 +14,7 @@ void DeviceHealth::fault(std::string_view device, std::string_view what, std::in
     row.device = std::string(device);
     row.detail = std::string(what);
     m_journal.append(row);
-    m_log.error(std::string(device) + " fault: " + std::string(what), {device, paymentId});
+    m_log.error(std::string(device) + ": fault: " + std::string(what), {device, paymentId});
 }
 
 void DeviceHealth::working(std::string_view device, std::int64_t paymentId) {
@@ -30,7 +30,7 @@ void DeviceHealth::working(std::string_view device, std::int64_t paymentId) {
     row.device = std::string(device);
     row.detail = "after: " + was;
     m_journal.append(row);
-    m_log.notice(std::string(device) + " recovered (was: " + was + ")", {device, paymentId});
+    m_log.notice(std::string(device) + ": recovered (was: " + was + ")", {device, paymentId});
 }
 
 }  // namespace kestrix

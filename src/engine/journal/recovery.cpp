@@ -92,7 +92,8 @@ Plan plan(const std::vector<JournalRecord>& rows, const MailboxBefore& before) {
             closed.reference = b.reference;
             p.rows.push_back(std::move(closed));
             p.notes.push_back({LogLevel::Warning,
-                               "Payment interrupted by the engine's end: " + describe(report) +
+                               "payment " + std::to_string(id) +
+                                   " interrupted by the engine's end: " + describe(report) +
                                    (hostAsked ? "" : " (the operator's)"),
                                id});
             if (hostAsked) {
@@ -107,8 +108,8 @@ Plan plan(const std::vector<JournalRecord>& rows, const MailboxBefore& before) {
             p.rows.push_back(entry(jk::kRestartReport, id, "engine", report.detail()));
             p.reports.push_back(report);
             p.notes.push_back({LogLevel::Notice,
-                               "Payment ended just before the engine's end, result reported "
-                               "again: " +
+                               "payment " + std::to_string(id) +
+                                   " ended just before the engine's end; result reported again: " +
                                    describe(report),
                                id});
         }
@@ -143,7 +144,7 @@ void Recovery::run(const MailboxBefore& before) {
     try {
         rows = journal.recoveryRows();
     } catch (const std::exception& e) {
-        log.error(std::string("Journal unreadable; no recovery: ") + e.what(), {"engine", 0});
+        log.error(std::string("journal: unreadable; no recovery: ") + e.what(), {"engine", 0});
     }
     const recovery::Plan plan = recovery::plan(rows, before);
 
@@ -156,9 +157,9 @@ void Recovery::run(const MailboxBefore& before) {
     }
     journal.append(start);
     log.notice(plan.previousRunCrashed
-                   ? "Engine started; the previous run ended without its shutdown (a crash, a "
+                   ? "engine: started; the previous run ended without its shutdown (a crash, a "
                      "kill or a power cut)"
-                   : "Engine started",
+                   : "engine: started",
                {"engine", 0});
     for (const JournalEntry& row : plan.rows) {
         journal.append(row);
@@ -180,7 +181,8 @@ void Recovery::run(const MailboxBefore& before) {
         m_setup.writeMailbox(mb::kChangeDispensed, first.paid.text());
         publish(first);
     } catch (const std::exception& e) {
-        log.error(std::string("Cannot publish the restart report: ") + e.what(), {"store", 0});
+        log.error(std::string("store: cannot publish the restart report: ") + e.what(),
+                  {"store", 0});
     }
     // Also when publishing failed: the watch publishes again until the host has acknowledged.
     m_timer->setEnabled(!m_reports.empty());
@@ -232,7 +234,8 @@ void Recovery::reportTimer_Timer() {
         ack.device = "engine";
         ack.detail = "the host cleared \"Interrupted\"";
         m_setup.platform().journal.append(ack);
-        m_setup.platform().log.info("Restart report acknowledged by the host",
+        m_setup.platform().log.info("payment " + std::to_string(current.paymentId) +
+                                        ": restart report acknowledged by the host",
                                     {"engine", current.paymentId});
         m_reports.pop_front();
         if (m_reports.empty()) {
