@@ -247,7 +247,14 @@ TEST(KillNine, JournalAndDeviceBooksReconcileAfterEveryRestart) {
         std::vector<Report> reports;
         if (kill) {
             kiosk.set("Pin Pad", "On Line", "");  // so that start() waits for the new engine
-            ASSERT_TRUE(kiosk.start());
+            if (!kiosk.start()) {
+                const std::optional<int> status = kiosk.engine().wait(1s);
+                FAIL() << "the engine did not come back: "
+                       << (status ? "exit status " + std::to_string(*status) : "still running")
+                       << "\n"
+                       << kiosk.ksxctl({"journal", "--since", "#" + std::to_string(requestSeq + 1)})
+                              .out;
+            }
             pause(1500);  // the bill validator is initialised last, after the tubes are read
             // The host reads each restart report and acknowledges it.
             for (int r = 0; r < 10 && !kiosk.get("Status", "Interrupted").empty(); ++r) {
