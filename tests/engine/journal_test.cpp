@@ -125,15 +125,15 @@ TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
          {"Dispensing change...", "0", "0", "200"},
          {"restart report"},
          "request=Change asked=200 outcome=paid credit=0 paid=200 unknown=0"},
-        {"ended and shown: nothing to report",
+        {"ended and shown, but the reset may wipe it before the host reads it",
          Rows()
              .crashedRun()
              .add(jk::kPaymentStart, 15, "", 500, "cash", "host")
              .add(jk::kCredit, 15, "changer", 500)
              .add(jk::kPaymentEnd, 15, "engine", 500, "Payment Completed; change 0; unpaid 0"),
          {"Payment Completed", "0", "0", ""},
-         {},
-         ""},
+         {"restart report"},
+         "request=Due asked=5 outcome=paid credit=5 paid=0 unknown=0"},
         {"ended, and the host has blanked Status for its next request",
          Rows()
              .crashedRun()
@@ -142,13 +142,13 @@ TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
          {"", "5", "0", ""},
          {},
          ""},
-        {"a card's status shown but DueCC not yet given back",
+        {"a card's end before the mailbox showed it",
          Rows()
              .crashedRun()
              .add(jk::kPaymentStart, 17, "pinpad", 2500, "card", "host")
              .add(jk::kCardResult, 17, "pinpad", 2500, "denied, card 411111******1111")
              .add(jk::kPaymentEnd, 17, "pinpad", 0, "Credit Card Denied"),
-         {"Credit Card Denied", "0", "25", ""},
+         {"PROCESSING...", "0", "25", ""},
          {"restart report"},
          "request=DueCC asked=25 outcome=not paid credit=0 paid=0 unknown=0"},
         {"after a clean shutdown an ended payment is never reported",

@@ -25,19 +25,14 @@ JournalEntry entry(std::string_view kind, std::int64_t paymentId, std::string de
     return e;
 }
 
-// Whether the host can have read the result of a payment that ended: the mailbox still showed
-// its final status when the engine died (for a card, also "DueCC" given back, the attempt's last
-// write), or the host had already blanked "Status" for a new request.
-bool resultSeen(const books::PaymentBooks& b, const MailboxBefore& before) {
+// Whether the host has moved on from the payment that ended last: it blanked "Status" and wrote
+// its next request, which it does only once it has read the result. Otherwise the result may
+// have gone unread (the engine died just after writing it, or the restart's reset wiped it
+// before a slow host looked), and is reported again.
+bool hostMovedOn(const MailboxBefore& before) {
     const bool requestPending = leadingNumber(before.due) > 0 || leadingNumber(before.dueCC) > 0 ||
                                 leadingNumber(before.change) > 0;
-    if (before.status.empty() && requestPending) {
-        return true;
-    }
-    if (before.status != b.endStatus) {
-        return false;
-    }
-    return b.request != "DueCC" || !(leadingNumber(before.dueCC) > 0);
+    return before.status.empty() && requestPending;
 }
 
 std::string describe(const books::RestartReport& r) {
@@ -103,7 +98,7 @@ Plan plan(const std::vector<JournalRecord>& rows, const MailboxBefore& before) {
         } else if (b.reported) {
             p.reports.push_back(books::restartReport(b));
         } else if (b.ended && id == lastPayment && p.previousRunCrashed && hostAsked &&
-                   !resultSeen(b, before)) {
+                   !hostMovedOn(before)) {
             const books::RestartReport report = books::restartReport(b);
             p.rows.push_back(entry(jk::kRestartReport, id, "engine", report.detail()));
             p.reports.push_back(report);

@@ -46,8 +46,8 @@ struct Plan {
 
 // Decides from the journal's recovery rows (Journal::recoveryRows) and the mailbox the last run
 // left. A payment is reported to the host when the host asked for it and it is unfinished, or was
-// reported before and not acknowledged, or it is the last payment of a run that crashed after
-// its end row but before the mailbox showed the host its result.
+// reported before and not acknowledged, or it is the last payment of a run that crashed and the
+// host had not yet gone on to its next request (it may not have read the result).
 Plan plan(const std::vector<JournalRecord>& rows, const MailboxBefore& before);
 
 }  // namespace recovery

@@ -46,8 +46,8 @@ inline constexpr std::string_view kPaymentEnd = "payment end";
 // credit=20 paid=0 unknown=7.5").
 inline constexpr std::string_view kPaymentInterrupted = "payment interrupted";
 // A payment whose outcome a restarted engine put before the host (the mailbox's "Interrupted"
-// keys): an interrupted one, or one that ended just before the engine died, before the host can
-// have read its result. Detail as for "payment interrupted".
+// keys): an interrupted one, or the last one that ended before the engine died, whose result
+// the host may not have read. Detail as for "payment interrupted".
 inline constexpr std::string_view kRestartReport = "restart report";
 // The host has read the restart report of the payment (it cleared "Interrupted").
 inline constexpr std::string_view kReportAcknowledged = "report acknowledged";
