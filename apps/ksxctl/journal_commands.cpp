@@ -221,6 +221,18 @@ std::string rowJson(const JournalRecord& r) {
     return o.str();
 }
 
+// A "cash box emptied" row names the last row its report counted; the next totals start after
+// it.
+constexpr std::string_view kCountedThrough = "ksxctl totals --emptied, counted through row ";
+
+std::int64_t countedThrough(const JournalRecord& emptied) {
+    const std::string_view detail = emptied.detail;
+    if (detail.rfind(kCountedThrough, 0) == 0 && allDigits(detail.substr(kCountedThrough.size()))) {
+        return std::stoll(std::string(detail.substr(kCountedThrough.size())));
+    }
+    return emptied.sequence;
+}
+
 std::string pathOr(const std::string& file, const std::string& journalPath) {
     return file.empty() ? journalPath : file;
 }
@@ -327,7 +339,7 @@ int runTotals(const std::string& journalPath, const Args& args) {
         q.sinceMs = o.since->sinceMs;
         from = "--since " + o.since->text;
     } else if ((lastEmptied = journal.last(jk::kCashBoxEmptied))) {
-        q.afterSequence = lastEmptied->sequence;
+        q.afterSequence = countedThrough(*lastEmptied);
         from = "the cash box emptied at " + localTime(lastEmptied->wallTimeMs, false);
     } else {
         from = "the journal's first row";
@@ -449,7 +461,9 @@ int runTotals(const std::string& journalPath, const Args& args) {
         row.device = "cash box";
         row.amount = t.cashBox();
         row.requester = "operator";
-        row.detail = "ksxctl totals --emptied";
+        // Rows the engine wrote while this report was made belong to the next one.
+        row.detail = std::string(kCountedThrough) +
+                     std::to_string(t.toSequence != 0 ? t.toSequence : start - 1);
         if (journal.append(row) == 0) {
             throw kestrix::StoreError("journal " + journal.path() + ": cannot record the emptying");
         }
