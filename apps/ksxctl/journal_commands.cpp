@@ -11,6 +11,7 @@
 #include "engine/platform/settings_store.h"
 #include "host_commands.h"
 #include "platform_qt/sqlite_journal.h"
+#include "platform_qt/sqlite_store.h"
 
 namespace ksxctl {
 
@@ -233,8 +234,9 @@ std::int64_t countedThrough(const JournalRecord& emptied) {
     return emptied.sequence;
 }
 
-std::string pathOr(const std::string& file, const std::string& journalPath) {
-    return file.empty() ? journalPath : file;
+std::string journalFile(const std::string& file, const std::string& storeOption) {
+    return file.empty() ? kestrix::qt::journalPathFor(kestrix::qt::resolveStorePath(storeOption))
+                        : file;
 }
 
 }  // namespace
@@ -303,9 +305,9 @@ Since parseSince(std::string_view text, std::int64_t now) {
     return s;
 }
 
-int runJournal(const std::string& journalPath, const Args& args) {
+int runJournal(const std::string& storeOption, const Args& args) {
     const CommandOptions o = parseOptions(args, false);
-    SqliteJournal journal(pathOr(o.file, journalPath), SqliteJournal::Mode::Tool);
+    SqliteJournal journal(journalFile(o.file, storeOption), SqliteJournal::Mode::Tool);
     kestrix::qt::JournalQuery q;
     if (o.since) {
         q.afterSequence = o.since->afterSequence;
@@ -327,9 +329,9 @@ int runJournal(const std::string& journalPath, const Args& args) {
     return kExitOk;
 }
 
-int runTotals(const std::string& journalPath, const Args& args) {
+int runTotals(const std::string& storeOption, const Args& args) {
     const CommandOptions o = parseOptions(args, true);
-    SqliteJournal journal(pathOr(o.file, journalPath), SqliteJournal::Mode::Tool);
+    SqliteJournal journal(journalFile(o.file, storeOption), SqliteJournal::Mode::Tool);
 
     kestrix::qt::JournalQuery q;
     std::string from;

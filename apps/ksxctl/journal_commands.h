@@ -20,9 +20,11 @@ struct Since {
 };
 Since parseSince(std::string_view text, std::int64_t nowMs);
 
+// The commands read the journal beside the store (--store, KSX_STORE or the default), or the one
+// --file names. A build without SQLite (the Windows cross-build) has neither the journal nor them.
 // journal [--since WHEN] [--payment ID] [--json] [--file PATH]
-int runJournal(const std::string& journalPath, const Args& args);
+int runJournal(const std::string& storeOption, const Args& args);
 // totals [--since WHEN] [--emptied] [--json] [--file PATH]
-int runTotals(const std::string& journalPath, const Args& args);
+int runTotals(const std::string& storeOption, const Args& args);
 
 }  // namespace ksxctl

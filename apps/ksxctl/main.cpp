@@ -20,9 +20,9 @@
 
 #include "engine/platform/settings_store.h"
 #include "host_commands.h"
+#ifdef KESTRIX_HAVE_SQLITE
 #include "journal_commands.h"
-#include "platform_qt/sqlite_journal.h"
-#include "platform_qt/sqlite_store.h"
+#endif
 #include "platform_qt/store_factory.h"
 #ifdef _WIN32
 #include "utf8_arguments_win.h"
@@ -56,10 +56,6 @@ public:
             m_store = kestrix::qt::openSettingsStore(m_options.store);
         }
         return *m_store;
-    }
-    // The engine's money journal, beside the store file.
-    std::string journalPath() const {
-        return kestrix::qt::journalPathFor(kestrix::qt::resolveStorePath(m_options.store));
     }
 
 private:
@@ -195,14 +191,16 @@ const Command kCommands[] = {
      [](Context& c, const Args& a) { return ksxctl::runCancel(c.store(), c.options().app, a); }},
     {"exit", "", "ask the engine to shut down (\"Exit\" = \"1\")", 0, 0,
      [](Context& c, const Args& a) { return ksxctl::runExit(c.store(), c.options().app, a); }},
+#ifdef KESTRIX_HAVE_SQLITE
     {"journal", "[--since WHEN] [--payment ID] [--json] [--file PATH]",
      "print the engine's money journal (beside the store:\nKSX-journal.db), one row a line; WHEN "
      "is #ROW, a date,\n\"DATE HH:MM\" or a time ago (30m, 12h, 7d)",
-     0, 7, [](Context& c, const Args& a) { return ksxctl::runJournal(c.journalPath(), a); }},
+     0, 7, [](Context& c, const Args& a) { return ksxctl::runJournal(c.options().store, a); }},
     {"totals", "[--since WHEN] [--emptied] [--json] [--file PATH]",
      "money per device since the cash box was last emptied\n(or WHEN): taken in, paid out, owed, "
      "held; --emptied\nrecords that the cash box is emptied now",
-     0, 6, [](Context& c, const Args& a) { return ksxctl::runTotals(c.journalPath(), a); }},
+     0, 6, [](Context& c, const Args& a) { return ksxctl::runTotals(c.options().store, a); }},
+#endif
 };
 
 void printHelp() {
