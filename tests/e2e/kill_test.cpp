@@ -247,7 +247,9 @@ TEST(KillNine, JournalAndDeviceBooksReconcileAfterEveryRestart) {
         std::vector<Report> reports;
         if (kill) {
             kiosk.set("Pin Pad", "On Line", "");  // so that start() waits for the new engine
-            if (!kiosk.start()) {
+            // A dispenser killed in the middle of a frame may answer the next set-up with an
+            // error; the kiosk then pays change from its other sources.
+            if (!kiosk.start(false)) {
                 const std::optional<int> status = kiosk.engine().wait(1s);
                 FAIL() << "the engine did not come back: "
                        << (status ? "exit status " + std::to_string(*status) : "still running")
