@@ -427,9 +427,11 @@ int runTotals(const std::string& storeOption, const Args& args) {
         std::cout << "Paid out\n";
         for (const auto& [device, money] : t.devices) {
             if (money.out.positive()) {
+                // Tube and hopper payouts are journalled as money; the dispenser's as bills too.
                 line(device, money.out,
-                     std::to_string(money.coinsOrBillsOut) +
-                         (device == "dispenser" ? " bills" : " coins"));
+                     money.coinsOrBillsOut > 0 ? std::to_string(money.coinsOrBillsOut) +
+                                                     (device == "dispenser" ? " bills" : " coins")
+                                               : std::string());
             }
         }
         line("total", t.paidOut());
