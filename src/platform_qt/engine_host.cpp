@@ -18,6 +18,7 @@
 #include "sim/seed.h"
 #include "sqlite_store.h"
 #include "steady_clock.h"
+#include "timing_trace.h"
 
 #ifdef KESTRIX_HAVE_FLEET
 #include "fleet/start.h"
@@ -172,6 +173,7 @@ void EngineHost::run() {
                 m_shared->setup = &setup;
             }
             const bool ok = setup.startUp();
+            timing::record('U');
             emit startedUp(ok);
             code = ok ? loop.exec() : 1;
             std::lock_guard lock(m_shared->mutex);

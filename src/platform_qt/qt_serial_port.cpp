@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "engine/settings/layout.h"
+#include "timing_trace.h"
 
 namespace kestrix::qt {
 
@@ -178,6 +179,7 @@ void QtSerialPort::write(std::string_view bytes) {
         return;
     }
     const auto size = static_cast<qint64>(bytes.size());
+    timing::record('W', m_device, std::to_string(bytes.size()));
     if (m_port->write(bytes.data(), size) != size) {
         checkError("write");
         throw PortError("port " + std::to_string(m_portNumber) + ": write failed");
@@ -208,6 +210,7 @@ std::string QtSerialPort::read() {
         data += m_port->readAll();
     }
     checkError("read");
+    timing::record('R', m_device, std::to_string(data.size()));
     return std::string(data.constData(), static_cast<std::size_t>(data.size()));
 }
 

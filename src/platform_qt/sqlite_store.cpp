@@ -7,6 +7,8 @@
 #include <initializer_list>
 #include <system_error>
 
+#include "timing_trace.h"
+
 namespace kestrix::qt {
 
 namespace {
@@ -172,6 +174,9 @@ void SqliteStore::set(std::string_view app, std::string_view section, std::strin
         bindText(m_set, 3, key) != SQLITE_OK || bindText(m_set, 4, value) != SQLITE_OK ||
         sqlite3_step(m_set) != SQLITE_DONE) {
         fail("cannot write " + std::string(section) + "/" + std::string(key));
+    }
+    if (timing::enabled()) {
+        timing::record('S', std::string(section) + "/" + std::string(key), value);
     }
 }
 

@@ -38,6 +38,9 @@ std::string hexBytes(const std::vector<std::uint8_t>& bytes) {
 
 void FrameLog::add(double time, Direction direction, std::string hex, std::string note, int tag) {
     m_entries.push_back({time, direction, std::move(hex), std::move(note), tag});
+    if (m_sink) {
+        m_sink(m_entries.back());
+    }
     while (m_entries.size() > m_capacity) {
         m_entries.pop_front();
     }

@@ -324,6 +324,14 @@ std::string BillDispenserModel::transmit(double now) {
     return out;
 }
 
+double BillDispenserModel::nextOutputAt(double) const {
+    double next = m_out.empty() ? kNever : m_out.front().due;
+    if (m_operation) {
+        next = std::min(next, m_operation->due);
+    }
+    return next;
+}
+
 void BillDispenserModel::powerCycle(double) {
     m_rx = Rx::Idle;
     m_operation.reset();

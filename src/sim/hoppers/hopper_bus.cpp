@@ -105,6 +105,10 @@ std::string HopperBus::transmit(double now) {
     return out;
 }
 
+double HopperBus::nextOutputAt(double) const {
+    return m_out.empty() ? kNever : m_out.front().due;
+}
+
 std::string HopperBus::stateJson() const {
     JsonWriter w;
     w.beginObject();

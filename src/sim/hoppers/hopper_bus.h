@@ -23,6 +23,8 @@ public:
 
     void receive(std::string_view bytes, double now) override;
     std::string transmit(double now) override;
+    // Hoppers answer only when addressed: only queued replies and echoes come out.
+    double nextOutputAt(double now) const override;
     // Lets the hoppers' payouts catch up to `now`.
     void advance(double now);
 

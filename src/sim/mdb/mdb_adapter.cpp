@@ -190,6 +190,10 @@ std::string MdbAdapter::transmit(double now) {
     return out;
 }
 
+double MdbAdapter::nextOutputAt(double) const {
+    return m_out.empty() ? kNever : m_out.front().due;
+}
+
 void MdbAdapter::powerCycle(double) {
     m_pendingData.reset();
     m_frame.clear();
