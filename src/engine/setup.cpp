@@ -1,5 +1,8 @@
 #include "setup.h"
 
+#include <algorithm>
+#include <cctype>
+
 #include "bounds.h"
 #include "card/card_payment.h"
 #include "dispenser/bill_dispenser.h"
@@ -21,6 +24,13 @@ constexpr int kClickIntervalMs = 200;
 constexpr int kCardWatchIntervalMs = 200;
 
 constexpr std::string_view kHideSwitch = "/hide";
+
+bool sameName(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
+           });
+}
 
 }  // namespace
 
@@ -383,6 +393,10 @@ void Setup::Monitor_Timer() {
         }
     });
 
+    if (nothingAsked()) {
+        return;
+    }
+
     std::string exitRequest;
     step([&] { exitRequest = mailbox(store::mailbox::kExit); });
     if (!exitRequest.empty()) {
@@ -469,6 +483,38 @@ void Setup::noteRefusedAmount(std::string_view key, const std::string& text, boo
         m_platform.log.warning("mailbox \"" + std::string(key) + "\" = \"" + text.substr(0, 40) +
                                "\" is not an amount this engine accepts; ignored");
     }
+}
+
+bool Setup::nothingAsked() {
+    // Most ticks find nothing to do. One read of the whole mailbox tells so, where the round
+    // below takes ten queries: twice a second for as long as the kiosk is on, that was most of
+    // an idle engine's processor time. Only the mailbox as the engine leaves it counts as
+    // nothing asked ("" or "0" in the request keys); anything else takes the full round, which
+    // also notes amounts it refuses.
+    std::vector<SettingsStore::Entry> entries;
+    try {
+        entries = m_platform.store.list(store::kApp, store::section::kStatus);
+    } catch (const std::exception&) {
+        return false;
+    }
+    const auto value = [&entries](std::string_view key) -> std::string_view {
+        for (const SettingsStore::Entry& e : entries) {
+            if (sameName(e.key, key)) {
+                return e.value;
+            }
+        }
+        return {};
+    };
+    const auto none = [&value](std::string_view key) {
+        const std::string_view v = value(key);
+        return v.empty() || v == "0";
+    };
+    // While a cash payment runs, the amount keys are not requests (the round skips them).
+    const bool noAmountAsked = !m_state.amountDue.isZero() ||
+                               (none(store::mailbox::kDue) && none(store::mailbox::kDueCC) &&
+                                none(store::mailbox::kChange));
+    return value(store::mailbox::kExit).empty() && value(store::mailbox::kCancel).empty() &&
+           noAmountAsked;
 }
 
 // --- Payout wait and held actions -------------------------------------------------------------

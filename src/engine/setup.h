@@ -211,6 +211,8 @@ private:
     void switchPaymentButtonsForPayout(bool waiting);
     void endPaymentAfterInternalError();
     void startTerminationClock();
+    // A monitor tick that finds no request in the mailbox (one read of the whole section).
+    bool nothingAsked();
     void loadSettings();
     void writeDefaultSet();
     void fillPrinters();
