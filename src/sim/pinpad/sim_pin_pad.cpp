@@ -121,7 +121,8 @@ std::string SimPinPad::readCard() {
         m_errorDetails = {"Pin pad not connected", "No answer from the pin pad", "P01", ""};
         return m_errorDetails.error;
     }
-    if (!show("INSERT OR SWIPE CARD", 1.0) || !show("READING CARD...", 0.5)) {
+    if (!show("INSERT OR SWIPE CARD", kPresentCardSeconds) ||
+        !show("READING CARD...", kReadCardSeconds)) {
         m_message = "OPERATION CANCELLED";
         m_errorDetails = {"Operation cancelled", "Cancelled while reading the card", "C01", ""};
         return m_errorDetails.error;
@@ -159,9 +160,9 @@ std::string SimPinPad::runSale(const SaleRequest& request) {
         ~Done() { busy = false; }
     } done{m_busy};
 
-    const bool finished = show("ENTER PIN", s.seconds * 0.3) &&
-                          show("PROCESSING...", s.seconds * 0.3) &&
-                          show("CONNECTING TO HOST...", s.seconds * 0.4);
+    const bool finished = show("ENTER PIN", s.seconds * kEnterPinShare) &&
+                          show("PROCESSING...", s.seconds * kProcessingShare) &&
+                          show("CONNECTING TO HOST...", s.seconds * kHostShare);
     if (!finished) {
         m_result = "denied";
         m_responseCode = "17";

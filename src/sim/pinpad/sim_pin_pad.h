@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "engine/platform/clock.h"
 #include "engine/platform/payment_library.h"
@@ -62,6 +63,18 @@ public:
     const SaleRequest& lastSale() const { return m_lastSale; }
 
     static constexpr const char* kIdleMessage = "WELCOME";
+    // How long the customer takes: presenting the card, then its reading; a sale's own time
+    // ("Seconds") is shared between the PIN, the processing and the host's answer.
+    static constexpr double kPresentCardSeconds = 1.0;
+    static constexpr double kReadCardSeconds = 0.5;
+    static constexpr double kEnterPinShare = 0.3;
+    static constexpr double kProcessingShare = 0.3;
+    static constexpr double kHostShare = 0.4;
+    // The pin pad's waits of one card read and sale of `saleSeconds`, in order.
+    static std::vector<double> waitsOfASale(double saleSeconds) {
+        return {kPresentCardSeconds, kReadCardSeconds, saleSeconds * kEnterPinShare,
+                saleSeconds * kProcessingShare, saleSeconds * kHostShare};
+    }
 
 private:
     struct Steering {
