@@ -325,6 +325,9 @@ void Bench::run(double cpuWindow, int coins) {
         customer("tube " + std::to_string(type) + " 0");
     }
     payout("hoppers", "7");
+    for (int type = 1; type <= 5; ++type) {
+        customer("tube " + std::to_string(type) + " 40");
+    }
 
     // A card sale on the simulated pin pad.
     m_cardAsked = host("DueCC", "10");

@@ -40,17 +40,17 @@ public:
                 .count();
         std::string text(second);
         for (char& c : text) {
-            if (c == '\n' || c == '\r') {
+            if (c == '\n' || c == '\r' || c == '\t') {
                 c = ' ';
             }
         }
         std::lock_guard lock(m_mutex);
-        std::fprintf(m_file, "%.6f %c", t, kind);
+        std::fprintf(m_file, "%.6f\t%c", t, kind);
         if (!first.empty()) {
-            std::fprintf(m_file, " %.*s", static_cast<int>(first.size()), first.data());
+            std::fprintf(m_file, "\t%.*s", static_cast<int>(first.size()), first.data());
         }
         if (!second.empty()) {
-            std::fprintf(m_file, " %s", text.c_str());
+            std::fprintf(m_file, "\t%s", text.c_str());
         }
         std::fputc('\n', m_file);
     }

@@ -4,7 +4,7 @@
 
 // The engine's own account of where its time goes, for the benchmarks (bench/). With
 // KSX_TIMING_TRACE=FILE in the environment, the Qt adapters write one line per event to FILE,
-// written out when the process ends:
+// written out when the process ends (fields separated by tabs):
 //
 //   <seconds> P <pause seconds>       a Pause begins (as asked, before the sleep)
 //   <seconds> A <timer> <interval ms>  a timer (re)starts: its next tick is one interval away
