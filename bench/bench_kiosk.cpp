@@ -2,7 +2,8 @@
 // host and a customer would, timed phase by phase against each phase's floor, with the processor
 // time and memory of the engine and of the simulator.
 //
-//   bench_kiosk [--out FILE.json] [--seconds N] [--coins N]
+//   bench_kiosk [--out FILE.json] [--seconds N] [--coins N] [--keep]
+//   bench_kiosk --analyse DIR [--out FILE.json]     the analysis again, on a run's directory
 //
 // Writes a JSON report (see bench/report.py) and a short summary on standard output. The
 // engine records its own timing (KSX_TIMING_TRACE) and the simulator what crossed each line
@@ -108,6 +109,8 @@ public:
           m_wire(m_root + "/wire.log") {}
 
     void run(double cpuWindow, int coins);
+    // The analysis again, from the records and moments a run left in its directory.
+    void reanalyse();
     std::string json() const;
 
 private:
@@ -126,6 +129,7 @@ private:
     double customer(const std::string& command);
     std::string status() { return get("Status", "Status"); }
     void analyse();
+    void saveMoments() const;
     void requireSteps(bool ok, const std::string& what);
 
     std::string m_root;
@@ -219,7 +223,9 @@ void Bench::startEngine(bool console, const std::string& display) {
         args.insert(args.begin(), "--headless");
         env.push_back("KSX_TIMING_TRACE=" + m_trace);
     }
-    m_spawned = now();
+    if (!console) {
+        m_spawned = now();
+    }
     m_engine = std::make_unique<ChildProcess>(kestrix::test::kestrixBinary(), args, env);
     requireSteps(waitFor([this] {
                      return get("Pin Pad", "On Line") == "Yes" && get("Status", "Tubes") != "0" &&
@@ -362,6 +368,61 @@ void Bench::run(double cpuWindow, int coins) {
     m_display.reset();
     m_sim->signal(SIGTERM);
     m_sim->wait(std::chrono::seconds(10));
+    saveMoments();
+    analyse();
+}
+
+// The moments of the run beside its records, so the analysis can be run again on them.
+void Bench::saveMoments() const {
+    std::ofstream out(m_root + "/moments.txt");
+    out.precision(17);
+    out << "spawned " << m_spawned << "\nstandardDue " << m_standardDue << "\ncancel "
+        << m_cancelAsked << "\ncard " << m_cardAsked << '\n';
+    for (double t : m_standardCoins) {
+        out << "standardCoin " << t << '\n';
+    }
+    for (double t : m_coins) {
+        out << "coin " << t << '\n';
+    }
+    for (const auto& [device, t] : m_changeAsked) {
+        out << "change " << t << ' ' << device << '\n';
+    }
+    out << "resources " << m_engineIdle << ' ' << m_simIdle << ' ' << m_bareWake << ' '
+        << m_enginePaying << ' ' << m_simPaying << ' ' << m_idleSeconds << ' ' << m_payingSeconds
+        << ' ' << m_consoleSeconds << ' ' << m_rssHeadless << ' ' << m_rssHeadlessPeak << ' '
+        << m_rssConsole << ' ' << m_rssConsolePeak << ' ' << m_consoleDisplay << '\n';
+}
+
+void Bench::reanalyse() {
+    std::ifstream in(m_root + "/moments.txt");
+    std::string what;
+    while (in >> what) {
+        double t = 0;
+        if (what == "resources") {
+            in >> m_engineIdle >> m_simIdle >> m_bareWake >> m_enginePaying >> m_simPaying >>
+                m_idleSeconds >> m_payingSeconds >> m_consoleSeconds >> m_rssHeadless >>
+                m_rssHeadlessPeak >> m_rssConsole >> m_rssConsolePeak >> m_consoleDisplay;
+            continue;
+        }
+        in >> t;
+        if (what == "spawned") {
+            m_spawned = t;
+        } else if (what == "standardDue") {
+            m_standardDue = t;
+        } else if (what == "cancel") {
+            m_cancelAsked = t;
+        } else if (what == "card") {
+            m_cardAsked = t;
+        } else if (what == "standardCoin") {
+            m_standardCoins.push_back(t);
+        } else if (what == "coin") {
+            m_coins.push_back(t);
+        } else if (what == "change") {
+            std::string device;
+            in >> device;
+            m_changeAsked.emplace_back(device, t);
+        }
+    }
     analyse();
 }
 
@@ -596,24 +657,54 @@ int main(int argc, char** argv) {
     std::string out = "bench_kiosk.json";
     double seconds = 60;
     int coins = 200;
-    for (int i = 1; i + 1 < argc; i += 2) {
+    std::string again;
+    bool keep = false;
+    for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
-        if (a == "--out") {
-            out = argv[i + 1];
-        } else if (a == "--seconds") {
-            seconds = std::stod(argv[i + 1]);
-        } else if (a == "--coins") {
-            coins = std::stoi(argv[i + 1]);
+        const bool hasValue = i + 1 < argc;
+        if (a == "--keep") {
+            keep = true;
+        } else if (a == "--out" && hasValue) {
+            out = argv[++i];
+        } else if (a == "--seconds" && hasValue) {
+            seconds = std::stod(argv[++i]);
+        } else if (a == "--coins" && hasValue) {
+            coins = std::stoi(argv[++i]);
+        } else if (a == "--analyse" && hasValue) {
+            again = argv[++i];
+        } else {
+            std::cerr << "bench_kiosk: unknown argument " << a << '\n';
+            return 2;
         }
     }
+    std::string dir = again;
+    if (dir.empty()) {
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "ksx-bench-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) {
+            std::cerr << "bench_kiosk: cannot create a directory in " << pattern << '\n';
+            return 1;
+        }
+        dir = pattern;
+    }
     try {
-        Bench bench(kestrix::test::makeTempDir("ksx-bench"));
-        bench.run(seconds, coins);
+        Bench bench(dir);
+        if (again.empty()) {
+            bench.run(seconds, coins);
+        } else {
+            bench.reanalyse();
+        }
         std::ofstream(out) << bench.json() << '\n';
         std::cout << bench.json() << '\n';
     } catch (const std::exception& e) {
-        std::cerr << "bench_kiosk: " << e.what() << '\n';
+        std::cerr << "bench_kiosk: " << e.what() << "\nbench_kiosk: the run's records are in "
+                  << dir << '\n';
         return 1;
+    }
+    if (keep || !again.empty()) {
+        std::cerr << "bench_kiosk: the run's records are in " << dir << '\n';
+    } else {
+        std::filesystem::remove_all(dir);
     }
     return 0;
 }
