@@ -46,7 +46,7 @@ public:
         }
         std::lock_guard lock(m_mutex);
         std::fprintf(m_file, "%.6f\t%c", t, kind);
-        if (!first.empty()) {
+        if (!first.empty() || !second.empty()) {
             std::fprintf(m_file, "\t%.*s", static_cast<int>(first.size()), first.data());
         }
         if (!second.empty()) {
