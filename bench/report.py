@@ -127,20 +127,25 @@ def draw(kiosk, docs):
     with open(data, "w") as f:
         for i, t in enumerate(timeline):
             y = len(timeline) - i
-            f.write(f"{t['start']} {t['floor']} {y + 0.18} {t['name']} floor\n")
-            f.write(f"{t['start']} {t['measured']} {y - 0.18} {t['name']} measured\n")
+            f.write(f"{t['start']} {t['floor']} {y + 0.18} floor \"floor {ms(t['floor'])}\"\n")
+            f.write(
+                f"{t['start']} {t['measured']} {y - 0.18} measured \"measured {ms(t['measured'])}\"\n"
+            )
     labels = ", ".join(f'"{t["name"]}" {len(timeline) - i}' for i, t in enumerate(timeline))
     script = f"""
-set terminal pngcairo size 1100,420 font "DejaVu Sans,10"
+set terminal pngcairo size 1100,460 font "DejaVu Sans,10"
 set output "{os.path.join(docs, PICTURE)}"
 set title "A standard payment (12.50 due; coins of 10 and 5; 2.50 change from the tubes): floor (light) and measured (dark)"
 set xlabel "seconds since the monitor took \\"Due\\""
+set xrange [0:*]
+set offsets 0, 1.5, 0, 0
 set ytics ({labels})
 set yrange [0.3:{len(timeline) + 0.7}]
 set grid xtics
 unset key
 set style fill solid 0.9
-plot "{data}" using ($1+$2/2):3:($2/2):(0.15):(strcol(5) eq "floor" ? 0xa6cee3 : 0x1f4e79) with boxxyerror lc rgb variable
+plot "{data}" using ($1+$2/2):3:($2/2):(0.15):(strcol(4) eq "floor" ? 0xa6cee3 : 0x1f4e79) with boxxyerror lc rgb variable, \
+     "{data}" using ($1+$2):3:5 with labels left offset 0.6,0 font ",8" textcolor rgb "#333333"
 """
     try:
         subprocess.run(["gnuplot"], input=script, text=True, check=True)
