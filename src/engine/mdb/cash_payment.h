@@ -114,6 +114,8 @@ private:
     void beginPaymentRecord(std::string_view kind, Money amount, std::string_view requester);
     void endPaymentRecord(std::string_view status, Money change, Money unpaid);
     void reportVanishedPorts();
+    // The port of an enabled device has closed (it went, and has not been opened again).
+    bool enabledPortClosed();
 
     Setup& m_setup;
     // Which device the tick was talking to, for the tick's error trap.
