@@ -409,6 +409,28 @@ void CashPayment::settleAcceptance() {
     }
 }
 
+void CashPayment::collectReports() {
+    Console& c = m_setup.console();
+    // A device that failed in a payment, or whose port went, may still hold the report of money
+    // it took in while nobody heard it (a bill stacked as the cable was pulled); the RESET of its
+    // initialisation would drop that report. It is read first: credited to a payment still
+    // running, otherwise recorded in the journal as uncredited and logged, for the operator to
+    // settle. A device that does not answer is left to its initialisation.
+    constexpr int kRounds = 5;
+    for (int round = 0; round < kRounds; ++round) {
+        bool more = false;
+        if (c.checked("CoinAcceptorEnabled")) {
+            more = pollChanger(mdb::payment_use::kSettleChangerPoll) == Poll::Active || more;
+        }
+        if (c.checked("billValidatorEnabled")) {
+            more = pollValidator(mdb::payment_use::kSettleValidatorPoll) == Poll::Active || more;
+        }
+        if (!more) {
+            break;
+        }
+    }
+}
+
 void CashPayment::resetValidator(const mdb::LinkUse& resetUse, bool ccdPause) {
     using namespace mdb;
     MdbLink& link = m_setup.link();

@@ -52,6 +52,10 @@ public:
     // Brings the bill validator back without a full initialisation; sets bvNeedsInit on failure.
     void bvRecovery();
 
+    // Before equipment initialisation resets a device that failed: reads what the changer and
+    // the validator still report, so that money they took in meanwhile is credited or recorded.
+    void collectReports();
+
     // Exit: a payment still running ends as a cancel that pays the credit back.
     void endForExit();
     // After an internal error: acceptance off, the payment ended with its credit still published

@@ -11,6 +11,7 @@
 #include "../formulas.h"
 #include "../settings/layout.h"
 #include "../setup.h"
+#include "cash_payment.h"
 #include "link.h"
 #include "payment_uses.h"
 #include "tubes.h"
@@ -290,6 +291,9 @@ void Setup::InitEquipment() {
         if (c.checked("CoinAcceptorEnabled") || c.checked("billValidatorEnabled")) {
             m_state.portName = kMdbPort;
             m_link->open();
+            if (m_state.pollTimedOut || m_state.bvNeedsInit) {
+                m_cash->collectReports();
+            }
         }
 
         if (c.checked("CoinAcceptorEnabled") && !initChanger(*this)) {
