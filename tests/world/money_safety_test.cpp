@@ -393,7 +393,10 @@ TEST(MoneySafety, NonsenseAmountsAreNoRequest) {
         for (const std::string& value :
              {std::string("4e-320"), std::string("1e307"), std::string("5,50"), std::string("abc"),
               std::string("-5"), std::string("1e309"), std::string("NaN"), std::string("0.001"),
-              std::string("100000.01"), std::string(1 << 20, '9')}) {
+              std::string("100000.01"), std::string(1 << 20, '9'), std::string(1, '\0') + "5",
+              std::string("\x1b") + "5", std::string("\x7f") + "5", std::string("\u0665\u0660"),
+              std::string("\uFF15\uFF10"), std::string("0x10"), std::string("&H10"),
+              std::string("Inf"), std::string("-Infinity")}) {
             SCOPED_TRACE(std::string(key) + " = " + value.substr(0, 20));
             k.hostWrite(key, value);
             k.runFor(1.5);
