@@ -174,13 +174,11 @@ TEST(MoneySafety, EveryDeviceWaitEndsWithinItsBound) {
         const char* request;  // "change" or "cancel"
         double boundSeconds;  // the request ends within this
     };
+    // (Every fault in every phase is the fault matrix's; these are the waits that once had no
+    // end at all.)
     const Row rows[] = {
         {"changer silent mid-payout", "fault changer silent on", std::string("\x0F\x01", 2),
          "change", 30},
-        {"changer busy for ever mid-payout", "fault changer busy-forever on",
-         std::string("\x0F\x01", 2), "change", 60},
-        {"dispenser silent mid-dispense", "fault dispenser silent on",
-         std::string("\x10\x05\x10\x02\x00\x19", 6), "change", 60},
         {"validator silent, then a cancel", "fault validator silent on", "", "cancel", 15},
     };
     for (const Row& r : rows) {
