@@ -4,7 +4,7 @@ PRESET ?= dev
 BUILD_DIR := build/$(PRESET)
 CTEST_ARGS ?=
 
-.PHONY: all bootstrap configure build test run format clean asan bench windows windows-test
+.PHONY: all bootstrap configure build test run format clean asan ubsan hardened fuzz bench windows windows-test
 
 all: build
 
@@ -39,6 +39,21 @@ windows-test: windows
 	@status=0; ctest --preset windows $(CTEST_ARGS) || status=$$?; \
 	  build/windows/wine-run --stop; \
 	  exit $$status
+
+# UndefinedBehaviorSanitizer with clang, whose checks include a double that overflows an integer.
+ubsan:
+	$(MAKE) test PRESET=ubsan
+
+# Release build with _FORTIFY_SOURCE=2, stack protectors and full RELRO, tested.
+hardened:
+	$(MAKE) test PRESET=hardened
+
+# Runs every fuzz target for FUZZ_SECONDS (default 60) each; `make test` replays the corpora.
+FUZZ_SECONDS ?= 60
+fuzz: bootstrap
+	@if [ ! -f build/fuzz/build.ninja ]; then cmake --preset fuzz; fi
+	cmake --build --preset fuzz --target fuzz_targets
+	FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz
 
 # Every benchmark, then docs/performance.md (several minutes: the real programs run for minutes).
 bench:
