@@ -1,45 +1,111 @@
-// MDB replies as the adapter renders them ("dd mm " per word): every byte accessor the
-// initialisation and the payment read replies with, the coin and bill bytes of a POLL, and the
-// SETUP and TUBE STATUS fields read the way the equipment initialisation reads them. A line
-// that babbles must never crash the engine or read outside the reply, and a deposited coin or a
-// stacked bill is always one of the 16 types.
+// MDB replies as the adapter renders them ("dd mm " per word): the message a reply carries, every
+// event of a POLL reply as the changer and the validator report them, every byte accessor the
+// initialisation reads replies with, and the SETUP and TUBE STATUS fields read the way the
+// equipment initialisation reads them. A line that babbles must never crash the engine or read
+// outside the reply; a message that reads is one the adapter could have sent; every byte of it
+// is read as exactly one event, and a coin or bill is always one of the 16 types.
 
 #include <climits>
+#include <cstdio>
 
 #include "engine/errors.h"
 #include "engine/formulas.h"
-#include "engine/mdb/cash_payment_bytes.h"
 #include "engine/mdb/link.h"
+#include "engine/mdb/poll_events.h"
+#include "engine/money.h"
 #include "fuzz_input.h"
 
 using namespace kestrix;
 
 namespace {
 
-// Two characters of the digit alphabet read at most 35 * 16 + 35; a character outside it
-// counts -1.
-constexpr double kLowestByteReading = -17;
-constexpr double kHighestByteReading = 595;
+// A byte's text that is no hexadecimal number is an error (KsxError), for the reading routine's
+// trap; one that reads is a byte.
+template <typename Read>
+void readOrError(const Read& read) {
+    try {
+        read();
+    } catch (const KsxError&) {
+    }
+}
 
-void readSetupAndTubes(const mdb::Reply& r, std::string_view input) {
-    const double scaling = leadingNumber(r.decimal(4));
-    for (int i = 1; i <= 16; ++i) {
-        const double credit = r.number(7 + i);
-        fuzz::check(credit >= kLowestByteReading && credit <= kHighestByteReading,
-                    "a credit byte reads within a byte's text range", input);
-        if (scaling != 0) {
-            (void)numberText(credit / scaling);
+std::string hexOf(std::span<const std::uint8_t> bytes) {
+    std::string text;
+    char buf[4];
+    for (std::uint8_t b : bytes) {
+        std::snprintf(buf, sizeof buf, "%02x", b);
+        text += buf;
+    }
+    return text;
+}
+
+// The message as the adapter renders it: each data word, then the check word with the mode bit.
+std::string rendered(std::span<const std::uint8_t> data) {
+    std::string text;
+    unsigned sum = 0;
+    char buf[8];
+    for (std::uint8_t b : data) {
+        std::snprintf(buf, sizeof buf, "%02x00 ", b);
+        text += buf;
+        sum += b;
+    }
+    std::snprintf(buf, sizeof buf, "%02x01 ", sum & 0xFFU);
+    return text + buf;
+}
+
+void readEvents(std::span<const std::uint8_t> data, std::string_view input) {
+    std::string raw;
+    for (const mdb::ChangerEvent& e : mdb::changerEvents(data)) {
+        raw += e.raw;
+        if (e.kind != mdb::ChangerEvent::Kind::Status && e.kind != mdb::ChangerEvent::Kind::Slugs) {
+            fuzz::check(e.coinType >= 1 && e.coinType <= 16, "a coin is one of 16 types", input);
+        }
+        fuzz::check(e.count >= 0 && e.count <= 31, "a count fits its bits", input);
+    }
+    fuzz::check(raw == hexOf(data), "every changer byte is read once, in order", input);
+    raw.clear();
+    for (const mdb::ValidatorEvent& e : mdb::validatorEvents(data)) {
+        raw += e.raw;
+        if (e.kind == mdb::ValidatorEvent::Kind::BillStacked ||
+            e.kind == mdb::ValidatorEvent::Kind::BillRouted) {
+            fuzz::check(e.billType >= 1 && e.billType <= 16, "a bill is one of 16 types", input);
         }
     }
+    fuzz::check(raw == hexOf(data), "every validator byte is read once, in order", input);
+}
+
+void readBytes(const mdb::Reply& r, std::string_view input) {
+    for (int k : {INT_MIN, -1, 0,  1,  2,  3,  4,  5,  6,  7,  8,       9,      10,
+                  15,      16, 23, 24, 27, 28, 29, 30, 31, 40, 1 << 20, INT_MAX}) {
+        fuzz::check(r.hex(k).size() <= 2, "a byte is at most two characters", input);
+        readOrError([&] {
+            const double n = r.number(k);
+            fuzz::check(n >= 0 && n <= 255, "a byte that reads is a byte", input);
+        });
+        readOrError([&] { (void)r.decimal(k); });
+        readOrError([&] {
+            fuzz::check(r.character(k).size() <= 1, "a byte is at most one character", input);
+        });
+    }
+    readOrError([&] { (void)r.characters(1, 3); });
+    readOrError([&] { (void)r.characters(4, 15); });
+    readOrError([&] { (void)r.characters(16, 27); });
+    (void)r.hexJoined(2, 3);
+}
+
+// The changer's SETUP as the initialisation reads it: credits over the scaling factor, the tube
+// routing bytes in binary.
+void readSetup(const mdb::Reply& r) {
+    readOrError([&] {
+        const double scaling = leadingNumber(r.decimal(4));
+        for (int i = 1; i <= 16; ++i) {
+            if (scaling != 0) {
+                (void)Money::fromDouble(r.number(7 + i) / scaling);
+            }
+        }
+    });
     for (int k : {6, 7}) {
-        try {
-            (void)ConvertDecToBaseN(r.number(k), 2);
-        } catch (const KsxError&) {
-            // A garbled routing byte reads negative: the initialisation's trap takes it.
-        }
-    }
-    for (int k = 3; k <= 18; ++k) {
-        (void)static_cast<int>(r.number(k));
+        readOrError([&] { (void)ConvertDecToBaseN(r.number(k), 2); });
     }
 }
 
@@ -53,27 +119,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     (void)r.isBareAck();
     (void)mdb::notNak(r);
 
-    for (int k : {INT_MIN, -1, 0,  1,  2,  3,  4,  5,  6,  7,  8,       9,      10,
-                  15,      16, 23, 24, 27, 28, 29, 30, 31, 40, 1 << 20, INT_MAX}) {
-        const std::string hex = r.hex(k);
-        fuzz::check(hex.size() <= 2, "a byte is at most two characters", input);
-        const double n = r.number(k);
-        fuzz::check(n >= kLowestByteReading && n <= kHighestByteReading,
-                    "a byte reads within a byte's text range", input);
-        (void)r.decimal(k);
-        fuzz::check(r.character(k).size() <= 1, "a byte is at most one character", input);
+    if (const std::optional<std::vector<std::uint8_t>> message = r.message()) {
+        fuzz::check(mdb::Reply(rendered(*message)).message() == message,
+                    "a message that reads is one the adapter renders that way", input);
+        readEvents(*message, input);
     }
-    (void)r.characters(1, 3);
-    (void)r.characters(4, 15);
-    (void)r.characters(16, 27);
-    (void)r.hexJoined(2, 3);
+    // The bytes themselves as a POLL reply's data: the event readers take any bytes.
+    readEvents({data, size}, input);
 
-    if (const std::optional<int> coin = mdb::payment::depositedCoinType(r)) {
-        fuzz::check(*coin >= 1 && *coin <= 16, "a deposited coin is one of 16 types", input);
+    readBytes(r, input);
+    for (bool withCheckByte : {false, true}) {
+        const mdb::Reply fields = r.data(withCheckByte);
+        readBytes(fields, input);
+        readSetup(fields);
     }
-    if (const std::optional<int> bill = mdb::payment::stackedBillType(r)) {
-        fuzz::check(*bill >= 1 && *bill <= 16, "a stacked bill is one of 16 types", input);
-    }
-    readSetupAndTubes(r, input);
     return 0;
 }
