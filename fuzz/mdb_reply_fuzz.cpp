@@ -5,6 +5,7 @@
 // outside the reply; a message that reads is one the adapter could have sent; every byte of it
 // is read as exactly one event, and a coin or bill is always one of the 16 types.
 
+#include <cctype>
 #include <climits>
 #include <cstdio>
 
@@ -74,22 +75,33 @@ void readEvents(std::span<const std::uint8_t> data, std::string_view input) {
     fuzz::check(raw == hexOf(data), "every validator byte is read once, in order", input);
 }
 
+bool isByteText(const std::string& hex) {
+    return hex.size() == 2 && std::isxdigit(static_cast<unsigned char>(hex[0])) != 0 &&
+           std::isxdigit(static_cast<unsigned char>(hex[1])) != 0;
+}
+
+// Every accessor at positions the routines read. A byte text that is no number is read (and
+// its error taken) only at the first position: an exception per position would slow the fuzzer
+// a hundredfold and find nothing more.
 void readBytes(const mdb::Reply& r, std::string_view input) {
-    for (int k : {INT_MIN, -1, 0,  1,  2,  3,  4,  5,  6,  7,  8,       9,      10,
-                  15,      16, 23, 24, 27, 28, 29, 30, 31, 40, 1 << 20, INT_MAX}) {
-        fuzz::check(r.hex(k).size() <= 2, "a byte is at most two characters", input);
+    bool errorSeen = false;
+    for (int k :
+         {INT_MIN, 0, 1, 2, 3, 4, 5, 6, 7, 8, 15, 16, 23, 24, 27, 28, 30, 31, 1 << 20, INT_MAX}) {
+        const std::string hex = r.hex(k);
+        fuzz::check(hex.size() <= 2, "a byte is at most two characters", input);
+        if (!hex.empty() && !isByteText(hex)) {
+            if (errorSeen) {
+                continue;
+            }
+            errorSeen = true;
+        }
         readOrError([&] {
             const double n = r.number(k);
             fuzz::check(n >= 0 && n <= 255, "a byte that reads is a byte", input);
-        });
-        readOrError([&] { (void)r.decimal(k); });
-        readOrError([&] {
+            (void)r.decimal(k);
             fuzz::check(r.character(k).size() <= 1, "a byte is at most one character", input);
         });
     }
-    readOrError([&] { (void)r.characters(1, 3); });
-    readOrError([&] { (void)r.characters(4, 15); });
-    readOrError([&] { (void)r.characters(16, 27); });
     (void)r.hexJoined(2, 3);
 }
 
@@ -128,10 +140,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     readEvents({data, size}, input);
 
     readBytes(r, input);
-    for (bool withCheckByte : {false, true}) {
-        const mdb::Reply fields = r.data(withCheckByte);
-        readBytes(fields, input);
-        readSetup(fields);
-    }
+    const mdb::Reply fields = r.data();
+    readBytes(fields, input);
+    readSetup(fields);
+    readOrError([&] { (void)r.data(true).characters(1, 30); });
     return 0;
 }
