@@ -4,7 +4,7 @@ PRESET ?= dev
 BUILD_DIR := build/$(PRESET)
 CTEST_ARGS ?=
 
-.PHONY: all bootstrap configure build test run format clean asan bench windows windows-test
+.PHONY: all bootstrap configure build test run format clean asan asan-world ubsan hardened fuzz bench windows windows-test
 
 all: build
 
@@ -39,6 +39,29 @@ windows-test: windows
 	@status=0; ctest --preset windows $(CTEST_ARGS) || status=$$?; \
 	  build/windows/wine-run --stop; \
 	  exit $$status
+
+# The engine and the simulators under the sanitizers, on the unit and virtual-world tests only:
+# nothing of Qt is built, so it fits in CI.
+SANITIZED_TESTS := test_engine test_sim test_world test_host fuzz_targets
+asan-world: bootstrap
+	@if [ ! -f build/asan/build.ninja ]; then cmake --preset asan; fi
+	cmake --build --preset asan --target $(SANITIZED_TESTS)
+	ctest --preset asan -L 'unit|world' $(CTEST_ARGS)
+
+# UndefinedBehaviorSanitizer with clang, whose checks include a double that overflows an integer.
+ubsan:
+	$(MAKE) test PRESET=ubsan
+
+# Release build with _FORTIFY_SOURCE=2, stack protectors and full RELRO, tested.
+hardened:
+	$(MAKE) test PRESET=hardened
+
+# Runs every fuzz target for FUZZ_SECONDS (default 60) each; `make test` replays the corpora.
+FUZZ_SECONDS ?= 60
+fuzz: bootstrap
+	@if [ ! -f build/fuzz/build.ninja ]; then cmake --preset fuzz; fi
+	cmake --build --preset fuzz --target fuzz_targets
+	FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz
 
 # Every benchmark, then docs/performance.md (several minutes: the real programs run for minutes).
 bench:

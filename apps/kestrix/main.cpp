@@ -47,7 +47,8 @@ const char* const kUsage =
     "  --help        print this help and exit\n"
     "  /hide         (last argument) keep the console window hidden\n"
     "\n"
-    "One engine runs per store: a second start is refused with exit status 1.\n"
+    "One engine runs per store: a second start is refused with exit status 1. A store in a\n"
+    "directory other users can write, or a damaged one, is refused with exit status 4.\n"
     "SIGTERM and SIGINT end a running payment as a cancel that pays the credit back, then\n"
     "run the engine's Exit (devices reset, pin pad marked off line), within 10 seconds;\n"
     "a second signal ends the process at once.\n";
@@ -160,6 +161,9 @@ int main(int argc, char* argv[]) {
                 kestrix::sim::seedSimulatedKioskSettings(seedStore, kestrix::sim::PortNumbers{});
             }
         }
+    } catch (const kestrix::qt::StoreRefused& e) {
+        std::fprintf(stderr, "kestrix: %s\n", e.what());
+        return kestrix::qt::kExitStoreRefused;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "kestrix: %s\n", e.what());
         return 3;

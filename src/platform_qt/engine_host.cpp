@@ -187,7 +187,9 @@ void EngineHost::run() {
             m_shared->scheduler = nullptr;
             m_shared->setup = nullptr;
         }
-        code = 3;
+        // A store that a restart will not mend ends with a status of its own, which the service
+        // unit does not restart on: one clear message instead of the same one every few seconds.
+        code = dynamic_cast<const StoreRefused*>(&e) != nullptr ? kExitStoreRefused : 3;
     }
     m_exitCode = code;
     emit ended(code);

@@ -15,6 +15,10 @@ class MessageBox;
 
 namespace kestrix::qt {
 
+// The engine's exit status when its settings store cannot be used as it is (a directory other
+// users can write, a damaged file): starting again will not help until someone acts.
+inline constexpr int kExitStoreRefused = 4;
+
 struct EngineOptions {
     std::string storePath;    // resolved path of the SQLite store
     std::string commandLine;  // the process's arguments after the program name

@@ -2,6 +2,12 @@
 
 #include <sqlite3.h>
 
+#include <sys/stat.h>
+#ifndef _WIN32
+#include <unistd.h>
+#endif
+
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
@@ -40,6 +46,58 @@ struct Reset {
     }
 };
 
+bool damaged(int rc) {
+    const int primary = rc & 0xFF;
+    return primary == SQLITE_NOTADB || primary == SQLITE_CORRUPT;
+}
+
+std::string damagedMessage(const std::string& path) {
+    return "settings store " + path +
+           " is damaged (not a readable database). The engine does not start on it: move it "
+           "aside (mv '" +
+           path + "' '" + path +
+           ".damaged') and start again for a fresh default set, or put a backup in its place";
+}
+
+std::string octal(unsigned mode) {
+    char buf[8];
+    std::snprintf(buf, sizeof buf, "%04o", mode & 07777U);
+    return buf;
+}
+
+// Why the store must not live in `dir` (another user can write there, or owns it), or "" when
+// it may. Root's directories are trusted: root can do anything anyway.
+std::string sharedDirectoryProblem(const std::string& path, const std::filesystem::path& dir) {
+#ifdef _WIN32
+    (void)path;
+    (void)dir;
+    return {};
+#else
+    const std::string shown = dir.empty() ? std::string(".") : dir.string();
+    struct stat st {};
+    if (::stat(shown.c_str(), &st) != 0) {
+        return {};  // opening the store reports it
+    }
+    const std::string why =
+        "the store holds the payment account's password and the host's "
+        "requests, and whoever can write there can replace it or block the "
+        "engine with a lock file";
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return "settings store " + path + " refused: its directory " + shown +
+               " can be written by other users (mode " + octal(st.st_mode) + "); " + why +
+               ". Keep the store in a directory of your own (the default is "
+               "~/.config/kestrix), or make this one private: chmod go-w '" +
+               shown + "'";
+    }
+    if (st.st_uid != ::geteuid() && st.st_uid != 0) {
+        return "settings store " + path + " refused: its directory " + shown +
+               " belongs to another user (uid " + std::to_string(st.st_uid) + "); " + why +
+               ". Keep the store in a directory of your own (the default is ~/.config/kestrix)";
+    }
+    return {};
+#endif
+}
+
 }  // namespace
 
 std::string resolveStorePath(const std::string& cliValue) {
@@ -67,6 +125,10 @@ SqliteStore::SqliteStore(std::string path) : m_path(std::move(path)) {
     if (m_path.empty()) {
         throw StoreError("settings store: empty path");
     }
+    open();
+}
+
+void SqliteStore::open() {
     const std::filesystem::path dir = std::filesystem::path(m_path).parent_path();
     if (!dir.empty()) {
         std::error_code ec;
@@ -75,6 +137,9 @@ SqliteStore::SqliteStore(std::string path) : m_path(std::move(path)) {
             throw StoreError("settings store " + m_path + ": cannot create " + dir.string() + ": " +
                              ec.message());
         }
+    }
+    if (const std::string problem = sharedDirectoryProblem(m_path, dir); !problem.empty()) {
+        throw StoreRefused(problem);
     }
     const int rc = sqlite3_open_v2(
         m_path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
@@ -112,6 +177,13 @@ SqliteStore::SqliteStore(std::string path) : m_path(std::move(path)) {
         closeAll();
         throw;
     }
+#ifndef _WIN32
+    struct stat st {};
+    if (::stat(m_path.c_str(), &st) == 0) {
+        m_device = static_cast<unsigned long long>(st.st_dev);
+        m_inode = static_cast<unsigned long long>(st.st_ino);
+    }
+#endif
 }
 
 SqliteStore::~SqliteStore() {
@@ -127,17 +199,74 @@ void SqliteStore::closeAll() {
     m_db = nullptr;
 }
 
-void SqliteStore::fail(const std::string& what) const {
+void SqliteStore::notice(const std::string& message) {
+    if (m_notice) {
+        m_notice(message);
+    } else {
+        std::fprintf(stderr, "%s\n", message.c_str());
+    }
+}
+
+void SqliteStore::fail(const std::string& what) {
+    if (damaged(sqlite3_extended_errcode(m_db))) {
+        // Said once, not on every read of every tick, until the store works again.
+        const std::string message = damagedMessage(m_path);
+        if (!m_troubleSaid) {
+            m_troubleSaid = true;
+            notice(message);
+        }
+        throw StoreError(message);
+    }
     throw StoreError("settings store " + m_path + ": " + what + ": " + sqlite3_errmsg(m_db));
 }
 
 void SqliteStore::exec(const char* sql) {
     char* error = nullptr;
-    if (sqlite3_exec(m_db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
+    const int rc = sqlite3_exec(m_db, sql, nullptr, nullptr, &error);
+    if (rc != SQLITE_OK) {
         std::string message = error != nullptr ? error : sqlite3_errmsg(m_db);
         sqlite3_free(error);
+        if (damaged(rc)) {
+            throw StoreRefused(damagedMessage(m_path));
+        }
         throw StoreError("settings store " + m_path + ": " + message);
     }
+}
+
+void SqliteStore::followFile() {
+#ifndef _WIN32
+    if (m_db != nullptr) {
+        struct stat st {};
+        const bool present = ::stat(m_path.c_str(), &st) == 0;
+        if (present && static_cast<unsigned long long>(st.st_dev) == m_device &&
+            static_cast<unsigned long long>(st.st_ino) == m_inode) {
+            return;
+        }
+        // Writing on into a file nobody else can open any more would lose every request the
+        // host makes from now on.
+        notice("settings store " + m_path +
+               (present ? " was replaced while in use: the file now at that path is used"
+                        : " was deleted while in use: a new one is made at that path"));
+        // The write-ahead log is found by the path, not by the file: left as it is, the old
+        // store's last writes would be read into whatever file now has that path. Emptied
+        // into the old file first, it is harmless.
+        sqlite3_wal_checkpoint_v2(m_db, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+        closeAll();
+    }
+    try {
+        open();
+    } catch (const StoreError& e) {
+        if (!m_troubleSaid) {
+            m_troubleSaid = true;
+            notice(std::string(e.what()) + " (tried again at every read and write)");
+        }
+        throw;
+    }
+    if (m_troubleSaid) {
+        m_troubleSaid = false;
+        notice("settings store " + m_path + " is usable again");
+    }
+#endif
 }
 
 sqlite3_stmt* SqliteStore::prepare(const char* sql) {
@@ -151,6 +280,7 @@ sqlite3_stmt* SqliteStore::prepare(const char* sql) {
 std::string SqliteStore::get(std::string_view app, std::string_view section, std::string_view key,
                              std::string_view defaultValue) {
     std::lock_guard lock(m_mutex);
+    followFile();
     Reset reset{m_get};
     if (bindText(m_get, 1, app) != SQLITE_OK || bindText(m_get, 2, section) != SQLITE_OK ||
         bindText(m_get, 3, key) != SQLITE_OK) {
@@ -169,6 +299,7 @@ std::string SqliteStore::get(std::string_view app, std::string_view section, std
 void SqliteStore::set(std::string_view app, std::string_view section, std::string_view key,
                       std::string_view value) {
     std::lock_guard lock(m_mutex);
+    followFile();
     Reset reset{m_set};
     if (bindText(m_set, 1, app) != SQLITE_OK || bindText(m_set, 2, section) != SQLITE_OK ||
         bindText(m_set, 3, key) != SQLITE_OK || bindText(m_set, 4, value) != SQLITE_OK ||
@@ -183,6 +314,7 @@ void SqliteStore::set(std::string_view app, std::string_view section, std::strin
 std::vector<SettingsStore::Entry> SqliteStore::list(std::string_view app,
                                                     std::string_view section) {
     std::lock_guard lock(m_mutex);
+    followFile();
     sqlite3_stmt* stmt = section.empty() ? m_listAll : m_listSection;
     Reset reset{stmt};
     if (bindText(stmt, 1, app) != SQLITE_OK ||

@@ -53,6 +53,30 @@ void makeRaw(int fd) {
     }
 }
 
+// The simulator's directory holds the control socket, which moves money in and out of the
+// simulated kiosk, and the links the engine opens as its serial ports: it must be the user's
+// alone. A directory another user owns or can write could hand the engine someone else's
+// "serial ports" or take over the socket.
+void refuseSharedDirectory(const std::string& dir) {
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) != 0) {
+        throw std::runtime_error(errnoText("cannot use " + dir));
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        throw std::runtime_error(dir + " is not a directory");
+    }
+    if (st.st_uid != ::geteuid()) {
+        throw std::runtime_error("refused: " + dir + " belongs to another user (uid " +
+                                 std::to_string(st.st_uid) +
+                                 "); the simulated kiosk needs a directory of its own user");
+    }
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw std::runtime_error("refused: other users can write " + dir +
+                                 "; the simulated kiosk needs a private directory (chmod 700 '" +
+                                 dir + "', or choose another)");
+    }
+}
+
 bool fillAddress(const std::string& path, sockaddr_un& addr) {
     std::memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
@@ -240,11 +264,15 @@ void PtyKiosk::Impl::openSocket() {
         ::unlink(path.c_str());
     }
     listenFd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (listenFd < 0 || ::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::listen(listenFd, 8) != 0) {
+    if (listenFd < 0 || ::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
         throw std::runtime_error(errnoText("cannot open the control socket " + path));
     }
     createdPaths.push_back(path);
+    // Only the user may connect. Nobody can connect before listen(), so there is no moment when
+    // the socket is open to others.
+    if (::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0 || ::listen(listenFd, 8) != 0) {
+        throw std::runtime_error(errnoText("cannot open the control socket " + path));
+    }
     setNonBlocking(listenFd);
 }
 
@@ -487,14 +515,13 @@ void PtyKiosk::start() {
     if (d.started) {
         return;
     }
-    std::error_code ec;
-    if (!std::filesystem::exists(d.dir, ec)) {
-        if (!std::filesystem::create_directory(d.dir, ec)) {
-            throw std::runtime_error("cannot create " + d.dir + ": " + ec.message());
-        }
+    if (::mkdir(d.dir.c_str(), S_IRWXU) == 0) {
         d.createdDir = true;
+    } else if (errno != EEXIST) {
+        throw std::runtime_error(errnoText("cannot create " + d.dir));
     }
     try {
+        refuseSharedDirectory(d.dir);
         if (::pipe(d.wake) != 0) {
             throw std::runtime_error(errnoText("cannot create a pipe"));
         }

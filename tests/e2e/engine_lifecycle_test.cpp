@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <chrono>
+#include <cstdio>
 #include <string>
+#include <vector>
 
 #include "simulated_kiosk.h"
 
@@ -65,6 +68,44 @@ TEST(KestrixProgram, TerminationSignalRunsExitWithinItsBoundWhateverTheChangerDo
     EXPECT_EQ(*status, 0) << kiosk.engine().err();
     EXPECT_LT(took, 10s);
     EXPECT_EQ(kiosk.get("Pin Pad", "On Line"), "No");
+}
+
+// Starts that cannot work until someone acts end at once with a message saying what to do; a
+// store refused ends with status 4, which the service unit does not restart on.
+TEST(KestrixProgram, RefusesAStoreOrSimulatorDirectoryThatIsNotPrivate) {
+    struct Row {
+        const char* name;
+        mode_t mode;
+        bool damagedStore;
+        bool simulate;
+        int status;
+        const char* says;
+    };
+    const Row rows[] = {
+        {"store where all can write", 01777, false, false, 4, "can be written by other users"},
+        {"damaged store", 0700, true, false, 4, "is damaged"},
+        {"simulator where all can write", 0777, false, true, 3, "refused: other users can write"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string own = test::makeTempDir("ksx-refused");
+        const std::string shared = own + "/shared";
+        ASSERT_EQ(::mkdir(shared.c_str(), 0700), 0);
+        ASSERT_EQ(::chmod(shared.c_str(), row.mode), 0);
+        const std::string store = (row.simulate ? own : shared) + "/KSX.db";
+        if (row.damagedStore) {
+            std::FILE* f = std::fopen(store.c_str(), "w");
+            std::fputs("not a database, whatever the host wrote here instead", f);
+            std::fclose(f);
+        }
+        std::vector<std::string> args = {"--headless", "--store", store};
+        if (row.simulate) {
+            args.push_back("--simulate");
+        }
+        const test::RunResult r = test::run(test::kestrixBinary(), args, {"KSX_SIM_DIR=" + shared});
+        EXPECT_EQ(r.status, row.status) << r.err;
+        EXPECT_NE(r.err.find(row.says), std::string::npos) << r.err;
+    }
 }
 
 TEST(KestrixProgram, VersionAndHelp) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QFile>
 #include <QFontDatabase>
 #include <QPrinterInfo>
 #include <QProcess>
@@ -54,6 +55,10 @@ TEST(QtPrinter, VouchersGoToADirectoryAsPdfWithSpanishTextAndLongLinesWhole) {
     printer.endDoc();
 
     ASSERT_EQ(pdfFiles(dir).size(), 1);
+    EXPECT_EQ(QFile::permissions(QString::fromStdString(printer.lastFile())),
+              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadUser |
+                  QFileDevice::WriteUser)
+        << "a voucher is its user's alone";
     const QString text = pdfText(printer.lastFile());
     EXPECT_TRUE(text.contains(QString::fromUtf8("Código"))) << text.toStdString();
     EXPECT_TRUE(text.contains(QString::fromUtf8("ERROR DE COMUNICACIÓN"))) << text.toStdString();

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "card_number.h"
 #include "engine/errors.h"
 #include "engine/formulas.h"
 #include "engine/settings/layout.h"
@@ -62,8 +63,8 @@ std::string CardPayment::pinPadDisplay(int index) {
 }
 
 std::string CardPayment::pinPadErrorMessage(const PinPadErrorDetails& details) {
-    return details.error + " DescError = " + details.description + " CodError =  " + details.code +
-           "\n";
+    return card::withCardNumbersMasked(details.error + " DescError = " + details.description +
+                                       " CodError =  " + details.code + "\n");
 }
 
 std::string CardPayment::buildReference(const std::string& adapterAddress,
@@ -89,7 +90,8 @@ Console& CardPayment::console() {
 }
 
 void CardPayment::showStatus(std::string text) {
-    console().setText("statusDisplay", std::move(text));
+    // Statuses may carry the library's texts (its prompts, its errors) to the host.
+    console().setText("statusDisplay", card::withCardNumbersMasked(text));
     m_setup.writeMailbox(store::mailbox::kStatus, console().text("statusDisplay"));
 }
 
@@ -206,7 +208,7 @@ void CardPayment::runSale() {
         return;
     }
 
-    c.setText("ccNumTarjeta", lib.cardNumber());
+    c.setText("ccNumTarjeta", card::maskedCardNumber(lib.cardNumber()));
     c.setText("ccTarjetahabiente", lib.cardHolder());
     lib.setTextParameter("");
     SaleRequest sale;
@@ -290,7 +292,7 @@ void CardPayment::clickTimer_Timer() {
 void CardPayment::ccTimer_Timer() {
     Console& c = console();
     try {
-        c.setText("ccPantallaPP", library().displayMessage());
+        c.setText("ccPantallaPP", card::withCardNumbersMasked(library().displayMessage()));
         if (c.text("enablePaymentCC") == kCancelCaption) {
             showStatus(c.text("ccPantallaPP"));
         }
@@ -354,7 +356,7 @@ void CardPayment::testRead() {
         c.setText("ccPantallaPP", pinPadErrorMessage(lib.errorDetails()));
         m_setup.ccTimer().setEnabled(false);
     } else {
-        c.setText("ccNumTarjeta", lib.cardNumber());
+        c.setText("ccNumTarjeta", card::maskedCardNumber(lib.cardNumber()));
         c.setText("ccTarjetahabiente", lib.cardHolder());
     }
     c.setText("ccReadCard", std::string(kReadCaption));
