@@ -26,10 +26,18 @@ std::string resolveStorePath(const std::string& cliValue);
 // the same key, and the first spelling written is the one kept.
 //
 // One connection guarded by a mutex: the engine thread and a GUI thread may both use it.
+//
+// The store holds the pin pad account: a new store file is created readable by its owner only
+// (0600), in directories created for it likewise (0700).
 class SqliteStore : public SettingsStore {
 public:
-    // Opens (creating the file, its directory and the table when missing). Throws StoreError.
-    explicit SqliteStore(std::string path);
+    enum class Access {
+        ReadWrite,  // creates the file, its directory and the table when missing
+        ReadOnly,   // for tools that only look: a missing store is an error, never created
+    };
+
+    // Opens the store. Throws StoreError.
+    explicit SqliteStore(std::string path, Access access = Access::ReadWrite);
     ~SqliteStore() override;
     SqliteStore(const SqliteStore&) = delete;
     SqliteStore& operator=(const SqliteStore&) = delete;
