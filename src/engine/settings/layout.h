@@ -43,6 +43,8 @@ inline constexpr std::string_view kBDCassette = "BDCassette";
 inline constexpr std::string_view kBDDispensed = "BDDispensed";
 inline constexpr std::string_view kReferenceCC = "ReferenceCC";
 inline constexpr std::string_view kKsxError = "KSX_Error";
+// The engine's heartbeat: the local time ("2026-11-22 09:30:15") of a recent monitor tick.
+inline constexpr std::string_view kEngine = "Engine";
 }  // namespace mailbox
 
 // Keys of the other sections that are not operator settings.
