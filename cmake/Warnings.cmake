@@ -15,3 +15,14 @@ if(KESTRIX_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=address,undefined)
 endif()
+
+# Hardening of what the package ships, as Debian builds its own: fortified libc calls, a stack
+# protector, and relocations resolved and made read-only at start (bind now). Not with the
+# sanitizers, which bring their own checks and dislike the fortified calls.
+option(KESTRIX_HARDEN "Build with Debian's hardening flags (fortify, stack protector, bind now)" ON)
+if(KESTRIX_HARDEN AND NOT KESTRIX_SANITIZE)
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection -Wformat
+                      -Werror=format-security
+                      $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  add_link_options(-Wl,-z,relro -Wl,-z,now)
+endif()
