@@ -18,9 +18,10 @@ endif()
 
 # Hardening of what the package ships, as Debian builds its own: fortified libc calls, a stack
 # protector, and relocations resolved and made read-only at start (bind now). Not with the
-# sanitizers, which bring their own checks and dislike the fortified calls.
+# sanitizers, which bring their own checks and dislike the fortified calls, nor for Windows (PE
+# files have no such relocations; MinGW has no fortified C library).
 option(KESTRIX_HARDEN "Build with Debian's hardening flags (fortify, stack protector, bind now)" ON)
-if(KESTRIX_HARDEN AND NOT KESTRIX_SANITIZE)
+if(KESTRIX_HARDEN AND NOT KESTRIX_SANITIZE AND NOT WIN32)
   add_compile_options(-fstack-protector-strong -fstack-clash-protection -Wformat
                       -Werror=format-security
                       $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)

@@ -130,6 +130,7 @@ std::vector<KeyRule> buildRules() {
         rules.push_back({section::kCoinAcceptor, key::tubeCoinType(slot), ValueKind::Number, {}});
         rules.push_back({section::kCoinAcceptor, key::tubeCoinQty(slot), ValueKind::Number, {}});
     }
+    rules.push_back({section::kSettings, std::string(key::kMaxAmount), ValueKind::Number, {}});
     rules.push_back({section::kHoppers, std::string(key::kH1Address), ValueKind::Address, {}});
     rules.push_back({section::kHoppers, std::string(key::kH2Address), ValueKind::Address, {}});
     rules.push_back({section::kHoppers,
