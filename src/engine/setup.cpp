@@ -226,6 +226,9 @@ void Setup::loadSettings() {
             switchHopperButton();
         }
     }
+    // Hosts see the engine's heartbeat from its load on, not only from its first poll, which
+    // comes after the devices' initialisation.
+    publishHeartbeat();
     if (!replaced.empty()) {
         std::string text =
             "Settings that could not be read were reset to their defaults; every "
