@@ -4,12 +4,15 @@ PRESET ?= dev
 BUILD_DIR := build/$(PRESET)
 CTEST_ARGS ?=
 
-.PHONY: all bootstrap configure build test run format clean asan asan-world ubsan hardened fuzz bench windows windows-test
+.PHONY: all bootstrap bootstrap-tests configure build test run format clean asan asan-world ubsan hardened fuzz bench windows windows-test
 
 all: build
 
 bootstrap:
 	@scripts/bootstrap
+
+bootstrap-tests:
+	@scripts/bootstrap tests
 
 configure: bootstrap
 	@if [ ! -f $(BUILD_DIR)/build.ninja ]; then cmake --preset $(PRESET); fi
@@ -17,11 +20,13 @@ configure: bootstrap
 build: configure
 	cmake --build --preset $(PRESET)
 
-test: build
+test: bootstrap-tests build
 	ctest --preset $(PRESET) $(CTEST_ARGS)
 
-# Starts the engine with its console on the simulated kiosk.
-run: build
+# Starts the engine with its console on the simulated kiosk. Builds only the three programs (the
+# tests and benchmarks are `make test`'s), so that a fresh clone gets to a window quickly.
+run: configure
+	cmake --build --preset $(PRESET) --target kestrix kestrix-sim ksxctl
 	$(BUILD_DIR)/apps/kestrix/kestrix --simulate $(ARGS)
 
 asan:

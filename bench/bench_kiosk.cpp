@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <csignal>
@@ -29,7 +30,6 @@
 #include "engine/formulas.h"
 #include "kiosk_timing.h"
 #include "platform_qt/sqlite_store.h"
-#include "sim/json_writer.h"
 #include "sim/pinpad/sim_pin_pad.h"
 #include "sim/pty_kiosk.h"
 #include "sim/seed.h"
@@ -586,69 +586,48 @@ void Bench::analyse() {
 }
 
 std::string Bench::json() const {
-    using kestrix::sim::JsonWriter;
-    JsonWriter w;
-    const auto floorJson = [&w](const Floor& f) {
-        w.beginObject()
-            .key("total")
-            .value(f.total)
-            .key("waits")
-            .value(f.waits)
-            .key("wire")
-            .value(f.wire)
-            .key("device")
-            .value(f.device)
-            .endObject();
+    using Json = nlohmann::ordered_json;
+    const auto floorJson = [](const Floor& f) {
+        return Json{{"total", f.total}, {"waits", f.waits}, {"wire", f.wire}, {"device", f.device}};
     };
-    w.beginObject();
-    w.key("phases").beginArray();
+    Json w;
+    Json phases = Json::array();
     for (const Phase& p : m_phases) {
-        w.beginObject().key("name").value(p.name).key("from").value(p.from).key("to").value(p.to);
-        w.key("measured").value(p.measured).key("floor");
-        floorJson(p.floor);
-        w.key("goal_ratio").value(p.goalRatio).endObject();
+        phases.push_back({{"name", p.name},
+                          {"from", p.from},
+                          {"to", p.to},
+                          {"measured", p.measured},
+                          {"floor", floorJson(p.floor)},
+                          {"goal_ratio", p.goalRatio}});
     }
-    w.endArray();
-    w.key("coin_to_credit").beginObject();
-    w.key("count").value(static_cast<double>(m_coinLatency.size()));
-    w.key("median").value(kestrix::bench::percentile(m_coinLatency, 0.5));
-    w.key("p99").value(kestrix::bench::percentile(m_coinLatency, 0.99));
-    w.key("max").value(kestrix::bench::percentile(m_coinLatency, 1.0));
-    w.key("floor_median").value(kestrix::bench::percentile(m_coinFloor, 0.5));
-    w.key("floor_p99").value(kestrix::bench::percentile(m_coinFloor, 0.99));
-    w.endObject();
-    w.key("timeline").beginArray();
+    w["phases"] = std::move(phases);
+    w["coin_to_credit"] = {{"count", static_cast<double>(m_coinLatency.size())},
+                           {"median", kestrix::bench::percentile(m_coinLatency, 0.5)},
+                           {"p99", kestrix::bench::percentile(m_coinLatency, 0.99)},
+                           {"max", kestrix::bench::percentile(m_coinLatency, 1.0)},
+                           {"floor_median", kestrix::bench::percentile(m_coinFloor, 0.5)},
+                           {"floor_p99", kestrix::bench::percentile(m_coinFloor, 0.99)}};
+    Json timeline = Json::array();
     for (const Timeline& t : m_timeline) {
-        w.beginObject()
-            .key("name")
-            .value(t.name)
-            .key("start")
-            .value(t.start)
-            .key("measured")
-            .value(t.measured)
-            .key("floor")
-            .value(t.floor)
-            .endObject();
+        timeline.push_back(
+            {{"name", t.name}, {"start", t.start}, {"measured", t.measured}, {"floor", t.floor}});
     }
-    w.endArray();
-    w.key("resources").beginObject();
-    w.key("engine_idle_percent").value(m_engineIdle);
-    w.key("bare_wake_percent").value(m_bareWake);
-    w.key("idle_seconds").value(m_idleSeconds);
-    w.key("engine_paying_percent").value(m_enginePaying);
-    w.key("paying_seconds").value(m_payingSeconds);
-    w.key("sim_idle_percent").value(m_simIdle);
-    w.key("sim_paying_percent").value(m_simPaying);
-    w.key("rss_headless_kb").value(static_cast<double>(m_rssHeadless));
-    w.key("rss_headless_peak_kb").value(static_cast<double>(m_rssHeadlessPeak));
-    w.key("rss_console_kb").value(static_cast<double>(m_rssConsole));
-    w.key("rss_console_peak_kb").value(static_cast<double>(m_rssConsolePeak));
-    w.key("console_seconds").value(m_consoleSeconds);
-    w.key("console_display").value(m_consoleDisplay);
-    w.endObject();
-    w.key("notes").array(m_notes);
-    w.endObject();
-    return w.text();
+    w["timeline"] = std::move(timeline);
+    w["resources"] = {{"engine_idle_percent", m_engineIdle},
+                      {"bare_wake_percent", m_bareWake},
+                      {"idle_seconds", m_idleSeconds},
+                      {"engine_paying_percent", m_enginePaying},
+                      {"paying_seconds", m_payingSeconds},
+                      {"sim_idle_percent", m_simIdle},
+                      {"sim_paying_percent", m_simPaying},
+                      {"rss_headless_kb", static_cast<double>(m_rssHeadless)},
+                      {"rss_headless_peak_kb", static_cast<double>(m_rssHeadlessPeak)},
+                      {"rss_console_kb", static_cast<double>(m_rssConsole)},
+                      {"rss_console_peak_kb", static_cast<double>(m_rssConsolePeak)},
+                      {"console_seconds", m_consoleSeconds},
+                      {"console_display", m_consoleDisplay}};
+    w["notes"] = m_notes;
+    return w.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace

@@ -13,13 +13,13 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "engine/formulas.h"
-#include "sim/json_writer.h"
 #include "sim/world/virtual_kiosk.h"
 
 namespace {
@@ -157,22 +157,16 @@ int main(int argc, char** argv) {
         }
     }
 
-    kestrix::sim::JsonWriter w;
-    w.beginObject();
-    w.key("threads").value(threads);
-    w.key("worlds").value(threads * worldsPerThread);
-    w.key("seconds").value(elapsed);
-    w.key("payments").value(static_cast<long long>(paid.load()));
-    w.key("failed").value(static_cast<long long>(failed.load()));
-    w.key("payments_per_second").value(static_cast<double>(paid.load()) / elapsed);
-    w.key("growth_seconds_per_thousand").beginArray();
-    for (double s : perThousand) {
-        w.value(s);
-    }
-    w.endArray();
-    w.key("growth_failed").value(static_cast<long long>(growthFailed));
-    w.endObject();
-    std::ofstream(out) << w.text() << '\n';
-    std::cout << w.text() << '\n';
+    nlohmann::ordered_json w;
+    w["threads"] = threads;
+    w["worlds"] = threads * worldsPerThread;
+    w["seconds"] = elapsed;
+    w["payments"] = static_cast<long long>(paid.load());
+    w["failed"] = static_cast<long long>(failed.load());
+    w["payments_per_second"] = static_cast<double>(paid.load()) / elapsed;
+    w["growth_seconds_per_thousand"] = perThousand;
+    w["growth_failed"] = static_cast<long long>(growthFailed);
+    std::ofstream(out) << w.dump() << '\n';
+    std::cout << w.dump() << '\n';
     return failed.load() == 0 && growthFailed == 0 ? 0 : 1;
 }

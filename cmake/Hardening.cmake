@@ -29,12 +29,17 @@ if(KESTRIX_FUZZ)
   add_link_options(-fsanitize=address,${kestrix_ub_checks})
 endif()
 
-if(KESTRIX_HARDEN)
-  # _FORTIFY_SOURCE needs optimisation: the preset builds Release at -O2, as Debian builds its
-  # packages (GCC 12 at -O3 warns falsely inside libstdc++). -U first, so that a distribution
+# Hardening is on by default, so what the package ships is built as Debian builds its own; not
+# with the sanitizers and the fuzz targets, which bring their own checks, nor for Windows (PE
+# files have no such relocations; MinGW has no fortified C library).
+if(KESTRIX_HARDEN AND NOT KESTRIX_SANITIZE AND NOT KESTRIX_UBSAN AND NOT KESTRIX_FUZZ
+   AND NOT WIN32)
+  # _FORTIFY_SOURCE needs optimisation (not in Debug builds); the `hardened` preset builds Release
+  # at -O2 (GCC 12 at -O3 warns falsely inside libstdc++). -U first, so that a distribution
   # default does not clash. Debian's compilers make position-independent executables already.
-  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong
-                      -fstack-clash-protection)
+  add_compile_options($<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
+                      $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2> -fstack-protector-strong
+                      -fstack-clash-protection -Wformat -Werror=format-security)
   add_link_options(-Wl,-z,relro,-z,now)
 endif()
 

@@ -121,9 +121,15 @@ void EngineHost::run() {
                 &loop, [&loop, exitCode] { loop.exit(exitCode); }, Qt::QueuedConnection);
         });
         SteadyClock clock;
+        std::shared_ptr<Instance> instance = m_options.instance;
+        if (!instance) {
+            instance = std::make_shared<LockFileInstance>(
+                LockFileInstance::lockPathFor(m_options.storePath), QCoreApplication::arguments());
+        }
         SqliteStore store(m_options.storePath);
         store.setBusyTimeout(SqliteStore::kEngineBusyTimeoutMs);
-        if (!m_options.simulatorDir.empty()) {
+        // Another engine's store is left as it is: the start-up only shows the refusal.
+        if (!m_options.simulatorDir.empty() && !instance->anotherIsRunning()) {
             // The simulated kiosk's links answer at port numbers 1, 2 and 3.
             sim::seedSimulatedPortPaths(store, sim::PortNumbers{}, m_options.simulatorDir);
         }
@@ -132,8 +138,6 @@ void EngineHost::run() {
         QtPrinter printer(
             {store.get(kestrix::store::kApp, kestrix::store::section::kPinPad, "Printer", "")});
         QtNetworkInfo network;
-        LockFileInstance instance(LockFileInstance::lockPathFor(m_options.storePath),
-                                  QCoreApplication::arguments());
         std::unique_ptr<PaymentLibrary> library = makePaymentLibrary(store, clock, scheduler);
         const PortResolver resolver = storePortResolver(store);
         QtSerialPort mdbPort(resolver);
@@ -149,7 +153,7 @@ void EngineHost::run() {
 #endif
         NotingMessageBox messageBox(*m_messageBox, fleetView);
         {
-            Setup setup(Platform{clock, scheduler, store, messageBox, printer, network, instance,
+            Setup setup(Platform{clock, scheduler, store, messageBox, printer, network, *instance,
                                  *library, mdbPort, dispenserPort, hoppersPort});
             const Hoppers* hoppers = &setup.hoppers();
             setup.console().setChangeListener([this, fleetView, hoppers](const Field& f) {

@@ -11,6 +11,7 @@
 namespace kestrix {
 class Setup;
 class MessageBox;
+class Instance;
 }  // namespace kestrix
 
 namespace kestrix::qt {
@@ -25,6 +26,9 @@ struct EngineOptions {
     // Where the simulated kiosk's links are ("Ports" 1, 2, 3 are pointed at them); empty for a
     // real kiosk.
     std::string simulatorDir;
+    // The single-instance lock, when the program has taken it before anything else; otherwise
+    // the engine takes it (a LockFileInstance on the store) before it changes the store.
+    std::shared_ptr<Instance> instance;
 };
 
 // Runs the engine (the Setup object, its timers and every device adapter) on its own thread with

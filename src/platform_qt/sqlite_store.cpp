@@ -4,9 +4,11 @@
 
 #include <sys/stat.h>
 #ifndef _WIN32
+#include <fcntl.h>
 #include <unistd.h>
 #endif
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -45,6 +47,43 @@ struct Reset {
         sqlite3_clear_bindings(stmt);
     }
 };
+
+// Creates the missing directories of `file` (0700) and the file itself (0600), leaving what
+// exists alone: the store holds the pin pad account. SQLite gives its -wal and -shm files the
+// database file's mode.
+void createPrivately(const std::string& file) {
+    namespace fs = std::filesystem;
+    const fs::path dir = fs::path(file).parent_path();
+    std::error_code ec;
+    if (!dir.empty() && !fs::is_directory(dir, ec)) {
+        fs::path partial;
+        for (const fs::path& part : dir) {
+            partial /= part;
+            if (fs::is_directory(partial, ec)) {
+                continue;
+            }
+            ec.clear();
+#ifdef _WIN32
+            fs::create_directory(partial, ec);
+#else
+            if (::mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) {
+                ec = std::error_code(errno, std::generic_category());
+            }
+#endif
+            if (ec) {
+                throw StoreError("settings store " + file + ": cannot create " + partial.string() +
+                                 ": " + ec.message());
+            }
+        }
+    }
+#ifndef _WIN32
+    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    // Any failure (the file exists, the directory is not ours) is left for SQLite to report.
+#endif
+}
 
 bool damaged(int rc) {
     const int primary = rc & 0xFF;
@@ -121,7 +160,8 @@ std::string resolveStorePath(const std::string& cliValue) {
     return (config / "kestrix" / "KSX.db").string();
 }
 
-SqliteStore::SqliteStore(std::string path) : m_path(std::move(path)) {
+SqliteStore::SqliteStore(std::string path, Access access)
+    : m_path(std::move(path)), m_readOnly(access == Access::ReadOnly) {
     if (m_path.empty()) {
         throw StoreError("settings store: empty path");
     }
@@ -130,20 +170,22 @@ SqliteStore::SqliteStore(std::string path) : m_path(std::move(path)) {
 
 void SqliteStore::open() {
     const std::filesystem::path dir = std::filesystem::path(m_path).parent_path();
-    if (!dir.empty()) {
+    if (m_readOnly) {
+        // A tool that only looks never creates a store.
         std::error_code ec;
-        std::filesystem::create_directories(dir, ec);
-        if (ec) {
-            throw StoreError("settings store " + m_path + ": cannot create " + dir.string() + ": " +
-                             ec.message());
+        if (!std::filesystem::exists(m_path, ec)) {
+            throw StoreError("settings store " + m_path + " does not exist");
+        }
+    } else {
+        createPrivately(m_path);
+        if (const std::string problem = sharedDirectoryProblem(m_path, dir); !problem.empty()) {
+            throw StoreRefused(problem);
         }
     }
-    if (const std::string problem = sharedDirectoryProblem(m_path, dir); !problem.empty()) {
-        throw StoreRefused(problem);
-    }
-    const int rc = sqlite3_open_v2(
-        m_path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-        nullptr);
+    const int flags =
+        (m_readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
+        SQLITE_OPEN_FULLMUTEX;
+    const int rc = sqlite3_open_v2(m_path.c_str(), &m_db, flags, nullptr);
     if (rc != SQLITE_OK) {
         const std::string message = m_db != nullptr ? sqlite3_errmsg(m_db) : sqlite3_errstr(rc);
         sqlite3_close(m_db);
@@ -152,18 +194,20 @@ void SqliteStore::open() {
     }
     try {
         sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
-        // WAL lets the host read while the engine writes and the other way round. NORMAL
-        // synchronisation is safe against a crash of either program; the mailbox is reset at
-        // every engine start anyway.
-        exec("PRAGMA journal_mode=WAL");
-        exec("PRAGMA synchronous=NORMAL");
-        exec(
-            "CREATE TABLE IF NOT EXISTS settings("
-            "app TEXT NOT NULL COLLATE NOCASE, "
-            "section TEXT NOT NULL COLLATE NOCASE, "
-            "key TEXT NOT NULL COLLATE NOCASE, "
-            "value TEXT NOT NULL, "
-            "PRIMARY KEY(app, section, key))");
+        if (!m_readOnly) {
+            // WAL lets the host read while the engine writes and the other way round. NORMAL
+            // synchronisation is safe against a crash of either program; the mailbox is reset
+            // at every engine start anyway.
+            exec("PRAGMA journal_mode=WAL");
+            exec("PRAGMA synchronous=NORMAL");
+            exec(
+                "CREATE TABLE IF NOT EXISTS settings("
+                "app TEXT NOT NULL COLLATE NOCASE, "
+                "section TEXT NOT NULL COLLATE NOCASE, "
+                "key TEXT NOT NULL COLLATE NOCASE, "
+                "value TEXT NOT NULL, "
+                "PRIMARY KEY(app, section, key))");
+        }
         m_get = prepare("SELECT value FROM settings WHERE app=?1 AND section=?2 AND key=?3");
         m_set = prepare(
             "INSERT INTO settings(app, section, key, value) VALUES(?1, ?2, ?3, ?4) "

@@ -46,9 +46,14 @@ public:
     // Where the store says what it noticed (a replaced file, damage); standard error by default.
     using Notice = std::function<void(const std::string& message)>;
 
-    // Opens (creating the file, its directory and the table when missing). Throws StoreRefused
-    // for a shared directory or a damaged file, StoreError for any other failure.
-    explicit SqliteStore(std::string path);
+    enum class Access {
+        ReadWrite,  // creates the file (0600), its directories (0700) and the table when missing
+        ReadOnly,   // for tools that only look: a missing store is an error, never created
+    };
+
+    // Opens the store. Throws StoreRefused for a shared directory or a damaged file, StoreError
+    // for any other failure.
+    explicit SqliteStore(std::string path, Access access = Access::ReadWrite);
     ~SqliteStore() override;
     SqliteStore(const SqliteStore&) = delete;
     SqliteStore& operator=(const SqliteStore&) = delete;
@@ -80,6 +85,7 @@ private:
     sqlite3_stmt* prepare(const char* sql);
 
     std::string m_path;
+    bool m_readOnly = false;
     sqlite3* m_db = nullptr;
     sqlite3_stmt* m_get = nullptr;
     sqlite3_stmt* m_set = nullptr;

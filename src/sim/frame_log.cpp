@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "json_writer.h"
+#include <nlohmann/json.hpp>
 
 namespace kestrix::sim {
 
@@ -66,7 +66,7 @@ std::string FrameLog::text(int tag) const {
     return out;
 }
 
-std::string FrameLog::json(std::size_t count, int tag) const {
+nlohmann::ordered_json FrameLog::json(std::size_t count, int tag) const {
     std::vector<const Entry*> picked;
     for (auto it = m_entries.rbegin(); it != m_entries.rend() && picked.size() < count; ++it) {
         if (tag == 0 || it->tag == tag) {
@@ -74,22 +74,16 @@ std::string FrameLog::json(std::size_t count, int tag) const {
         }
     }
     std::reverse(picked.begin(), picked.end());
-    JsonWriter w;
-    w.beginArray();
+    nlohmann::ordered_json frames = nlohmann::ordered_json::array();
     for (const Entry* e : picked) {
-        w.beginObject()
-            .key("t")
-            .value(e->time)
-            .key("dir")
-            .value(e->direction == Direction::ToDevice ? ">" : "<")
-            .key("hex")
-            .value(e->hex)
-            .key("note")
-            .value(e->note)
-            .endObject();
+        nlohmann::ordered_json frame;
+        frame["t"] = e->time;
+        frame["dir"] = e->direction == Direction::ToDevice ? ">" : "<";
+        frame["hex"] = e->hex;
+        frame["note"] = e->note;
+        frames.push_back(std::move(frame));
     }
-    w.endArray();
-    return w.text();
+    return frames;
 }
 
 bool FaultSwitches::set(std::string_view name, bool on) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -40,7 +42,7 @@ public:
     // A tag other than 0 keeps only the entries of that tag.
     std::string text(int tag = 0) const;
     // The last `count` entries as a JSON array of {"t","dir","hex","note"}.
-    std::string json(std::size_t count = 16, int tag = 0) const;
+    nlohmann::ordered_json json(std::size_t count = 16, int tag = 0) const;
 
 private:
     std::size_t m_capacity;

@@ -29,7 +29,8 @@ namespace kestrix::sim {
 // "<" when the device put it on the line, the seconds one character takes, and the bytes in hex.
 //
 // Control protocol on the socket: the client sends one command line ending in "\n"; the
-// simulator answers "OK\n" or "REJECTED\n", then the command's text, and closes. The commands
+// simulator answers "OK\n", "REJECTED\n" (a device refused) or "USAGE\n" (no such command, or
+// wrong arguments), then the command's text, and closes. The commands
 // are those of KioskModels::command ("coin 2", "fault changer silent on", "state", ...).
 class PtyKiosk {
 public:
@@ -59,6 +60,7 @@ private:
 // Exit codes of a control command sent to a simulator.
 inline constexpr int kControlAccepted = 0;
 inline constexpr int kControlRejected = 1;
+inline constexpr int kControlUsage = 2;
 inline constexpr int kControlNoSimulator = 3;
 
 // Sends one command to the simulator running in `dir`; fills `answer` with its text (or the

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -165,6 +166,10 @@ struct Link {
     double outboundFreeAt = 0;
     std::string pendingOut;  // arrived, but the pseudo-terminal would not take them yet
     FrameLog wire;           // what crossed the line, both directions, with when
+    int watch = -1;          // inotify watch on the engine's end
+    int engineOpens = 0;     // how many descriptors of the engine's end others hold open
+    termios made{};          // the line settings it was made with
+    bool haveMade = false;
 };
 
 struct Client {
@@ -182,6 +187,7 @@ struct PtyKiosk::Impl {
     KioskModels models;
     std::vector<Link> links;
     int listenFd = -1;
+    int notifyFd = -1;  // opens and closes of the engine's ends
     int wake[2] = {-1, -1};
     std::vector<Client> clients;
     std::thread thread;
@@ -200,6 +206,8 @@ struct PtyKiosk::Impl {
 
     void openLink(const std::string& name, LinkDevice& device);
     void openSocket();
+    void watchEngineEnds();
+    void serviceNotifications();
     void run();
     void serviceLink(Link& link, double t);
     double nextWake(const Link& link, double t) const;
@@ -232,6 +240,7 @@ void PtyKiosk::Impl::openLink(const std::string& name, LinkDevice& device) {
     }
     makeRaw(link.slave);
     makeRaw(link.master);
+    link.haveMade = tcgetattr(link.slave, &link.made) == 0;
     setNonBlocking(link.master);
     links.push_back(std::move(link));
 
@@ -247,6 +256,53 @@ void PtyKiosk::Impl::openLink(const std::string& name, LinkDevice& device) {
         throw std::runtime_error(errnoText("cannot create " + path));
     }
     createdPaths.push_back(path);
+}
+
+// The pseudo-terminal keeps its line settings for as long as any descriptor of it is open, and
+// the simulator keeps one open: an engine that ended without restoring its settings (killed, or
+// crashed) would leave them for the next one, whose open then fails when the kernel refuses the
+// change from there (Linux takes even parity on a pseudo-terminal only as part of a change it
+// accepts, and refuses it as the only change). So whenever the last engine-side descriptor of a
+// line closes, the line goes back to the settings it was made with.
+void PtyKiosk::Impl::watchEngineEnds() {
+    notifyFd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (notifyFd < 0) {
+        return;  // no inotify: lines keep what an engine set
+    }
+    for (Link& l : links) {
+        l.watch = inotify_add_watch(notifyFd, l.slavePath.c_str(),
+                                    IN_OPEN | IN_CLOSE_WRITE | IN_CLOSE_NOWRITE);
+    }
+}
+
+void PtyKiosk::Impl::serviceNotifications() {
+    alignas(inotify_event) char buf[4096];
+    for (;;) {
+        const ssize_t n = ::read(notifyFd, buf, sizeof buf);
+        if (n <= 0) {
+            return;
+        }
+        for (ssize_t at = 0; at < n;) {
+            const auto* e = reinterpret_cast<const inotify_event*>(buf + at);
+            at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
+            for (Link& l : links) {
+                if (l.watch != e->wd) {
+                    continue;
+                }
+                if ((e->mask & IN_OPEN) != 0) {
+                    ++l.engineOpens;
+                } else if ((e->mask & (IN_CLOSE_WRITE | IN_CLOSE_NOWRITE)) != 0 &&
+                           --l.engineOpens <= 0) {
+                    l.engineOpens = 0;
+                    if (l.haveMade) {
+                        tcsetattr(l.slave, TCSANOW, &l.made);
+                    }
+                    tcflush(l.slave, TCIOFLUSH);
+                    l.pendingOut.clear();
+                }
+            }
+        }
+    }
 }
 
 void PtyKiosk::Impl::openSocket() {
@@ -407,7 +463,7 @@ bool PtyKiosk::Impl::serviceClient(Client& c) {
     if (!text.empty() && text.back() != '\n') {
         text += '\n';
     }
-    sendAll(c.fd, (r.ok ? "OK\n" : "REJECTED\n") + text);
+    sendAll(c.fd, (r.ok ? "OK\n" : r.usage ? "USAGE\n" : "REJECTED\n") + text);
     return false;
 }
 
@@ -430,6 +486,7 @@ void PtyKiosk::Impl::run() {
         for (const Client& c : clients) {
             fds.push_back({c.fd, POLLIN, 0});
         }
+        fds.push_back({notifyFd, POLLIN, 0});  // last: a negative descriptor is skipped
         // Asleep until the engine writes, a client calls, or the next thing a model or the line
         // has scheduled is due: an idle kiosk costs nothing.
         timespec timeout{};
@@ -445,6 +502,10 @@ void PtyKiosk::Impl::run() {
         if ((fds[0].revents & POLLIN) != 0) {
             break;
         }
+        if ((fds.back().revents & POLLIN) != 0) {
+            serviceNotifications();
+        }
+        fds.pop_back();
         {
             std::lock_guard lock(mutex);
             const double t = now();
@@ -477,6 +538,10 @@ void PtyKiosk::Impl::cleanUp() {
     if (listenFd >= 0) {
         ::close(listenFd);
         listenFd = -1;
+    }
+    if (notifyFd >= 0) {
+        ::close(notifyFd);
+        notifyFd = -1;
     }
     for (Link& l : links) {
         ::close(l.master);
@@ -538,6 +603,7 @@ void PtyKiosk::start() {
                 d.recordWire(l);
             }
         }
+        d.watchEngineEnds();
     } catch (...) {
         d.cleanUp();
         throw;
@@ -625,6 +691,9 @@ int sendControlCommand(const std::string& dir, const std::string& command, std::
     }
     if (status == "REJECTED") {
         return kControlRejected;
+    }
+    if (status == "USAGE") {
+        return kControlUsage;
     }
     answer = "no simulator answers at " + dir;
     return kControlNoSimulator;

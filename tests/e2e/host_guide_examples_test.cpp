@@ -57,6 +57,7 @@ const std::map<std::string, std::vector<std::string>>& expectedOutput() {
         {"cancel", {"pay exited with status 4\n", "Status=Transaction Cancelled\n"}},
         {"change", {"Status=Change dispensed\n", "ChangeDispensed=7.5\n"}},
         {"raw", {"Payment Completed; change 5\n"}},
+        {"heartbeat", {"engine alive\n"}},
         {"python",
          {"cash: Payment Completed; received 20, change 7.5\n",
           "card: Credit Card Approved; approved: True\n"}},

@@ -89,6 +89,8 @@ TEST(PtyKiosk, ACoinInsertedThroughTheControlSocketComesBackInAPoll) {
 
     EXPECT_EQ(sendControlCommand(dir, "state", answer), kControlAccepted);
     EXPECT_NE(answer.find("\"tubes\":[40,41,30,20,10]"), std::string::npos) << answer;
+    EXPECT_EQ(sendControlCommand(dir, "bogus", answer), kControlUsage) << answer;
+    EXPECT_EQ(sendControlCommand(dir, "coin", answer), kControlUsage) << answer;
     kiosk.stop();
     EXPECT_EQ(sendControlCommand(dir, "state", answer), kControlNoSimulator);
 }

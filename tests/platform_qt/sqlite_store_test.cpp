@@ -159,6 +159,32 @@ TEST(SqliteStore, AStoreDeletedOrReplacedWhileInUseIsNoticedAndFollowed) {
     EXPECT_NE(notices.back().find("usable again"), std::string::npos);
 }
 
+#ifndef _WIN32
+TEST(SqliteStore, ANewStoreIsPrivateAndALookNeverCreatesOne) {
+    namespace fs = std::filesystem;
+    const std::string path = freshStore();
+    const fs::path nested = fs::path(path).parent_path().parent_path();
+    EXPECT_THROW(SqliteStore(path, SqliteStore::Access::ReadOnly), StoreError);
+    EXPECT_FALSE(fs::exists(nested)) << "a read-only opening created directories";
+
+    SqliteStore store(path);
+    store.set("KSX", "Pin Pad", "Password", "secret");
+    const auto mode = [](const fs::path& p) {
+        return fs::status(p).permissions() & fs::perms::all;
+    };
+    EXPECT_EQ(mode(path), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(mode(path + "-wal"), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(mode(nested), fs::perms::owner_all);
+    EXPECT_EQ(mode(fs::path(path).parent_path()), fs::perms::owner_all);
+
+    SqliteStore reader(path, SqliteStore::Access::ReadOnly);
+    EXPECT_EQ(reader.get("KSX", "Pin Pad", "Password"), "secret");
+    EXPECT_THROW(reader.set("KSX", "Status", "Due", "1"), StoreError);
+    store.set("KSX", "Pin Pad", "Password", "changed");
+    EXPECT_EQ(reader.get("KSX", "Pin Pad", "Password"), "changed") << "reads stay fresh";
+}
+#endif
+
 // The store path as the programs resolve it with KSX_STORE and XDG_CONFIG_HOME set as given
 // (nullptr: unset) and HOME=/home/kiosk. The test's own environment is put back afterwards.
 std::string pathWith(const char* ksxStore, const char* xdg, const std::string& cli = {}) {

@@ -67,7 +67,7 @@ public:
     // The next queued answer, or the end of the operation under way (its answer follows).
     double nextOutputAt(double now) const override;
     void powerCycle(double now) override;
-    std::string stateJson() const override;
+    nlohmann::ordered_json state() const override;
 
     // Lets a running operation finish by `now`.
     void advance(double now);

@@ -35,7 +35,7 @@ public:
     // Whether the bus echoes right now.
     bool echoing() const;
     const FrameLog& log() const { return m_log; }
-    std::string stateJson() const;
+    nlohmann::ordered_json state() const;
 
     static constexpr double kReplySeconds = 0.015;
     static constexpr double kInterByteTimeoutSeconds = 0.050;

@@ -4,8 +4,8 @@
 #include <charconv>
 #include <cstdio>
 
+#include <nlohmann/json.hpp>
 #include "engine/settings/layout.h"
-#include "sim/json_writer.h"
 
 namespace kestrix::sim {
 
@@ -236,17 +236,15 @@ void SimPinPad::powerCycle(double) {
     m_message = kIdleMessage;
 }
 
-std::string SimPinPad::stateJson() const {
-    JsonWriter w;
-    w.beginObject();
-    w.key("faults").array(activeFaults());
-    w.key("message").value(m_message);
-    w.key("busy").value(m_busy);
-    w.key("sales").value(m_sales);
-    w.key("lastResult").value(m_result);
-    w.key("amount").value(m_amount);
-    w.endObject();
-    return w.text();
+nlohmann::ordered_json SimPinPad::state() const {
+    nlohmann::ordered_json w;
+    w["faults"] = activeFaults();
+    w["message"] = m_message;
+    w["busy"] = m_busy;
+    w["sales"] = m_sales;
+    w["lastResult"] = m_result;
+    w["amount"] = m_amount;
+    return w;
 }
 
 }  // namespace kestrix::sim

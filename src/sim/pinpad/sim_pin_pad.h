@@ -55,7 +55,7 @@ public:
     std::string errorCode() override { return m_errorCode; }
 
     void powerCycle(double now) override;
-    std::string stateJson() const override;
+    nlohmann::ordered_json state() const override;
 
     bool busy() const { return m_busy; }
     int salesRun() const { return m_sales; }

@@ -117,8 +117,8 @@ VirtualScheduler::~VirtualScheduler() {
     }
 }
 
-std::unique_ptr<Timer> VirtualScheduler::createTimer(std::string name, int intervalMs,
-                                                     bool enabled, std::function<void()> onTick) {
+std::unique_ptr<Timer> VirtualScheduler::createTimer(std::string name, int intervalMs, bool enabled,
+                                                     std::function<void()> onTick) {
     auto* s = new TimerState;
     s->name = std::move(name);
     s->intervalMs = intervalMs;
