@@ -177,10 +177,11 @@ void SqliteStore::open() {
             throw StoreError("settings store " + m_path + " does not exist");
         }
     } else {
-        createPrivately(m_path);
+        // Judge the directory before anything is created in it.
         if (const std::string problem = sharedDirectoryProblem(m_path, dir); !problem.empty()) {
             throw StoreRefused(problem);
         }
+        createPrivately(m_path);
     }
     const int flags =
         (m_readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |

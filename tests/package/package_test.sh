@@ -107,11 +107,14 @@ for _ in $(seq 1 300); do
 done
 [ "$("$ksxctl" get Status BDStatus)" = OK ] || fail "the installed engine did not come up"
 
-# The customer: a coin of 10.00 whenever the payment asks for money, one at a time.
+# The customer: a coin of 10.00 whenever the payment asks for money, one at a time, until the
+# credit covers the due (a coin dropped while the payment completes is credited too, and would
+# change the change).
 customer() {
     while :; do
-        if [ "$("$ksxctl" get Status Status)" = "Insert Coins or Bills..." ]; then
-            before=$("$ksxctl" get Status Credit)
+        before=$("$ksxctl" get Status Credit)
+        if [ "$("$ksxctl" get Status Status)" = "Insert Coins or Bills..." ] &&
+            awk -v c="$before" 'BEGIN { exit !(c + 0 < 12.5) }'; then
             if "$sim" ctl "$KSX_SIM_DIR" coin 5 >> "$work/customer.log" 2>&1; then
                 for _ in $(seq 1 50); do
                     [ "$("$ksxctl" get Status Credit)" != "$before" ] && break
