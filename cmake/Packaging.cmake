@@ -1,10 +1,62 @@
 # Installation beyond the programs (each app installs its own binary) and the Debian package.
 #
 #   cmake --install build/dev --prefix /usr/local
-#   cpack --config build/dev/CPackConfig.cmake -B /tmp/kestrix-package     (kestrix_5.0.0_amd64.deb)
+#   cpack --config build/dev/CPackConfig.cmake -B /tmp/kestrix-package   (kestrix_5.0.0-1_amd64.deb)
 
 set(KESTRIX_PACKAGING_DIR ${CMAKE_CURRENT_LIST_DIR}/../packaging)
 set(KESTRIX_INSTALL_DOCDIR ${CMAKE_INSTALL_DATADIR}/doc/kestrix)
+# The package's own revision, after the program's version: 5.0.0-1.
+set(KESTRIX_DEBIAN_REVISION 1)
+
+# Debian wants the copyright beside the documentation and the changelog compressed, without a
+# time stamp in the gzip header (so the package is the same whenever it is built).
+find_program(KESTRIX_GZIP gzip)
+install(FILES ${KESTRIX_PACKAGING_DIR}/copyright DESTINATION ${KESTRIX_INSTALL_DOCDIR})
+if(KESTRIX_GZIP)
+  set(changelog ${CMAKE_BINARY_DIR}/packaging/changelog.Debian.gz)
+  add_custom_command(
+    OUTPUT ${changelog}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/packaging
+    COMMAND sh -c "${KESTRIX_GZIP} -9n -c '${KESTRIX_PACKAGING_DIR}/changelog' > '${changelog}'"
+    DEPENDS ${KESTRIX_PACKAGING_DIR}/changelog
+    VERBATIM)
+  set(KESTRIX_PACKAGE_FILES ${changelog})
+  install(FILES ${changelog} DESTINATION ${KESTRIX_INSTALL_DOCDIR})
+endif()
+
+# Manual pages, made from each program's --help and --version by help2man.
+find_program(KESTRIX_HELP2MAN help2man)
+if(KESTRIX_HELP2MAN AND KESTRIX_GZIP)
+  set(kestrix_man_kestrix "the device engine of unattended payment kiosks, with its console")
+  set(kestrix_man_kestrix-sim "a simulated kiosk on pseudo-terminals")
+  set(kestrix_man_ksxctl "read and write the Kestrix settings store; take payments from scripts")
+  foreach(program kestrix kestrix-sim ksxctl)
+    if(NOT TARGET ${program})
+      continue()
+    endif()
+    set(page ${CMAKE_BINARY_DIR}/packaging/${program}.1.gz)
+    add_custom_command(
+      OUTPUT ${page}
+      COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/packaging
+      COMMAND ${CMAKE_COMMAND} -E env QT_QPA_PLATFORM=offscreen
+              ${KESTRIX_HELP2MAN} --no-info --no-discard-stderr --section=1
+              "--name=${kestrix_man_${program}}" --output=${CMAKE_BINARY_DIR}/packaging/${program}.1
+              $<TARGET_FILE:${program}>
+      COMMAND sh -c "${KESTRIX_GZIP} -9n -f '${CMAKE_BINARY_DIR}/packaging/${program}.1'"
+      DEPENDS ${program}
+      COMMENT "Manual page of ${program}"
+      VERBATIM)
+    list(APPEND KESTRIX_PACKAGE_FILES ${page})
+    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  endforeach()
+else()
+  message(STATUS "help2man or gzip not found: no manual pages")
+endif()
+# Built with the rest (`make test`); `make run` builds only the programs.
+add_custom_target(package_files ALL DEPENDS ${KESTRIX_PACKAGE_FILES})
+
+install(FILES ${KESTRIX_PACKAGING_DIR}/completion/ksxctl ${KESTRIX_PACKAGING_DIR}/completion/kestrix-sim
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 
 install(FILES ${KESTRIX_PACKAGING_DIR}/kestrix.desktop
         DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
@@ -28,6 +80,7 @@ install(CODE "
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kestrix)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${KESTRIX_DEBIAN_REVISION})
 set(CPACK_PACKAGE_VENDOR "Kestrix")
 set(CPACK_PACKAGE_CONTACT "Kestrix developers <kestrix@example.com>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "device engine of unattended payment kiosks")

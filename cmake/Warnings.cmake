@@ -10,8 +10,3 @@ endif()
 add_library(kestrix_strict_warnings INTERFACE)
 target_compile_options(kestrix_strict_warnings INTERFACE -Wconversion -Wsign-conversion -Wshadow)
 target_link_libraries(kestrix_strict_warnings INTERFACE kestrix_warnings)
-
-if(KESTRIX_SANITIZE)
-  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
-  add_link_options(-fsanitize=address,undefined)
-endif()

@@ -2,6 +2,7 @@
 // its window, or headless as a service.
 
 #include <QApplication>
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QGuiApplication>
 #include <QTimer>
@@ -10,12 +11,12 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "engine/bounds.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
 #include "platform_qt/engine_host.h"
+#include "platform_qt/lock_file_instance.h"
 #include "platform_qt/sqlite_store.h"
 #include "platform_qt/stderr_log.h"
 #include "platform_qt/stderr_message_box.h"
@@ -24,39 +25,29 @@
 #include "sim/seed.h"
 
 #ifdef KESTRIX_HAVE_CONSOLE
+#include <QMessageBox>
+
 #include "console/console_app.h"
 #endif
 
 namespace {
 
-const char* const kUsage =
-    "Usage: kestrix [--store PATH] [--headless] [--simulate] [--log-level LEVEL] [--version]\n"
-    "               [--help] [/hide]\n"
-    "\n"
-    "The Kestrix device engine: drives the kiosk's coin changer, bill validator, bill\n"
+constexpr int kExitRefused = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitStore = 3;
+
+const char* const kDescription =
+    "\nThe Kestrix device engine: drives the kiosk's coin changer, bill validator, bill\n"
     "dispenser, coin hoppers and card pin pad for a host program that talks to it through\n"
     "the shared settings store (section \"Status\" of application KSX).\n"
     "\n"
-    "  --store PATH  the settings store (SQLite). Default: $KSX_STORE, else\n"
-    "                ${XDG_CONFIG_HOME:-~/.config}/kestrix/KSX.db\n"
-    "  --headless    no window: service mode; operator messages go to standard error\n"
-    "  --simulate    run on the simulated kiosk: every device is simulated in-process on\n"
-    "                pseudo-terminals; without --store it uses its own store,\n"
-    "                ${XDG_CONFIG_HOME:-~/.config}/kestrix/simulated/KSX.db, configured on\n"
-    "                first use with every device enabled\n"
-    "                The simulator's links and control socket are in $KSX_SIM_DIR, else\n"
-    "                ${XDG_RUNTIME_DIR:-/tmp}/kestrix-simulated (see kestrix-sim ctl)\n"
-    "  --log-level LEVEL\n"
-    "                what goes to standard error: error, warning, notice, info (default:\n"
-    "                faults, payments, money movements) or debug\n"
-    "  --version     print the version and exit\n"
-    "  --help        print this help and exit\n"
-    "  /hide         (last argument) keep the console window hidden\n"
-    "\n"
-    "One engine runs per store: a second start is refused with exit status 1.\n"
-    "SIGTERM and SIGINT end a running payment as a cancel that pays the credit back, then\n"
-    "run the engine's Exit (devices reset, pin pad marked off line), within 10 seconds;\n"
-    "a second signal ends the process at once.\n";
+    "One engine runs per store: a second start is refused with exit status 1, naming the\n"
+    "store and the process id of the engine that runs on it. SIGTERM and SIGINT end a\n"
+    "running payment as a cancel that pays the credit back, then run the engine's Exit\n"
+    "(devices reset, pin pad marked off line), within 10 seconds; a second signal ends the\n"
+    "process at once. Exit status: 0 ended on request, 1 refused (another engine runs on the\n"
+    "store), 2 usage error, 3 store error, 4 store refused (in a directory other users can\n"
+    "write, or damaged).";
 
 struct Options {
     std::string store;
@@ -86,47 +77,106 @@ std::string simulatorDirectory() {
     return base + "/kestrix-simulated";
 }
 
+// Parses the command line before any application object exists (which one to make depends on
+// --headless). Returns an exit status when the program is done (help, version, usage error).
+std::optional<int> parseOptions(int argc, char* argv[], Options& opt) {
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i) {
+        arguments << QString::fromLocal8Bit(argv[i]);
+    }
+    QCommandLineParser parser;
+    parser.setApplicationDescription(kDescription);
+    const QCommandLineOption store("store",
+                                   "The settings store (SQLite). Default: $KSX_STORE, else "
+                                   "${XDG_CONFIG_HOME:-~/.config}/kestrix/KSX.db.",
+                                   "PATH");
+    const QCommandLineOption headless(
+        "headless", "No window: service mode; operator messages go to standard error.");
+    const QCommandLineOption simulate(
+        "simulate",
+        "Run on the simulated kiosk: every device is simulated in-process on pseudo-terminals "
+        "in $KSX_SIM_DIR, else ${XDG_RUNTIME_DIR:-/tmp}/kestrix-simulated (see kestrix-sim "
+        "ctl). Without --store it uses its own store, "
+        "${XDG_CONFIG_HOME:-~/.config}/kestrix/simulated/KSX.db, configured on first use with "
+        "every device enabled.");
+    const QCommandLineOption logLevel(
+        "log-level",
+        "What goes to standard error: error, warning, notice, info (the default: faults, "
+        "payments, money movements) or debug.",
+        "LEVEL");
+    parser.addOptions({store, headless, simulate, logLevel});
+    const QCommandLineOption help = parser.addHelpOption();
+    const QCommandLineOption version = parser.addVersionOption();
+    parser.addPositionalArgument("/hide", "(last argument) Keep the console window hidden.",
+                                 "[/hide]");
+    if (!parser.parse(arguments)) {
+        std::fprintf(stderr, "kestrix: %s (see kestrix --help)\n", qPrintable(parser.errorText()));
+        return kExitUsage;
+    }
+    if (parser.isSet(help)) {
+        // Without an application object yet, Qt cannot name the program itself.
+        std::fputs(qPrintable(parser.helpText().replace("<executable_name>", "kestrix")), stdout);
+        return 0;
+    }
+    if (parser.isSet(version)) {
+        std::printf("kestrix %s\n", KESTRIX_VERSION);
+        return 0;
+    }
+    for (const QString& word : parser.positionalArguments()) {
+        // Free words are part of the command line the monitor looks at ("/hide"); an unknown
+        // option is not one of them.
+        if (word.startsWith('-')) {
+            std::fprintf(stderr, "kestrix: Unknown option '%s'. (see kestrix --help)\n",
+                         qPrintable(word));
+            return kExitUsage;
+        }
+    }
+    opt.store = parser.value(store).toStdString();
+    if (parser.isSet(store) && opt.store.empty()) {
+        std::fputs("kestrix: --store needs a path (see kestrix --help)\n", stderr);
+        return kExitUsage;
+    }
+    if (parser.isSet(logLevel)) {
+        const std::optional<kestrix::LogLevel> level =
+            kestrix::qt::parseLogLevel(parser.value(logLevel).toStdString());
+        if (!level) {
+            std::fputs(
+                "kestrix: --log-level takes error, warning, notice, info or debug (see "
+                "kestrix --help)\n",
+                stderr);
+            return kExitUsage;
+        }
+        opt.logLevel = *level;
+    }
+    opt.headless = parser.isSet(headless);
+    opt.simulate = parser.isSet(simulate);
+    return std::nullopt;
+}
+
+// Another engine runs on the store: say which, and touch nothing.
+int refuse(const Options& opt, const std::string& storePath, long pid) {
+    const std::string text = "Another version of this program is already running";
+    const std::string detail = "the store " + storePath +
+                               " is in use by the engine with process id " +
+                               (pid > 0 ? std::to_string(pid) : std::string("(unknown)"));
+    std::fprintf(stderr, "Unable to start: %s\nkestrix: %s\n", text.c_str(), detail.c_str());
+#ifdef KESTRIX_HAVE_CONSOLE
+    if (!opt.headless) {
+        QMessageBox::critical(nullptr, "Unable to start",
+                              QString::fromStdString(text + "\n\n" + detail + "."));
+    }
+#else
+    (void)opt;
+#endif
+    return kExitRefused;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
     Options opt;
-    std::vector<std::string> args(argv + 1, argv + argc);
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        if (a == "--help" || a == "-h") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        if (a == "--version") {
-            std::printf("kestrix %s\n", KESTRIX_VERSION);
-            return 0;
-        }
-        if (a == "--headless") {
-            opt.headless = true;
-        } else if (a == "--simulate") {
-            opt.simulate = true;
-        } else if (a == "--store" && i + 1 < args.size()) {
-            opt.store = args[++i];
-        } else if (a.rfind("--store=", 0) == 0) {
-            opt.store = a.substr(8);
-        } else if (a == "--log-level" || a.rfind("--log-level=", 0) == 0) {
-            const std::string value =
-                a == "--log-level" ? (i + 1 < args.size() ? args[++i] : "") : a.substr(12);
-            const std::optional<kestrix::LogLevel> level = kestrix::qt::parseLogLevel(value);
-            if (!level) {
-                std::fprintf(stderr,
-                             "kestrix: --log-level takes error, warning, notice, info or "
-                             "debug\n%s",
-                             kUsage);
-                return 2;
-            }
-            opt.logLevel = *level;
-        } else if (a == "/hide" || a == "/HIDE" || a.empty() || a[0] != '-') {
-            // Free words are part of the command line the monitor looks at ("/hide").
-        } else {
-            std::fprintf(stderr, "kestrix: unknown option %s\n%s", a.c_str(), kUsage);
-            return 2;
-        }
+    if (const std::optional<int> done = parseOptions(argc, argv, opt)) {
+        return *done;
     }
 
     // One log for the engine and for Qt's own messages, from before the application exists to
@@ -163,21 +213,40 @@ int main(int argc, char* argv[]) {
     QCoreApplication::setApplicationVersion(KESTRIX_VERSION);
 
     kestrix::qt::EngineOptions engineOptions;
-    engineOptions.log = log;
     std::unique_ptr<kestrix::sim::PtyKiosk> kiosk;
     try {
         if (opt.simulate && opt.store.empty() && std::getenv("KSX_STORE") == nullptr) {
             opt.store = configHome() + "/kestrix/simulated/KSX.db";
         }
         engineOptions.storePath = kestrix::qt::resolveStorePath(opt.store);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "kestrix: %s\n", e.what());
+        return kExitStore;
+    }
+
+    // The single-instance check comes before anything touches the store or the simulated
+    // kiosk: a refused start must leave the running engine's mailbox and ports alone.
+    auto instance = std::make_shared<kestrix::qt::LockFileInstance>(
+        kestrix::qt::LockFileInstance::lockPathFor(engineOptions.storePath),
+        QCoreApplication::arguments());
+    if (instance->anotherIsRunning()) {
+        return refuse(opt, engineOptions.storePath, instance->holderPid());
+    }
+    engineOptions.instance = instance;
+
+    try {
         if (opt.simulate) {
             engineOptions.simulatorDir = simulatorDirectory();
             kiosk = std::make_unique<kestrix::sim::PtyKiosk>(engineOptions.simulatorDir);
             kiosk->start();
-            std::fprintf(
-                stderr,
-                "kestrix: simulated kiosk in %s (insert a coin: kestrix-sim ctl %s coin 3)\n",
-                engineOptions.simulatorDir.c_str(), engineOptions.simulatorDir.c_str());
+            const std::string& dir = engineOptions.simulatorDir;
+            std::fprintf(stderr,
+                         "kestrix: simulated kiosk in %s, store %s\n"
+                         "kestrix: to pay, ask for money (\"Amount:\" and \"Cash\" on the console, "
+                         "or ksxctl --store %s pay 12.5), then insert it: kestrix-sim ctl %s "
+                         "coin 5\n",
+                         dir.c_str(), engineOptions.storePath.c_str(),
+                         engineOptions.storePath.c_str(), dir.c_str());
             // A simulated kiosk store is configured once; later runs keep the technician's
             // changes.
             kestrix::qt::SqliteStore seedStore(engineOptions.storePath);
@@ -185,13 +254,17 @@ int main(int argc, char* argv[]) {
                 kestrix::sim::seedSimulatedKioskSettings(seedStore, kestrix::sim::PortNumbers{});
             }
         }
+    } catch (const kestrix::qt::StoreRefused& e) {
+        std::fprintf(stderr, "kestrix: %s\n", e.what());
+        return kestrix::qt::kExitStoreRefused;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "kestrix: %s\n", e.what());
-        return 3;
+        return kExitStore;
     }
     QStringList words = QCoreApplication::arguments();
     words.removeFirst();
     engineOptions.commandLine = words.join(' ').toStdString();
+    engineOptions.log = log;
 
     std::shared_ptr<kestrix::MessageBox> messages;
 #ifdef KESTRIX_HAVE_CONSOLE

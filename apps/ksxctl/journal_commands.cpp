@@ -1,15 +1,17 @@
 #include "journal_commands.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <iostream>
+#include <memory>
 #include <sstream>
 
 #include "engine/journal/books.h"
 #include "engine/platform/settings_store.h"
-#include "host_commands.h"
+#include "ksxctl.h"
 #include "platform_qt/sqlite_journal.h"
 #include "platform_qt/sqlite_store.h"
 
@@ -135,45 +137,6 @@ std::int64_t wholeNumber(std::string_view s, std::string_view what) {
         throw UsageError(std::string(what) + " takes a whole number, not '" + std::string(s) + "'");
     }
     return std::stoll(std::string(s));
-}
-
-struct CommandOptions {
-    std::optional<Since> since;
-    std::int64_t payment = 0;
-    bool json = false;
-    bool emptied = false;
-    std::string file;
-};
-
-CommandOptions parseOptions(const Args& args, bool totals) {
-    CommandOptions o;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        const auto value = [&]() -> std::string {
-            if (i + 1 >= args.size()) {
-                throw UsageError(a + " needs a value");
-            }
-            return args[++i];
-        };
-        if (a == "--since") {
-            o.since = parseSince(value(), nowMs());
-        } else if (a == "--json") {
-            o.json = true;
-        } else if (a == "--file") {
-            o.file = value();
-        } else if (!totals && a == "--payment") {
-            o.payment = wholeNumber(value(), "--payment");
-            if (o.payment == 0) {
-                throw UsageError("--payment takes a payment id greater than 0");
-            }
-        } else if (totals && a == "--emptied") {
-            o.emptied = true;
-        } else {
-            throw UsageError(std::string(totals ? "totals" : "journal") + ": unknown argument '" +
-                             a + "'");
-        }
-    }
-    return o;
 }
 
 void printRowText(const JournalRecord& r) {
@@ -305,8 +268,7 @@ Since parseSince(std::string_view text, std::int64_t now) {
     return s;
 }
 
-int runJournal(const std::string& storeOption, const Args& args) {
-    const CommandOptions o = parseOptions(args, false);
+int runJournal(const std::string& storeOption, const CommandOptions& o) {
     SqliteJournal journal(journalFile(o.file, storeOption), SqliteJournal::Mode::Tool);
     kestrix::qt::JournalQuery q;
     if (o.since) {
@@ -329,8 +291,7 @@ int runJournal(const std::string& storeOption, const Args& args) {
     return kExitOk;
 }
 
-int runTotals(const std::string& storeOption, const Args& args) {
-    const CommandOptions o = parseOptions(args, true);
+int runTotals(const std::string& storeOption, const CommandOptions& o) {
     SqliteJournal journal(journalFile(o.file, storeOption), SqliteJournal::Mode::Tool);
 
     kestrix::qt::JournalQuery q;
@@ -476,6 +437,69 @@ int runTotals(const std::string& storeOption, const Args& args) {
         }
     }
     return kExitOk;
+}
+
+void addJournalCommands(CLI::App& program, Context& context) {
+    struct Arguments {
+        std::string since;
+        std::string payment;
+        bool json = false;
+        bool emptied = false;
+        std::string file;
+    };
+    auto args = std::make_shared<Arguments>();
+    const auto options = [args](CLI::App* command) {
+        command
+            ->add_option("--since", args->since,
+                         "from WHEN on: #ROW, a date (2026-11-01), \"DATE HH:MM\" or a time ago "
+                         "(30m, 12h, 7d)")
+            ->option_text("WHEN");
+        command->add_flag("--json", args->json, "print the rows as JSON");
+        command
+            ->add_option("--file", args->file,
+                         "the journal file (default: KSX-journal.db beside the store)")
+            ->option_text("PATH");
+    };
+    const auto parsed = [args] {
+        CommandOptions o;
+        if (!args->since.empty()) {
+            o.since = parseSince(args->since, nowMs());
+        }
+        if (!args->payment.empty()) {
+            o.payment = wholeNumber(args->payment, "--payment");
+            if (o.payment == 0) {
+                throw UsageError("--payment takes a payment id greater than 0");
+            }
+        }
+        o.json = args->json;
+        o.emptied = args->emptied;
+        o.file = args->file;
+        return o;
+    };
+
+    CLI::App* journal = program.add_subcommand(
+        "journal", "[--since WHEN] [--payment ID] [--json] [--file PATH]: the money journal");
+    journal->footer(
+        "Prints the engine's money journal (KSX-journal.db beside the store), one row a line.");
+    options(journal);
+    journal->add_option("--payment", args->payment, "only the rows of payment ID")
+        ->option_text("ID");
+    journal->callback([&context, parsed] {
+        const CommandOptions o = parsed();
+        context.action = [&context, o] { return runJournal(context.options().store, o); };
+    });
+
+    CLI::App* totals = program.add_subcommand(
+        "totals", "[--since WHEN] [--emptied] [--json] [--file PATH]: money per device");
+    totals->footer(
+        "Money per device since the cash box was last emptied (or WHEN): taken in, paid out,\n"
+        "owed, held. --emptied records that the cash box is emptied now.");
+    options(totals);
+    totals->add_flag("--emptied", args->emptied, "record that the cash box is emptied now");
+    totals->callback([&context, parsed] {
+        const CommandOptions o = parsed();
+        context.action = [&context, o] { return runTotals(context.options().store, o); };
+    });
 }
 
 }  // namespace ksxctl

@@ -604,9 +604,10 @@ void ConsoleWindow::apply(const Field& f) {
             static_cast<IndicatorLamp*>(w)->setSteady(f.visible);
             return;
         case FieldKind::Tabs:
-            for (int i = 0; i < m_tabs->count(); ++i) {
-                m_tabs->setTabEnabled(i, f.enabled);
-            }
+            // The whole tab control, as the form's: its pages cannot be switched or edited, and
+            // the page the technician was looking at stays in front (disabling the tabs one by
+            // one would make Qt move to another).
+            m_tabs->setEnabled(f.enabled);
             return;
         case FieldKind::Form:
             return;
@@ -716,6 +717,12 @@ void ConsoleWindow::updateTubeBar(int slot) {
 
 void ConsoleWindow::flashIndicator(Indicator which) {
     (which == Indicator::Tx ? m_txLamp : m_rxLamp)->flash();
+}
+
+void ConsoleWindow::settleIndicators() {
+    for (IndicatorLamp* lamp : findChildren<IndicatorLamp*>()) {
+        lamp->settle();
+    }
 }
 
 void ConsoleWindow::noteMessage(const QString& text) {

@@ -59,6 +59,8 @@ public:
     // --- From the engine, on the GUI thread ----------------------------------------------------
     void renderField(const kestrix::Field& field);
     void flashIndicator(kestrix::Indicator which);
+    // Ends the link lamps' blinks, leaving their steady state (for screenshots).
+    void settleIndicators();
     // A message the engine showed the operator (device absent, port error).
     void noteMessage(const QString& text);
     // Reads the devices behind the port numbers through the engine, for the port lists' labels.

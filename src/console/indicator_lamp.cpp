@@ -27,6 +27,15 @@ void IndicatorLamp::setSteady(bool on) {
     }
 }
 
+void IndicatorLamp::settle() {
+    m_timer.stop();
+    m_pending = false;
+    if (m_phase != Phase::Idle) {
+        m_phase = Phase::Idle;
+        update();
+    }
+}
+
 void IndicatorLamp::lightUp() {
     m_phase = Phase::On;
     m_pending = false;

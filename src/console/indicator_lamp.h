@@ -26,6 +26,8 @@ public:
     void flash();
     // The lamp's own state, as the engine's field sets it (independent of traffic).
     void setSteady(bool on);
+    // Ends a blink under way at once (for pictures that must not depend on traffic timing).
+    void settle();
     bool lit() const { return m_steady || m_phase == Phase::On; }
     // Blinks shown since the start (for tests and the simulator panel's activity counters).
     int blinks() const { return m_blinks; }

@@ -79,27 +79,26 @@ SimulatorPanel::SimulatorPanel(SimulatorLink link, QWidget* parent)
     setObjectName("simulatorPanel");
     setWindowTitle("Simulated kiosk");
 
-    auto* left = new QWidget;
-    auto* leftLayout = new QVBoxLayout(left);
-    leftLayout->setContentsMargins(0, 0, 0, 0);
-    leftLayout->addWidget(buildCashBox());
+    // One narrow column, so that the window fits beside the console on a 1280x1024 screen: the
+    // customer's hand, the pin pad, the faults, and the devices' state below.
+    auto* layout = new QVBoxLayout(this);
+    layout->addWidget(buildCashBox());
     if (m_link.readPinPad && m_link.writePinPad) {
-        leftLayout->addWidget(buildPinPad());
+        layout->addWidget(buildPinPad());
     }
-    leftLayout->addWidget(buildFaults());
+    layout->addWidget(buildFaults());
     m_answer = new QLabel;
     m_answer->setObjectName("simAnswer");
     m_answer->setWordWrap(true);
     m_answer->setMinimumHeight(m_answer->fontMetrics().lineSpacing() * 2);
     m_answer->setTextInteractionFlags(Qt::TextSelectableByMouse);
-    leftLayout->addWidget(m_answer);
-    leftLayout->addStretch(1);
+    layout->addWidget(m_answer);
 
     m_state = new QTreeWidget;
     m_state->setObjectName("simState");
     m_state->setHeaderLabels({"Device", "State"});
     m_state->header()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
-    m_state->setMinimumWidth(320);
+    m_state->setMinimumHeight(m_state->fontMetrics().lineSpacing() * 8);
     // The tree is rebuilt at every refresh; what the technician opened or closed stays so.
     connect(m_state, &QTreeWidget::itemExpanded, this, [this](QTreeWidgetItem* item) {
         m_expanded[item->data(0, Qt::UserRole).toString().toStdString()] = true;
@@ -108,8 +107,6 @@ SimulatorPanel::SimulatorPanel(SimulatorLink link, QWidget* parent)
         m_expanded[item->data(0, Qt::UserRole).toString().toStdString()] = false;
     });
 
-    auto* layout = new QHBoxLayout(this);
-    layout->addWidget(left);
     layout->addWidget(m_state, 1);
 
     m_refresh.setInterval(kRefreshMs);
@@ -120,7 +117,7 @@ SimulatorPanel::SimulatorPanel(SimulatorLink link, QWidget* parent)
     });
     m_refresh.start();
     refresh();
-    resize(760, 520);
+    resize(minimumSizeHint().width(), kDefaultHeight);
 }
 
 QWidget* SimulatorPanel::buildCashBox() {
@@ -129,8 +126,10 @@ QWidget* SimulatorPanel::buildCashBox() {
     const sim::ChangerProfile& changer = m_link.profile.changer;
     const sim::ValidatorProfile& validator = m_link.profile.validator;
 
-    grid->addWidget(new QLabel("Insert a coin:"), 0, 0);
-    int column = 1;
+    // Narrow buttons: five of them side by side must fit the panel's width.
+    const int buttonWidth = fontMetrics().horizontalAdvance("0000") + 24;
+    grid->addWidget(new QLabel("Insert a coin:"), 0, 0, 1, -1);
+    int column = 0;
     for (int n = 1; n <= 16; ++n) {
         const int credit = changer.coinCredits[static_cast<std::size_t>(n - 1)];
         if (credit <= 0) {
@@ -141,15 +140,16 @@ QWidget* SimulatorPanel::buildCashBox() {
                                  ? static_cast<double>(credit) / changer.scalingFactor
                                  : credit;
         auto* button = new QPushButton(money(value));
+        button->setFixedWidth(buttonWidth);
         button->setObjectName(QString("simCoin%1").arg(n));
         button->setToolTip(QString("coin %1 (console coin type %1)").arg(n));
         connect(button, &QPushButton::clicked, this,
                 [this, n] { run("coin " + std::to_string(n)); });
-        grid->addWidget(button, 0, column++);
+        grid->addWidget(button, 1, column++);
     }
 
-    grid->addWidget(new QLabel("Insert a bill:"), 1, 0);
-    column = 1;
+    grid->addWidget(new QLabel("Insert a bill:"), 2, 0, 1, -1);
+    int billColumn = 0;
     for (int n = 1; n <= 16; ++n) {
         const int credit = validator.billCredits[static_cast<std::size_t>(n - 1)];
         if (credit <= 0) {
@@ -158,13 +158,14 @@ QWidget* SimulatorPanel::buildCashBox() {
         const double value = credit * static_cast<double>(validator.scalingFactor) /
                              std::pow(10.0, validator.decimalPlaces);
         auto* button = new QPushButton(money(value));
+        button->setFixedWidth(buttonWidth);
         button->setObjectName(QString("simBill%1").arg(n));
         button->setToolTip(QString("bill %1 (console bill type %1)").arg(n));
         connect(button, &QPushButton::clicked, this,
                 [this, n] { run("bill " + std::to_string(n)); });
-        grid->addWidget(button, 1, column++);
+        grid->addWidget(button, 3, billColumn++);
     }
-    grid->setColumnStretch(column + 1, 1);
+    grid->setColumnStretch(std::max(column, billColumn), 1);
     return box;
 }
 
@@ -197,7 +198,8 @@ QWidget* SimulatorPanel::buildFaults() {
     auto* box = new QGroupBox("Faults");
     box->setObjectName("simFaults");
     auto* grid = new QGridLayout(box);
-    constexpr int kPerRow = 3;
+    // Two faults a row beside the device's name and, under it, its power-cycle button.
+    constexpr int kPerRow = 2;
     int row = 0;
     for (const std::string& device : deviceNames()) {
         const sim::ControlResult faults = run("faults " + device);
@@ -208,7 +210,7 @@ QWidget* SimulatorPanel::buildFaults() {
         auto* reset = new QPushButton("Power cycle");
         reset->setObjectName(QString::fromStdString("simReset_" + device));
         connect(reset, &QPushButton::clicked, this, [this, device] { run("reset " + device); });
-        grid->addWidget(reset, row, 1 + kPerRow);
+        grid->addWidget(reset, row + 1, 0);
         std::istringstream lines(faults.text);
         std::string name;
         std::string state;
@@ -224,8 +226,9 @@ QWidget* SimulatorPanel::buildFaults() {
             grid->addWidget(check, row + i / kPerRow, 1 + i % kPerRow);
             ++i;
         }
-        row += std::max(1, (i + kPerRow - 1) / kPerRow);
+        row += std::max(2, (i + kPerRow - 1) / kPerRow);
     }
+    grid->setColumnStretch(1 + kPerRow, 1);
     return box;
 }
 

@@ -41,6 +41,9 @@ class SimulatorPanel : public QWidget {
 
 public:
     static constexpr int kRefreshMs = 1000;
+    // The window's height at first: beside the console on a 1280x1024 screen, below the title
+    // bar and a panel of the desktop.
+    static constexpr int kDefaultHeight = 900;
     // The devices whose faults can be switched, as the simulator names them.
     static const std::vector<std::string>& deviceNames();
 

@@ -1,5 +1,9 @@
 #include "setup.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+
 #include "bounds.h"
 #include "card/card_payment.h"
 #include "dispenser/bill_dispenser.h"
@@ -23,6 +27,13 @@ constexpr int kClickIntervalMs = 200;
 constexpr int kCardWatchIntervalMs = 200;
 
 constexpr std::string_view kHideSwitch = "/hide";
+
+bool sameName(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
+           });
+}
 
 }  // namespace
 
@@ -136,18 +147,58 @@ void Setup::writeDefaultSet() {
     }
 }
 
-void Setup::loadSettings() {
-    using store::SettingKind;
-    // The load's error trap: the first flag or number that cannot be read writes the whole
-    // default set (over whatever the operator had saved) and the failed read is repeated.
-    const auto trapped = [this](const auto& read) {
-        try {
-            read();
-        } catch (const KsxError&) {
-            writeDefaultSet();
-            read();
+bool Setup::storeHasConfiguration() {
+    // A value no one writes: tells a missing key from an empty one.
+    constexpr std::string_view kMissing = "\x01missing";
+    for (const store::DeviceSetting& s : store::deviceSettings()) {
+        if (getSetting(s.section, s.key, kMissing) != kMissing) {
+            return true;
         }
-    };
+    }
+    return false;
+}
+
+void Setup::readSetting(const store::DeviceSetting& s) {
+    using store::SettingKind;
+    switch (s.kind) {
+        case SettingKind::Port: {
+            // A port not set yet reads as none (0); only a value that is not a number is wrong.
+            const std::string v = getSetting(s.section, s.key, "");
+            const bool blank = v.find_first_not_of(" \t") == std::string::npos;
+            m_console.setText(s.control, blank ? "0" : std::to_string(strictInt(v)));
+            break;
+        }
+        case SettingKind::Flag: {
+            const int v = strictInt(getSetting(s.section, s.key));
+            if (v < 0 || v > 2) {
+                throw KsxError(KsxError::kInvalidPropertyValue, "Invalid property value");
+            }
+            m_console.setValue(s.control, v);
+            break;
+        }
+        case SettingKind::Number:
+            m_console.setText(s.control, numberText(strictNumber(getSetting(s.section, s.key))));
+            break;
+        case SettingKind::Text: {
+            std::string v = getSetting(s.section, s.key, "");
+            if (s.key == "URL" && v.empty()) {
+                v = "N/A";
+            }
+            m_console.setText(s.control, std::move(v));
+            break;
+        }
+    }
+}
+
+void Setup::loadSettings() {
+    // A new kiosk's store holds no configuration: it gets the whole default set. In a store
+    // that has one, a value that cannot be read takes its default alone, and the technician is
+    // told which it was and what it held: resetting every port, device and the pin pad account
+    // because of one typo would take a working kiosk out of service without a word.
+    if (!storeHasConfiguration()) {
+        writeDefaultSet();
+    }
+    std::vector<std::string> replaced;
     for (const store::DeviceSetting& s : store::deviceSettings()) {
         if (s.key == "Printer") {
             continue;  // matched against the installed printers afterwards
@@ -161,40 +212,41 @@ void Setup::loadSettings() {
                 saveSetting(store::section::kCoinAcceptor, store::key::tubeCoinQty(slot), "0");
             }
         }
-        trapped([this, &s] {
-            switch (s.kind) {
-                case SettingKind::Port:
-                    // The lists hold port numbers: a missing or junk port cannot be shown.
-                    m_console.setText(s.control,
-                                      std::to_string(strictInt(getSetting(s.section, s.key, ""))));
-                    break;
-                case SettingKind::Flag: {
-                    const int v = strictInt(getSetting(s.section, s.key));
-                    if (v < 0 || v > 2) {
-                        throw KsxError(KsxError::kInvalidPropertyValue, "Invalid property value");
-                    }
-                    m_console.setValue(s.control, v);
-                    break;
-                }
-                case SettingKind::Number:
-                    m_console.setText(s.control,
-                                      numberText(strictNumber(getSetting(s.section, s.key))));
-                    break;
-                case SettingKind::Text: {
-                    std::string v = getSetting(s.section, s.key, "");
-                    if (s.key == "URL" && v.empty()) {
-                        v = "N/A";
-                    }
-                    m_console.setText(s.control, std::move(v));
-                    break;
-                }
-            }
-        });
+        try {
+            readSetting(s);
+        } catch (const KsxError&) {
+            constexpr std::string_view kMissing = "\x01missing";
+            const std::string held = getSetting(s.section, s.key, kMissing);
+            const std::string line =
+                std::string(s.section) + "/" + s.key +
+                (held == kMissing ? " was missing" : " held \"" + held + "\"") +
+                ", which is not a valid " +
+                (s.kind == store::SettingKind::Flag   ? "flag (0, 1 or 2)"
+                 : s.kind == store::SettingKind::Port ? "port number"
+                                                      : "number") +
+                "; it now holds its default \"" + s.defaultValue + "\"";
+            m_platform.log.error("settings: " + line, {"settings"});
+            replaced.push_back(line);
+            saveSetting(s.section, s.key, s.defaultValue);
+            readSetting(s);
+        }
         if (s.key == "BillDispTypeValue") {
             switchDispenserButtons();
         } else if (s.key == "h2CoinValue") {
             switchHopperButton();
         }
+    }
+    // Hosts see the engine's heartbeat from its load on, not only from its first poll, which
+    // comes after the devices' initialisation.
+    publishHeartbeat();
+    if (!replaced.empty()) {
+        std::string text =
+            "Settings that could not be read were reset to their defaults; every "
+            "other setting is kept:";
+        for (const std::string& line : replaced) {
+            text += "\n" + line + ".";
+        }
+        m_platform.messageBox.show(text, "Settings");
     }
 }
 
@@ -385,6 +437,7 @@ void Setup::Monitor_Timer() {
     // The tick's trap resumes with the next statement: a failing step skips only itself.
     const auto step = [](const auto& statement) { trapped(statement); };
     EngineState& st = m_state;
+    step([this] { publishHeartbeat(); });
 
     step([this] {
         const std::string cmd = m_platform.instance.commandLine();
@@ -394,6 +447,10 @@ void Setup::Monitor_Timer() {
             m_console.setVisible("Setup", false);
         }
     });
+
+    if (nothingAsked()) {
+        return;
+    }
 
     std::string exitRequest;
     step([&] { exitRequest = mailbox(store::mailbox::kExit); });
@@ -481,6 +538,54 @@ void Setup::noteRefusedAmount(std::string_view key, const std::string& text, boo
         m_platform.log.warning("mailbox \"" + std::string(key) + "\" = \"" + text.substr(0, 40) +
                                "\" is not an amount this engine accepts; ignored");
     }
+}
+
+bool Setup::nothingAsked() {
+    // Most ticks find nothing to do. One read of the whole mailbox tells so, where the round
+    // below takes ten queries: twice a second for as long as the kiosk is on, that was most of
+    // an idle engine's processor time. Only the mailbox as the engine leaves it counts as
+    // nothing asked ("" or "0" in the request keys); anything else takes the full round, which
+    // also notes amounts it refuses.
+    std::vector<SettingsStore::Entry> entries;
+    try {
+        entries = m_platform.store.list(store::kApp, store::section::kStatus);
+    } catch (const std::exception&) {
+        return false;
+    }
+    const auto value = [&entries](std::string_view key) -> std::string_view {
+        for (const SettingsStore::Entry& e : entries) {
+            if (sameName(e.key, key)) {
+                return e.value;
+            }
+        }
+        return {};
+    };
+    const auto none = [&value](std::string_view key) {
+        const std::string_view v = value(key);
+        return v.empty() || v == "0";
+    };
+    // While a cash payment runs, the amount keys are not requests (the round skips them).
+    const bool noAmountAsked = !m_state.amountDue.isZero() ||
+                               (none(store::mailbox::kDue) && none(store::mailbox::kDueCC) &&
+                                none(store::mailbox::kChange));
+    return value(store::mailbox::kExit).empty() && value(store::mailbox::kCancel).empty() &&
+           noAmountAsked;
+}
+
+void Setup::publishHeartbeat() {
+    const double now = m_platform.clock.secondsSinceMidnight();
+    // Rewritten every few seconds rather than at every tick: a kiosk's storage is often a
+    // memory card. The time of day wraps at midnight, which also counts as due.
+    if (m_lastHeartbeat >= 0 && now >= m_lastHeartbeat &&
+        now - m_lastHeartbeat < kHeartbeatSeconds) {
+        return;
+    }
+    const LocalDateTime t = m_platform.clock.now();
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.year, t.month, t.day,
+                  t.hour, t.minute, t.second);
+    writeMailbox(store::mailbox::kEngine, text);
+    m_lastHeartbeat = now;
 }
 
 // --- Payout wait and held actions -------------------------------------------------------------

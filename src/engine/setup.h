@@ -28,6 +28,10 @@
 
 namespace kestrix {
 
+namespace store {
+struct DeviceSetting;
+}  // namespace store
+
 class MdbLink;
 class BillDispenser;
 class CashPayment;
@@ -117,6 +121,9 @@ public:
 
     // --- Host command monitor ---------------------------------------------------------------
     void Monitor_Timer();
+    // How often the monitor rewrites the heartbeat "Status"/"Engine" (the local time of its
+    // tick), by which hosts tell a live engine from one that has stopped.
+    static constexpr double kHeartbeatSeconds = 5;
 
     // --- Termination ---------------------------------------------------------------------------
     // Asks the engine to end, from any thread (SIGTERM, SIGINT): a running payment is ended as a
@@ -216,8 +223,14 @@ private:
     void switchPaymentButtonsForPayout(bool waiting);
     void endPaymentAfterInternalError();
     void startTerminationClock();
+    // A monitor tick that finds no request in the mailbox (one read of the whole section).
+    bool nothingAsked();
     void loadSettings();
     void writeDefaultSet();
+    bool storeHasConfiguration();
+    void publishHeartbeat();
+    // Reads one operator setting into its control; throws KsxError when it cannot be read.
+    void readSetting(const store::DeviceSetting& s);
     void fillPrinters();
     void switchDispenserButtons();
     void switchHopperButton();
@@ -227,6 +240,7 @@ private:
     EngineState m_state;
     StoreWriter m_storeWriter;
     bool m_ended = false;
+    double m_lastHeartbeat = -1;  // seconds since midnight of the last heartbeat written
     int m_payoutWaitDepth = 0;
     std::vector<std::function<void()>> m_heldActions;
     // Buttons the payout wait turned off, with their state before.

@@ -1,30 +1,23 @@
 #include "messages.h"
 
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <vector>
 
+#include "engine/card/card_number.h"
 #include "engine/platform/journal.h"
-#include "sim/json_writer.h"
 
 namespace kestrix::fleet {
 
 namespace {
 
-using sim::JsonWriter;
+using Json = nlohmann::ordered_json;
 
-bool digit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-void money(JsonWriter& w, std::string_view key, const std::optional<std::int64_t>& minor) {
-    w.key(key);
-    if (minor) {
-        w.value(static_cast<long long>(*minor));
-    } else {
-        w.null();
-    }
+Json money(const std::optional<std::int64_t>& minor) {
+    return minor ? Json(static_cast<long long>(*minor)) : Json();
 }
 
 // The journal's device names grouped as the state shows them.
@@ -38,38 +31,15 @@ std::string stateDevice(std::string_view journalDevice) {
     return std::string(journalDevice);
 }
 
+// Texts from devices and the journal are not always UTF-8: what is not is replaced, never thrown.
+std::string dumped(const Json& w) {
+    return w.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 }  // namespace
 
 std::string maskCardNumbers(std::string_view text) {
-    std::string out(text);
-    std::size_t i = 0;
-    while (i < out.size()) {
-        if (!digit(out[i])) {
-            ++i;
-            continue;
-        }
-        // A run of digits, single spaces or dashes allowed between them.
-        std::vector<std::size_t> digits;
-        std::size_t j = i;
-        while (j < out.size()) {
-            if (digit(out[j])) {
-                digits.push_back(j);
-                ++j;
-            } else if ((out[j] == ' ' || out[j] == '-') && j + 1 < out.size() &&
-                       digit(out[j + 1])) {
-                ++j;
-            } else {
-                break;
-            }
-        }
-        if (digits.size() >= 13 && digits.size() <= 19) {
-            for (std::size_t k = 6; k + 4 < digits.size(); ++k) {
-                out[digits[k]] = '*';
-            }
-        }
-        i = j;
-    }
-    return out;
+    return card::withCardNumbersMasked(text);
 }
 
 std::string isoTime(std::int64_t wallTimeMs) {
@@ -88,23 +58,21 @@ std::int64_t wallTimeMsNow() {
 }
 
 std::string eventJson(const std::string& kioskId, const JournalRow& row) {
-    JsonWriter w;
-    w.beginObject();
-    w.key("kiosk").value(kioskId);
-    w.key("seq").value(static_cast<long long>(row.sequence));
-    w.key("time").value(isoTime(row.wallTimeMs));
-    w.key("kind").value(row.kind);
-    w.key("payment").value(static_cast<long long>(row.paymentId));
-    w.key("device").value(row.device);
-    w.key("amountMinor").value(static_cast<long long>(row.amount.minor()));
-    w.key("count").value(row.count);
-    w.key("type").value(row.type);
-    w.key("raw").value(maskCardNumbers(row.raw));
-    w.key("detail").value(maskCardNumbers(row.detail));
-    w.key("requester").value(row.requester);
-    w.key("reference").value(row.reference);
-    w.endObject();
-    return w.text();
+    Json w;
+    w["kiosk"] = kioskId;
+    w["seq"] = static_cast<long long>(row.sequence);
+    w["time"] = isoTime(row.wallTimeMs);
+    w["kind"] = row.kind;
+    w["payment"] = static_cast<long long>(row.paymentId);
+    w["device"] = row.device;
+    w["amountMinor"] = static_cast<long long>(row.amount.minor());
+    w["count"] = row.count;
+    w["type"] = row.type;
+    w["raw"] = maskCardNumbers(row.raw);
+    w["detail"] = maskCardNumbers(row.detail);
+    w["requester"] = row.requester;
+    w["reference"] = row.reference;
+    return dumped(w);
 }
 
 void noteFaultRow(FaultNotes& notes, const JournalRow& row) {
@@ -121,61 +89,42 @@ void noteFaultRow(FaultNotes& notes, const JournalRow& row) {
 
 std::string stateJson(const FleetConfig& config, const KioskState& state, const FaultNotes& faults,
                       bool online, std::int64_t updatedMs) {
-    JsonWriter w;
-    w.beginObject();
-    w.key("kiosk").value(config.kioskId);
-    w.key("version").value(config.engineVersion);
-    w.key("online").value(online);
-    w.key("updated").value(isoTime(updatedMs));
-    w.key("devices").beginObject();
+    Json w;
+    w["kiosk"] = config.kioskId;
+    w["version"] = config.engineVersion;
+    w["online"] = online;
+    w["updated"] = isoTime(updatedMs);
+    Json devices = Json::object();
     for (const KioskState::Device& d : state.devices) {
-        w.key(d.name).beginObject();
-        w.key("enabled").value(d.enabled);
-        w.key("status").value(d.status);
-        w.key("text").value(d.text);
-        w.key("lastFault");
+        Json device;
+        device["enabled"] = d.enabled;
+        device["status"] = d.status;
+        device["text"] = d.text;
         const auto fault = faults.find(d.name);
         if (fault == faults.end()) {
-            w.null();
+            device["lastFault"] = nullptr;
         } else {
-            w.beginObject();
-            w.key("seq").value(static_cast<long long>(fault->second.sequence));
-            w.key("time").value(isoTime(fault->second.wallTimeMs));
-            w.key("detail").value(fault->second.detail);
-            w.key("recovered").value(fault->second.recovered);
-            w.endObject();
+            device["lastFault"] = {{"seq", static_cast<long long>(fault->second.sequence)},
+                                   {"time", isoTime(fault->second.wallTimeMs)},
+                                   {"detail", fault->second.detail},
+                                   {"recovered", fault->second.recovered}};
         }
-        w.endObject();
+        devices[d.name] = std::move(device);
     }
-    w.endObject();
-    w.key("tubes").beginObject();
-    money(w, "totalMinor", state.tubesMinor);
-    w.key("slots").beginArray();
+    w["devices"] = std::move(devices);
+    Json slots = Json::array();
     for (const KioskState::Tube& t : state.tubes) {
-        w.beginObject();
-        money(w, "coinMinor", t.coinMinor);
-        w.key("count").value(t.count);
-        w.endObject();
+        slots.push_back({{"coinMinor", money(t.coinMinor)}, {"count", t.count}});
     }
-    w.endArray();
-    w.endObject();
-    w.key("cassette").beginObject();
-    w.key("level").value(state.cassette);
-    w.key("dispenser").value(state.dispenserStatus);
-    w.endObject();
-    w.key("hoppers").beginArray();
+    w["tubes"] = {{"totalMinor", money(state.tubesMinor)}, {"slots", std::move(slots)}};
+    w["cassette"] = {{"level", state.cassette}, {"dispenser", state.dispenserStatus}};
+    Json hoppers = Json::array();
     for (const KioskState::Hopper& h : state.hoppers) {
-        w.beginObject();
-        money(w, "coinMinor", h.coinMinor);
-        w.key("level").value(h.level);
-        w.endObject();
+        hoppers.push_back({{"coinMinor", money(h.coinMinor)}, {"level", h.level}});
     }
-    w.endArray();
-    w.key("pinPad").beginObject();
-    w.key("onLine").value(state.pinPadOnLine);
-    w.endObject();
-    w.endObject();
-    return w.text();
+    w["hoppers"] = std::move(hoppers);
+    w["pinPad"] = {{"onLine", state.pinPadOnLine}};
+    return dumped(w);
 }
 
 }  // namespace kestrix::fleet

@@ -21,6 +21,7 @@
 #include "sqlite_journal.h"
 #include "sqlite_store.h"
 #include "steady_clock.h"
+#include "timing_trace.h"
 
 #ifdef KESTRIX_HAVE_FLEET
 #include "fleet/start.h"
@@ -145,9 +146,15 @@ void EngineHost::run() {
                 &loop, [&loop, exitCode] { loop.exit(exitCode); }, Qt::QueuedConnection);
         });
         SteadyClock clock;
+        std::shared_ptr<Instance> instance = m_options.instance;
+        if (!instance) {
+            instance = std::make_shared<LockFileInstance>(
+                LockFileInstance::lockPathFor(m_options.storePath), QCoreApplication::arguments());
+        }
         SqliteStore store(m_options.storePath);
         store.setBusyTimeout(SqliteStore::kEngineBusyTimeoutMs);
-        if (!m_options.simulatorDir.empty()) {
+        // Another engine's store is left as it is: the start-up only shows the refusal.
+        if (!m_options.simulatorDir.empty() && !instance->anotherIsRunning()) {
             // The simulated kiosk's links answer at port numbers 1, 2 and 3.
             sim::seedSimulatedPortPaths(store, sim::PortNumbers{}, m_options.simulatorDir);
         }
@@ -156,8 +163,6 @@ void EngineHost::run() {
         QtPrinter printer(
             {store.get(kestrix::store::kApp, kestrix::store::section::kPinPad, "Printer", "")});
         QtNetworkInfo network;
-        LockFileInstance instance(LockFileInstance::lockPathFor(m_options.storePath),
-                                  QCoreApplication::arguments());
         std::unique_ptr<PaymentLibrary> library = makePaymentLibrary(store, clock, scheduler);
         const PortResolver resolver = storePortResolver(store);
         QtSerialPort mdbPort(resolver);
@@ -175,7 +180,7 @@ void EngineHost::run() {
         Log& log = m_options.log != nullptr ? *m_options.log : nullLog();
         std::unique_ptr<SqliteJournal> journal = openJournal(store, m_options.storePath, log);
         {
-            Setup setup(Platform{clock, scheduler, store, messageBox, printer, network, instance,
+            Setup setup(Platform{clock, scheduler, store, messageBox, printer, network, *instance,
                                  *library, mdbPort, dispenserPort, hoppersPort,
                                  journal ? static_cast<Journal&>(*journal) : nullJournal(), log});
             const Hoppers* hoppers = &setup.hoppers();
@@ -200,6 +205,7 @@ void EngineHost::run() {
                 m_shared->setup = &setup;
             }
             const bool ok = setup.startUp();
+            timing::record('U');
             emit startedUp(ok);
             code = ok ? loop.exec() : 1;
             std::lock_guard lock(m_shared->mutex);
@@ -213,7 +219,9 @@ void EngineHost::run() {
             m_shared->scheduler = nullptr;
             m_shared->setup = nullptr;
         }
-        code = 3;
+        // A store that a restart will not mend ends with a status of its own, which the service
+        // unit does not restart on: one clear message instead of the same one every few seconds.
+        code = dynamic_cast<const StoreRefused*>(&e) != nullptr ? kExitStoreRefused : 3;
     }
     m_exitCode = code;
     emit ended(code);

@@ -12,9 +12,14 @@ namespace kestrix {
 class Setup;
 class MessageBox;
 class Log;
+class Instance;
 }  // namespace kestrix
 
 namespace kestrix::qt {
+
+// The engine's exit status when its settings store cannot be used as it is (a directory other
+// users can write, a damaged file): starting again will not help until someone acts.
+inline constexpr int kExitStoreRefused = 4;
 
 struct EngineOptions {
     std::string storePath;    // resolved path of the SQLite store
@@ -24,6 +29,9 @@ struct EngineOptions {
     std::string simulatorDir;
     // Where the engine logs (StderrLog in the programs); nullptr: nowhere.
     Log* log = nullptr;
+    // The single-instance lock, when the program has taken it before anything else; otherwise
+    // the engine takes it (a LockFileInstance on the store) before it changes the store.
+    std::shared_ptr<Instance> instance;
 };
 
 // Runs the engine (the Setup object, its timers and every device adapter) on its own thread with

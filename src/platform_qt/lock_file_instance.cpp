@@ -5,6 +5,8 @@
 #include <QLockFile>
 #include <cstdio>
 
+#include "engine_lock.h"
+
 namespace kestrix::qt {
 
 LockFileInstance::LockFileInstance(std::string lockPath, const QStringList& arguments)
@@ -19,7 +21,17 @@ LockFileInstance::LockFileInstance(std::string lockPath, const QStringList& argu
 LockFileInstance::~LockFileInstance() = default;
 
 std::string LockFileInstance::lockPathFor(const std::string& storePath) {
-    return storePath + ".lock";
+    return engineLockPath(storePath);
+}
+
+long LockFileInstance::holderPid() const {
+    qint64 pid = 0;
+    QString host;
+    QString app;
+    if (m_lock && m_lock->getLockInfo(&pid, &host, &app)) {
+        return static_cast<long>(pid);
+    }
+    return 0;
 }
 
 bool LockFileInstance::anotherIsRunning() {

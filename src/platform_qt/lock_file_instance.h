@@ -10,9 +10,9 @@ class QLockFile;
 
 namespace kestrix::qt {
 
-// One engine per store: the engine holds a lock file beside the store ("<store path>.lock")
-// for as long as it runs. A lock left by an engine that crashed is taken over, because the
-// process it names no longer runs.
+// One engine per store: the engine holds a lock file beside the store ("<canonical store
+// path>.lock", see engineLockPath) for as long as it runs. A lock left by an engine that crashed
+// is taken over, because the process it names no longer runs.
 class LockFileInstance : public Instance {
 public:
     // `arguments` are the process arguments, program name first (QCoreApplication::arguments()).
@@ -26,6 +26,10 @@ public:
     bool anotherIsRunning() override;
     // The arguments after the program name, joined by single spaces.
     std::string commandLine() const override { return m_commandLine; }
+    // The process id of the engine holding the lock (after anotherIsRunning() said one does);
+    // 0 when it cannot be read.
+    long holderPid() const;
+    const std::string& lockPath() const { return m_lockPath; }
 
 private:
     std::string m_lockPath;

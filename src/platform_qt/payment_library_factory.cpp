@@ -67,12 +67,14 @@ std::string normalised(std::string s) {
 std::unique_ptr<PaymentLibrary> makePaymentLibrary(SettingsStore& store, Clock& clock,
                                                    Scheduler& scheduler) {
     const std::string raw =
-        store.get(store::kApp, store::section::kPinPad, store::key::kLibrary, "simulated");
+        store.get(store::kApp, store::section::kPinPad, store::key::kLibrary, "");
     const std::string choice = normalised(raw);
-    if (choice.empty() || choice == "simulated") {
+    if (choice == "simulated") {
         return std::make_unique<sim::SimPinPad>(clock, scheduler, store);
     }
-    if (choice == "com") {
+    // A kiosk set up by hand often has no "Library" key at all: it gets the real library, so a
+    // missing setting can never turn card payments into simulated approvals.
+    if (choice.empty() || choice == "com") {
 #ifdef _WIN32
         return std::make_unique<win::ComPaymentLibrary>(store);
 #else

@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QFontDatabase>
 #include <QFontMetricsF>
@@ -238,7 +239,14 @@ QString QtPrinter::resolveFamily(const QString& wanted) {
 void QtPrinter::printToDirectory(const std::vector<Line>& lines, const std::string& dirName) {
     const QDir dir(QString::fromStdString(dirName));
     const QString file = uniquePdfName(dir);
-    QPdfWriter writer(file);
+    // A voucher names the card and the amount: it is the kiosk user's alone, from its creation.
+    QFile out(file);
+    if (!out.open(QIODevice::WriteOnly | QIODevice::NewOnly,
+                  QFileDevice::ReadOwner | QFileDevice::WriteOwner)) {
+        throw std::runtime_error("cannot write the voucher " + file.toStdString() + ": " +
+                                 out.errorString().toStdString());
+    }
+    QPdfWriter writer(&out);
     writer.setResolution(kPdfDpi);
     writer.setCreator(QStringLiteral("Kestrix"));
     writer.setTitle(QStringLiteral("Voucher"));

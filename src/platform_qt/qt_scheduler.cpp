@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <exception>
 
+#include "timing_trace.h"
+
 namespace kestrix::qt {
 
 namespace {
@@ -55,7 +57,11 @@ private:
     void apply() {
         if (m_enabled && m_intervalMs > 0) {
             m_timer.start(m_intervalMs);
+            timing::record('A', m_name, std::to_string(m_intervalMs));
         } else {
+            if (m_timer.isActive()) {
+                timing::record('D', m_name);
+            }
             m_timer.stop();
         }
     }
@@ -64,8 +70,10 @@ private:
         // A tick whose handler is still running (it waits in a nested event loop) is skipped;
         // Qt re-arms the timer, so the tick simply comes again one interval later.
         if (m_inTick) {
+            timing::record('k', m_name);
             return;
         }
+        timing::record('K', m_name);
         m_inTick = true;
         // The handler may destroy this timer; the token tells whether it is still there.
         const std::shared_ptr<bool> alive = m_alive;
@@ -127,6 +135,7 @@ void QtScheduler::yieldUntil(const std::function<bool()>& done) {
     // A nested event loop: timers (other than the one whose tick waits here), posted clicks and
     // the serial ports' notifiers run meanwhile. The wake-up timer bounds how long a condition
     // that changes without any event goes unnoticed, without spinning.
+    timing::record('Y');
     QTimer wake;
     wake.setInterval(kYieldCheckMs);
     QObject::connect(&wake, &QTimer::timeout, &wake, [] {});
@@ -134,6 +143,7 @@ void QtScheduler::yieldUntil(const std::function<bool()>& done) {
     while (!m_quitRequested.load() && !done()) {
         QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
     }
+    timing::record('y');
 }
 
 void QtScheduler::quit(int exitCode) {

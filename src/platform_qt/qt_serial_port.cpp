@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "engine/settings/layout.h"
+#include "timing_trace.h"
 
 #ifndef _WIN32
 #include <fcntl.h>
@@ -218,6 +219,7 @@ void QtSerialPort::write(std::string_view bytes) {
         return;
     }
     const auto size = static_cast<qint64>(bytes.size());
+    timing::record('W', m_device, std::to_string(bytes.size()));
     if (m_port->write(bytes.data(), size) != size) {
         checkError("write");
         throw PortError("port " + std::to_string(m_portNumber) + ": write failed");
@@ -248,6 +250,7 @@ std::string QtSerialPort::read() {
         data += m_port->readAll();
     }
     checkError("read");
+    timing::record('R', m_device, std::to_string(data.size()));
     return std::string(data.constData(), static_cast<std::size_t>(data.size()));
 }
 

@@ -2,10 +2,20 @@
 
 #include <sqlite3.h>
 
+#include <sys/stat.h>
+#ifndef _WIN32
+#include <fcntl.h>
+#include <unistd.h>
+#endif
+
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
 #include <system_error>
+
+#include "timing_trace.h"
 
 namespace kestrix::qt {
 
@@ -38,6 +48,95 @@ struct Reset {
     }
 };
 
+// Creates the missing directories of `file` (0700) and the file itself (0600), leaving what
+// exists alone: the store holds the pin pad account. SQLite gives its -wal and -shm files the
+// database file's mode.
+void createPrivately(const std::string& file) {
+    namespace fs = std::filesystem;
+    const fs::path dir = fs::path(file).parent_path();
+    std::error_code ec;
+    if (!dir.empty() && !fs::is_directory(dir, ec)) {
+        fs::path partial;
+        for (const fs::path& part : dir) {
+            partial /= part;
+            if (fs::is_directory(partial, ec)) {
+                continue;
+            }
+            ec.clear();
+#ifdef _WIN32
+            fs::create_directory(partial, ec);
+#else
+            if (::mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) {
+                ec = std::error_code(errno, std::generic_category());
+            }
+#endif
+            if (ec) {
+                throw StoreError("settings store " + file + ": cannot create " + partial.string() +
+                                 ": " + ec.message());
+            }
+        }
+    }
+#ifndef _WIN32
+    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    // Any failure (the file exists, the directory is not ours) is left for SQLite to report.
+#endif
+}
+
+bool damaged(int rc) {
+    const int primary = rc & 0xFF;
+    return primary == SQLITE_NOTADB || primary == SQLITE_CORRUPT;
+}
+
+std::string damagedMessage(const std::string& path) {
+    return "settings store " + path +
+           " is damaged (not a readable database). The engine does not start on it: move it "
+           "aside (mv '" +
+           path + "' '" + path +
+           ".damaged') and start again for a fresh default set, or put a backup in its place";
+}
+
+std::string octal(unsigned mode) {
+    char buf[8];
+    std::snprintf(buf, sizeof buf, "%04o", mode & 07777U);
+    return buf;
+}
+
+// Why the store must not live in `dir` (another user can write there, or owns it), or "" when
+// it may. Root's directories are trusted: root can do anything anyway.
+std::string sharedDirectoryProblem(const std::string& path, const std::filesystem::path& dir) {
+#ifdef _WIN32
+    (void)path;
+    (void)dir;
+    return {};
+#else
+    const std::string shown = dir.empty() ? std::string(".") : dir.string();
+    struct stat st {};
+    if (::stat(shown.c_str(), &st) != 0) {
+        return {};  // opening the store reports it
+    }
+    const std::string why =
+        "the store holds the payment account's password and the host's "
+        "requests, and whoever can write there can replace it or block the "
+        "engine with a lock file";
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return "settings store " + path + " refused: its directory " + shown +
+               " can be written by other users (mode " + octal(st.st_mode) + "); " + why +
+               ". Keep the store in a directory of your own (the default is "
+               "~/.config/kestrix), or make this one private: chmod go-w '" +
+               shown + "'";
+    }
+    if (st.st_uid != ::geteuid() && st.st_uid != 0) {
+        return "settings store " + path + " refused: its directory " + shown +
+               " belongs to another user (uid " + std::to_string(st.st_uid) + "); " + why +
+               ". Keep the store in a directory of your own (the default is ~/.config/kestrix)";
+    }
+    return {};
+#endif
+}
+
 }  // namespace
 
 std::string resolveStorePath(const std::string& cliValue) {
@@ -61,22 +160,33 @@ std::string resolveStorePath(const std::string& cliValue) {
     return (config / "kestrix" / "KSX.db").string();
 }
 
-SqliteStore::SqliteStore(std::string path) : m_path(std::move(path)) {
+SqliteStore::SqliteStore(std::string path, Access access)
+    : m_path(std::move(path)), m_readOnly(access == Access::ReadOnly) {
     if (m_path.empty()) {
         throw StoreError("settings store: empty path");
     }
+    open();
+}
+
+void SqliteStore::open() {
     const std::filesystem::path dir = std::filesystem::path(m_path).parent_path();
-    if (!dir.empty()) {
+    if (m_readOnly) {
+        // A tool that only looks never creates a store.
         std::error_code ec;
-        std::filesystem::create_directories(dir, ec);
-        if (ec) {
-            throw StoreError("settings store " + m_path + ": cannot create " + dir.string() + ": " +
-                             ec.message());
+        if (!std::filesystem::exists(m_path, ec)) {
+            throw StoreError("settings store " + m_path + " does not exist");
         }
+    } else {
+        // Judge the directory before anything is created in it.
+        if (const std::string problem = sharedDirectoryProblem(m_path, dir); !problem.empty()) {
+            throw StoreRefused(problem);
+        }
+        createPrivately(m_path);
     }
-    const int rc = sqlite3_open_v2(
-        m_path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-        nullptr);
+    const int flags =
+        (m_readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
+        SQLITE_OPEN_FULLMUTEX;
+    const int rc = sqlite3_open_v2(m_path.c_str(), &m_db, flags, nullptr);
     if (rc != SQLITE_OK) {
         const std::string message = m_db != nullptr ? sqlite3_errmsg(m_db) : sqlite3_errstr(rc);
         sqlite3_close(m_db);
@@ -85,18 +195,20 @@ SqliteStore::SqliteStore(std::string path) : m_path(std::move(path)) {
     }
     try {
         sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
-        // WAL lets the host read while the engine writes and the other way round. NORMAL
-        // synchronisation is safe against a crash of either program; the mailbox is reset at
-        // every engine start anyway.
-        exec("PRAGMA journal_mode=WAL");
-        exec("PRAGMA synchronous=NORMAL");
-        exec(
-            "CREATE TABLE IF NOT EXISTS settings("
-            "app TEXT NOT NULL COLLATE NOCASE, "
-            "section TEXT NOT NULL COLLATE NOCASE, "
-            "key TEXT NOT NULL COLLATE NOCASE, "
-            "value TEXT NOT NULL, "
-            "PRIMARY KEY(app, section, key))");
+        if (!m_readOnly) {
+            // WAL lets the host read while the engine writes and the other way round. NORMAL
+            // synchronisation is safe against a crash of either program; the mailbox is reset
+            // at every engine start anyway.
+            exec("PRAGMA journal_mode=WAL");
+            exec("PRAGMA synchronous=NORMAL");
+            exec(
+                "CREATE TABLE IF NOT EXISTS settings("
+                "app TEXT NOT NULL COLLATE NOCASE, "
+                "section TEXT NOT NULL COLLATE NOCASE, "
+                "key TEXT NOT NULL COLLATE NOCASE, "
+                "value TEXT NOT NULL, "
+                "PRIMARY KEY(app, section, key))");
+        }
         m_get = prepare("SELECT value FROM settings WHERE app=?1 AND section=?2 AND key=?3");
         m_set = prepare(
             "INSERT INTO settings(app, section, key, value) VALUES(?1, ?2, ?3, ?4) "
@@ -110,6 +222,13 @@ SqliteStore::SqliteStore(std::string path) : m_path(std::move(path)) {
         closeAll();
         throw;
     }
+#ifndef _WIN32
+    struct stat st {};
+    if (::stat(m_path.c_str(), &st) == 0) {
+        m_device = static_cast<unsigned long long>(st.st_dev);
+        m_inode = static_cast<unsigned long long>(st.st_ino);
+    }
+#endif
 }
 
 SqliteStore::~SqliteStore() {
@@ -125,17 +244,74 @@ void SqliteStore::closeAll() {
     m_db = nullptr;
 }
 
-void SqliteStore::fail(const std::string& what) const {
+void SqliteStore::notice(const std::string& message) {
+    if (m_notice) {
+        m_notice(message);
+    } else {
+        std::fprintf(stderr, "%s\n", message.c_str());
+    }
+}
+
+void SqliteStore::fail(const std::string& what) {
+    if (damaged(sqlite3_extended_errcode(m_db))) {
+        // Said once, not on every read of every tick, until the store works again.
+        const std::string message = damagedMessage(m_path);
+        if (!m_troubleSaid) {
+            m_troubleSaid = true;
+            notice(message);
+        }
+        throw StoreError(message);
+    }
     throw StoreError("settings store " + m_path + ": " + what + ": " + sqlite3_errmsg(m_db));
 }
 
 void SqliteStore::exec(const char* sql) {
     char* error = nullptr;
-    if (sqlite3_exec(m_db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
+    const int rc = sqlite3_exec(m_db, sql, nullptr, nullptr, &error);
+    if (rc != SQLITE_OK) {
         std::string message = error != nullptr ? error : sqlite3_errmsg(m_db);
         sqlite3_free(error);
+        if (damaged(rc)) {
+            throw StoreRefused(damagedMessage(m_path));
+        }
         throw StoreError("settings store " + m_path + ": " + message);
     }
+}
+
+void SqliteStore::followFile() {
+#ifndef _WIN32
+    if (m_db != nullptr) {
+        struct stat st {};
+        const bool present = ::stat(m_path.c_str(), &st) == 0;
+        if (present && static_cast<unsigned long long>(st.st_dev) == m_device &&
+            static_cast<unsigned long long>(st.st_ino) == m_inode) {
+            return;
+        }
+        // Writing on into a file nobody else can open any more would lose every request the
+        // host makes from now on.
+        notice("settings store " + m_path +
+               (present ? " was replaced while in use: the file now at that path is used"
+                        : " was deleted while in use: a new one is made at that path"));
+        // The write-ahead log is found by the path, not by the file: left as it is, the old
+        // store's last writes would be read into whatever file now has that path. Emptied
+        // into the old file first, it is harmless.
+        sqlite3_wal_checkpoint_v2(m_db, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+        closeAll();
+    }
+    try {
+        open();
+    } catch (const StoreError& e) {
+        if (!m_troubleSaid) {
+            m_troubleSaid = true;
+            notice(std::string(e.what()) + " (tried again at every read and write)");
+        }
+        throw;
+    }
+    if (m_troubleSaid) {
+        m_troubleSaid = false;
+        notice("settings store " + m_path + " is usable again");
+    }
+#endif
 }
 
 sqlite3_stmt* SqliteStore::prepare(const char* sql) {
@@ -149,6 +325,7 @@ sqlite3_stmt* SqliteStore::prepare(const char* sql) {
 std::string SqliteStore::get(std::string_view app, std::string_view section, std::string_view key,
                              std::string_view defaultValue) {
     std::lock_guard lock(m_mutex);
+    followFile();
     Reset reset{m_get};
     if (bindText(m_get, 1, app) != SQLITE_OK || bindText(m_get, 2, section) != SQLITE_OK ||
         bindText(m_get, 3, key) != SQLITE_OK) {
@@ -167,17 +344,22 @@ std::string SqliteStore::get(std::string_view app, std::string_view section, std
 void SqliteStore::set(std::string_view app, std::string_view section, std::string_view key,
                       std::string_view value) {
     std::lock_guard lock(m_mutex);
+    followFile();
     Reset reset{m_set};
     if (bindText(m_set, 1, app) != SQLITE_OK || bindText(m_set, 2, section) != SQLITE_OK ||
         bindText(m_set, 3, key) != SQLITE_OK || bindText(m_set, 4, value) != SQLITE_OK ||
         sqlite3_step(m_set) != SQLITE_DONE) {
         fail("cannot write " + std::string(section) + "/" + std::string(key));
     }
+    if (timing::enabled()) {
+        timing::record('S', std::string(section) + "/" + std::string(key), value);
+    }
 }
 
 std::vector<SettingsStore::Entry> SqliteStore::list(std::string_view app,
                                                     std::string_view section) {
     std::lock_guard lock(m_mutex);
+    followFile();
     sqlite3_stmt* stmt = section.empty() ? m_listAll : m_listSection;
     Reset reset{stmt};
     if (bindText(stmt, 1, app) != SQLITE_OK ||

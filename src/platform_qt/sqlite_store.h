@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -9,6 +10,13 @@ struct sqlite3;
 struct sqlite3_stmt;
 
 namespace kestrix::qt {
+
+// A store the engine must not run on as it is, and that no restart will mend: it lies in a
+// directory other users can write, or its file is damaged. The message says what to do.
+class StoreRefused : public StoreError {
+public:
+    using StoreError::StoreError;
+};
 
 // The store's file: `cliValue` (a --store option) when given, else the environment variable
 // KSX_STORE, else ${XDG_CONFIG_HOME:-~/.config}/kestrix/KSX.db. Throws StoreError when none can
@@ -25,11 +33,27 @@ std::string resolveStorePath(const std::string& cliValue);
 // without regard to ASCII case, as the registry that older hosts used does: "due" and "Due" are
 // the same key, and the first spelling written is the one kept.
 //
+// The store lives in a private directory: one that other users can write (or that belongs to
+// another user) is refused, since whoever can write there can swap the store or leave a lock
+// file that keeps the engine from starting. A store file deleted or replaced while in use is
+// noticed at the next read or write, said once, and the file now at the path is used (a new one
+// when none is there), so the engine and the host never talk through two different files. A
+// damaged file is refused with what to do about it.
+//
 // One connection guarded by a mutex: the engine thread and a GUI thread may both use it.
 class SqliteStore : public SettingsStore {
 public:
-    // Opens (creating the file, its directory and the table when missing). Throws StoreError.
-    explicit SqliteStore(std::string path);
+    // Where the store says what it noticed (a replaced file, damage); standard error by default.
+    using Notice = std::function<void(const std::string& message)>;
+
+    enum class Access {
+        ReadWrite,  // creates the file (0600), its directories (0700) and the table when missing
+        ReadOnly,   // for tools that only look: a missing store is an error, never created
+    };
+
+    // Opens the store. Throws StoreRefused for a shared directory or a damaged file, StoreError
+    // for any other failure.
+    explicit SqliteStore(std::string path, Access access = Access::ReadWrite);
     ~SqliteStore() override;
     SqliteStore(const SqliteStore&) = delete;
     SqliteStore& operator=(const SqliteStore&) = delete;
@@ -41,6 +65,7 @@ public:
     std::vector<Entry> list(std::string_view app, std::string_view section = {}) override;
 
     const std::string& path() const { return m_path; }
+    void setNotice(Notice notice) { m_notice = std::move(notice); }
 
     // How long a statement waits for another process's write to finish before failing.
     static constexpr int kBusyTimeoutMs = 5000;
@@ -50,17 +75,27 @@ public:
     void setBusyTimeout(int milliseconds);
 
 private:
-    [[noreturn]] void fail(const std::string& what) const;
+    [[noreturn]] void fail(const std::string& what);
+    void open();
     void closeAll();
+    // Reopens when the file at the path is no longer the one open. Throws StoreError.
+    void followFile();
+    void notice(const std::string& message);
     void exec(const char* sql);
     sqlite3_stmt* prepare(const char* sql);
 
     std::string m_path;
+    bool m_readOnly = false;
     sqlite3* m_db = nullptr;
     sqlite3_stmt* m_get = nullptr;
     sqlite3_stmt* m_set = nullptr;
     sqlite3_stmt* m_listAll = nullptr;
     sqlite3_stmt* m_listSection = nullptr;
+    // The identity (device, inode) of the file open.
+    unsigned long long m_device = 0;
+    unsigned long long m_inode = 0;
+    bool m_troubleSaid = false;
+    Notice m_notice;
     std::mutex m_mutex;
 };
 

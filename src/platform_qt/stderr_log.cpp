@@ -10,10 +10,7 @@ namespace kestrix::qt {
 
 namespace {
 
-// Runs of digits this long could be a card number: never let one through whole.
-constexpr std::size_t kCardDigitsMin = 13;
-constexpr std::size_t kCardDigitsMax = 19;
-
+// One line of text, and a card number never whole.
 std::string cleaned(std::string_view message) {
     std::string out;
     out.reserve(message.size());
@@ -23,22 +20,7 @@ std::string cleaned(std::string_view message) {
     while (!out.empty() && out.back() == ' ') {
         out.pop_back();
     }
-    for (std::size_t i = 0; i < out.size();) {
-        if (out[i] < '0' || out[i] > '9') {
-            ++i;
-            continue;
-        }
-        std::size_t end = i;
-        while (end < out.size() && out[end] >= '0' && out[end] <= '9') {
-            ++end;
-        }
-        const std::size_t length = end - i;
-        if (length >= kCardDigitsMin && length <= kCardDigitsMax) {
-            out.replace(i, length, maskCardNumber(out.substr(i, length)));
-        }
-        i = end;
-    }
-    return out;
+    return card::withCardNumbersMasked(out);
 }
 
 std::atomic<Log*> g_qtLog{nullptr};

@@ -7,6 +7,8 @@
 #include <cmath>
 #include <thread>
 
+#include "timing_trace.h"
+
 namespace kestrix::qt {
 
 namespace {
@@ -24,6 +26,7 @@ void SteadyClock::sleep(double seconds) {
         return;
     }
     seconds = std::min(seconds, kLongestSleepSeconds);
+    timing::record('P', {}, seconds);
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 

@@ -20,15 +20,18 @@ bool fileNamed(const std::string& cliValue) {
 #endif
 }  // namespace
 
-std::unique_ptr<SettingsStore> openSettingsStore(const std::string& cliValue) {
+std::unique_ptr<SettingsStore> openSettingsStore(const std::string& cliValue, bool readOnly) {
 #ifdef _WIN32
     if (!fileNamed(cliValue)) {
         return std::make_unique<win::RegistryStore>();
     }
 #endif
 #ifdef KESTRIX_HAVE_SQLITE
-    return std::make_unique<SqliteStore>(resolveStorePath(cliValue));
+    return std::make_unique<SqliteStore>(
+        resolveStorePath(cliValue),
+        readOnly ? SqliteStore::Access::ReadOnly : SqliteStore::Access::ReadWrite);
 #else
+    (void)readOnly;
     throw StoreError(
         "settings store: this build keeps the store in the registry only (unset "
         "KSX_STORE and --store)");

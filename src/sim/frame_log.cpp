@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "json_writer.h"
+#include <nlohmann/json.hpp>
 
 namespace kestrix::sim {
 
@@ -38,6 +38,9 @@ std::string hexBytes(const std::vector<std::uint8_t>& bytes) {
 
 void FrameLog::add(double time, Direction direction, std::string hex, std::string note, int tag) {
     m_entries.push_back({time, direction, std::move(hex), std::move(note), tag});
+    if (m_sink) {
+        m_sink(m_entries.back());
+    }
     while (m_entries.size() > m_capacity) {
         m_entries.pop_front();
     }
@@ -63,7 +66,7 @@ std::string FrameLog::text(int tag) const {
     return out;
 }
 
-std::string FrameLog::json(std::size_t count, int tag) const {
+nlohmann::ordered_json FrameLog::json(std::size_t count, int tag) const {
     std::vector<const Entry*> picked;
     for (auto it = m_entries.rbegin(); it != m_entries.rend() && picked.size() < count; ++it) {
         if (tag == 0 || it->tag == tag) {
@@ -71,22 +74,16 @@ std::string FrameLog::json(std::size_t count, int tag) const {
         }
     }
     std::reverse(picked.begin(), picked.end());
-    JsonWriter w;
-    w.beginArray();
+    nlohmann::ordered_json frames = nlohmann::ordered_json::array();
     for (const Entry* e : picked) {
-        w.beginObject()
-            .key("t")
-            .value(e->time)
-            .key("dir")
-            .value(e->direction == Direction::ToDevice ? ">" : "<")
-            .key("hex")
-            .value(e->hex)
-            .key("note")
-            .value(e->note)
-            .endObject();
+        nlohmann::ordered_json frame;
+        frame["t"] = e->time;
+        frame["dir"] = e->direction == Direction::ToDevice ? ">" : "<";
+        frame["hex"] = e->hex;
+        frame["note"] = e->note;
+        frames.push_back(std::move(frame));
     }
-    w.endArray();
-    return w.text();
+    return frames;
 }
 
 bool FaultSwitches::set(std::string_view name, bool on) {

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +30,10 @@ public:
 
     explicit FrameLog(std::size_t capacity = 64) : m_capacity(capacity) {}
 
+    // Every entry also goes to `sink` as it is added, for a full record of a session (the log
+    // itself keeps only the recent ones). An empty function stops it.
+    void setSink(std::function<void(const Entry&)> sink) { m_sink = std::move(sink); }
+
     void add(double time, Direction direction, std::string hex, std::string note = {}, int tag = 0);
     const std::deque<Entry>& entries() const { return m_entries; }
     void clear() { m_entries.clear(); }
@@ -35,11 +42,12 @@ public:
     // A tag other than 0 keeps only the entries of that tag.
     std::string text(int tag = 0) const;
     // The last `count` entries as a JSON array of {"t","dir","hex","note"}.
-    std::string json(std::size_t count = 16, int tag = 0) const;
+    nlohmann::ordered_json json(std::size_t count = 16, int tag = 0) const;
 
 private:
     std::size_t m_capacity;
     std::deque<Entry> m_entries;
+    std::function<void(const Entry&)> m_sink;
 };
 
 // The named fault switches of one model. Names are fixed when the model is built.

@@ -2,7 +2,7 @@
 
 #include <charconv>
 
-#include "sim/json_writer.h"
+#include <nlohmann/json.hpp>
 
 namespace kestrix::sim {
 
@@ -155,20 +155,18 @@ void KioskModels::catchUp() {
 
 std::string KioskModels::stateJson() {
     catchUp();
-    JsonWriter w;
-    w.beginObject();
-    w.key("profile").value(m_profile.name);
-    w.key("time").value(m_now());
-    w.key("adapter").raw(m_adapter.stateJson());
-    w.key("changer").raw(m_changer.stateJson());
-    w.key("validator").raw(m_validator.stateJson());
-    w.key("dispenser").raw(m_dispenser.stateJson());
-    w.key("hoppers").raw(m_hoppers.stateJson());
+    nlohmann::ordered_json w;
+    w["profile"] = m_profile.name;
+    w["time"] = m_now();
+    w["adapter"] = m_adapter.state();
+    w["changer"] = m_changer.state();
+    w["validator"] = m_validator.state();
+    w["dispenser"] = m_dispenser.state();
+    w["hoppers"] = m_hoppers.state();
     for (const auto& [name, d] : m_extra) {
-        w.key(name).raw(d->stateJson());
+        w[name] = d->state();
     }
-    w.endObject();
-    return w.text();
+    return w.dump();
 }
 
 std::string KioskModels::commandHelp() {
@@ -189,11 +187,11 @@ std::string KioskModels::commandHelp() {
 ControlResult KioskModels::command(std::string_view line) {
     const std::vector<std::string_view> w = words(line);
     if (w.empty()) {
-        return ControlResult::rejected("empty command; try \"help\"");
+        return ControlResult::misused("empty command; try \"help\"");
     }
     const std::string_view verb = w[0];
     const auto usage = [&](const char* text) {
-        return ControlResult::rejected(std::string("usage: ") + text);
+        return ControlResult::misused(std::string("usage: ") + text);
     };
     int n = 0;
     int count = 0;
@@ -252,7 +250,7 @@ ControlResult KioskModels::command(std::string_view line) {
         }
         return ControlResult::accepted(frames(w[1]));
     }
-    return ControlResult::rejected("unknown command \"" + std::string(verb) + "\"; try \"help\"");
+    return ControlResult::misused("unknown command \"" + std::string(verb) + "\"; try \"help\"");
 }
 
 }  // namespace kestrix::sim

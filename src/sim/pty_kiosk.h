@@ -17,8 +17,20 @@ namespace kestrix::sim {
 // clock, and writes their answers back. stop() (or destruction) ends the thread and removes
 // everything start() created, `dir` included when start() had to create it.
 //
+// The lines take their time as real ones do: a write reaches its device once its last character
+// has crossed the line, and an answer reaches the engine one character time after another, at
+// the baud rate, data bits, parity and stop bits the engine set on its end (9600 baud: about a
+// millisecond a character). The thread sleeps until the engine writes, a client calls, or the
+// next character or device answer is due, so an idle kiosk costs no processor time.
+//
+// With KSX_SIM_WIRE_LOG=FILE in the environment, everything that crosses a line is also written
+// to FILE, one line per piece: steady-clock seconds (the system's monotonic clock, as other
+// programs read it), the link ("mdb", "dispenser", "hoppers"), ">" when it reached the device or
+// "<" when the device put it on the line, the seconds one character takes, and the bytes in hex.
+//
 // Control protocol on the socket: the client sends one command line ending in "\n"; the
-// simulator answers "OK\n" or "REJECTED\n", then the command's text, and closes. The commands
+// simulator answers "OK\n", "REJECTED\n" (a device refused) or "USAGE\n" (no such command, or
+// wrong arguments), then the command's text, and closes. The commands
 // are those of KioskModels::command ("coin 2", "fault changer silent on", "state", ...).
 class PtyKiosk {
 public:
@@ -48,6 +60,7 @@ private:
 // Exit codes of a control command sent to a simulator.
 inline constexpr int kControlAccepted = 0;
 inline constexpr int kControlRejected = 1;
+inline constexpr int kControlUsage = 2;
 inline constexpr int kControlNoSimulator = 3;
 
 // Sends one command to the simulator running in `dir`; fills `answer` with its text (or the

@@ -1,15 +1,21 @@
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <mutex>
 #include <stdexcept>
@@ -23,10 +29,10 @@ namespace kestrix::sim {
 
 namespace {
 
-// How often the loop wakes to let device answers out when nothing arrives: the models' answer
-// delays are a few milliseconds.
-constexpr int kLoopMs = 2;
 constexpr std::size_t kMaxPendingOut = 64 * 1024;
+// Longest sleep of the loop while something is still to come (a model that asks to be looked at
+// again later than this is looked at anyway).
+constexpr double kLongestSleepSeconds = 1.0;
 constexpr std::size_t kMaxCommandBytes = 4096;
 
 std::string errnoText(const std::string& what) {
@@ -45,6 +51,30 @@ void makeRaw(int fd) {
         cfsetispeed(&t, B9600);
         cfsetospeed(&t, B9600);
         tcsetattr(fd, TCSANOW, &t);
+    }
+}
+
+// The simulator's directory holds the control socket, which moves money in and out of the
+// simulated kiosk, and the links the engine opens as its serial ports: it must be the user's
+// alone. A directory another user owns or can write could hand the engine someone else's
+// "serial ports" or take over the socket.
+void refuseSharedDirectory(const std::string& dir) {
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) != 0) {
+        throw std::runtime_error(errnoText("cannot use " + dir));
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        throw std::runtime_error(dir + " is not a directory");
+    }
+    if (st.st_uid != ::geteuid()) {
+        throw std::runtime_error("refused: " + dir + " belongs to another user (uid " +
+                                 std::to_string(st.st_uid) +
+                                 "); the simulated kiosk needs a directory of its own user");
+    }
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw std::runtime_error("refused: other users can write " + dir +
+                                 "; the simulated kiosk needs a private directory (chmod 700 '" +
+                                 dir + "', or choose another)");
     }
 }
 
@@ -75,13 +105,71 @@ void sendAll(int fd, const std::string& text) {
     }
 }
 
+// The time one character takes on the line as the engine has set it up on its end of the
+// pseudo-terminal: start bit, data bits, parity bit, stop bits at the baud rate.
+double characterSeconds(int fd) {
+    termios t{};
+    if (tcgetattr(fd, &t) != 0) {
+        return 10.0 / 9600;
+    }
+    int bits = 1;
+    switch (t.c_cflag & CSIZE) {
+        case CS5:
+            bits += 5;
+            break;
+        case CS6:
+            bits += 6;
+            break;
+        case CS7:
+            bits += 7;
+            break;
+        default:
+            bits += 8;
+            break;
+    }
+    bits += (t.c_cflag & PARENB) != 0 ? 1 : 0;
+    bits += (t.c_cflag & CSTOPB) != 0 ? 2 : 1;
+    static constexpr std::pair<speed_t, int> kRates[] = {
+        {B1200, 1200},     {B2400, 2400},     {B4800, 4800},     {B9600, 9600},
+        {B19200, 19200},   {B38400, 38400},   {B57600, 57600},   {B115200, 115200},
+        {B230400, 230400}, {B460800, 460800}, {B921600, 921600},
+    };
+    const speed_t speed = cfgetospeed(&t);
+    int baud = 9600;
+    for (const auto& [code, rate] : kRates) {
+        if (code == speed) {
+            baud = rate;
+        }
+    }
+    return bits / static_cast<double>(baud);
+}
+
+// Bytes on their way across the line, and when they were put on it.
+struct InTransit {
+    double at;
+    std::string bytes;
+};
+
 struct Link {
     std::string name;
     LinkDevice* device = nullptr;
     int master = -1;
     int slave = -1;  // kept open so the master never sees a hang-up while the engine is away
     std::string slavePath;
-    std::string pendingOut;
+    double charSeconds = 10.0 / 9600;
+    // Engine to device: each write arrives whole once its last character has crossed the line.
+    std::deque<InTransit> inbound;
+    double inboundFreeAt = 0;
+    // Device to engine: the characters come out one character time after another.
+    std::deque<InTransit> outbound;
+    std::size_t outboundSent = 0;  // characters of outbound.front() already on the line
+    double outboundFreeAt = 0;
+    std::string pendingOut;  // arrived, but the pseudo-terminal would not take them yet
+    FrameLog wire;           // what crossed the line, both directions, with when
+    int watch = -1;          // inotify watch on the engine's end
+    int engineOpens = 0;     // how many descriptors of the engine's end others hold open
+    termios made{};          // the line settings it was made with
+    bool haveMade = false;
 };
 
 struct Client {
@@ -99,6 +187,7 @@ struct PtyKiosk::Impl {
     KioskModels models;
     std::vector<Link> links;
     int listenFd = -1;
+    int notifyFd = -1;  // opens and closes of the engine's ends
     int wake[2] = {-1, -1};
     std::vector<Client> clients;
     std::thread thread;
@@ -106,6 +195,7 @@ struct PtyKiosk::Impl {
     bool started = false;
     bool createdDir = false;
     std::vector<std::string> createdPaths;
+    std::FILE* wireRecord = nullptr;
 
     Impl(std::string d, const KioskProfile& p)
         : dir(std::move(d)), profile(p), models(p, [this] { return now(); }) {}
@@ -116,9 +206,14 @@ struct PtyKiosk::Impl {
 
     void openLink(const std::string& name, LinkDevice& device);
     void openSocket();
+    void watchEngineEnds();
+    void serviceNotifications();
     void run();
     void serviceLink(Link& link, double t);
+    double nextWake(const Link& link, double t) const;
+    void putOnLine(Link& link, double t);
     void flush(Link& link);
+    void recordWire(Link& link);
     void acceptClients();
     bool serviceClient(Client& c);
     void cleanUp();
@@ -127,6 +222,7 @@ struct PtyKiosk::Impl {
 void PtyKiosk::Impl::openLink(const std::string& name, LinkDevice& device) {
     Link link;
     link.name = name;
+    link.inboundFreeAt = link.outboundFreeAt = now();
     link.device = &device;
     link.master = posix_openpt(O_RDWR | O_NOCTTY);
     if (link.master < 0 || grantpt(link.master) != 0 || unlockpt(link.master) != 0) {
@@ -144,8 +240,9 @@ void PtyKiosk::Impl::openLink(const std::string& name, LinkDevice& device) {
     }
     makeRaw(link.slave);
     makeRaw(link.master);
+    link.haveMade = tcgetattr(link.slave, &link.made) == 0;
     setNonBlocking(link.master);
-    links.push_back(link);
+    links.push_back(std::move(link));
 
     const std::string path = dir + "/" + name;
     struct stat st {};
@@ -155,10 +252,57 @@ void PtyKiosk::Impl::openLink(const std::string& name, LinkDevice& device) {
         }
         ::unlink(path.c_str());  // a link left by a simulator that did not end cleanly
     }
-    if (::symlink(link.slavePath.c_str(), path.c_str()) != 0) {
+    if (::symlink(links.back().slavePath.c_str(), path.c_str()) != 0) {
         throw std::runtime_error(errnoText("cannot create " + path));
     }
     createdPaths.push_back(path);
+}
+
+// The pseudo-terminal keeps its line settings for as long as any descriptor of it is open, and
+// the simulator keeps one open: an engine that ended without restoring its settings (killed, or
+// crashed) would leave them for the next one, whose open then fails when the kernel refuses the
+// change from there (Linux takes even parity on a pseudo-terminal only as part of a change it
+// accepts, and refuses it as the only change). So whenever the last engine-side descriptor of a
+// line closes, the line goes back to the settings it was made with.
+void PtyKiosk::Impl::watchEngineEnds() {
+    notifyFd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (notifyFd < 0) {
+        return;  // no inotify: lines keep what an engine set
+    }
+    for (Link& l : links) {
+        l.watch = inotify_add_watch(notifyFd, l.slavePath.c_str(),
+                                    IN_OPEN | IN_CLOSE_WRITE | IN_CLOSE_NOWRITE);
+    }
+}
+
+void PtyKiosk::Impl::serviceNotifications() {
+    alignas(inotify_event) char buf[4096];
+    for (;;) {
+        const ssize_t n = ::read(notifyFd, buf, sizeof buf);
+        if (n <= 0) {
+            return;
+        }
+        for (ssize_t at = 0; at < n;) {
+            const auto* e = reinterpret_cast<const inotify_event*>(buf + at);
+            at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
+            for (Link& l : links) {
+                if (l.watch != e->wd) {
+                    continue;
+                }
+                if ((e->mask & IN_OPEN) != 0) {
+                    ++l.engineOpens;
+                } else if ((e->mask & (IN_CLOSE_WRITE | IN_CLOSE_NOWRITE)) != 0 &&
+                           --l.engineOpens <= 0) {
+                    l.engineOpens = 0;
+                    if (l.haveMade) {
+                        tcsetattr(l.slave, TCSANOW, &l.made);
+                    }
+                    tcflush(l.slave, TCIOFLUSH);
+                    l.pendingOut.clear();
+                }
+            }
+        }
+    }
 }
 
 void PtyKiosk::Impl::openSocket() {
@@ -176,11 +320,15 @@ void PtyKiosk::Impl::openSocket() {
         ::unlink(path.c_str());
     }
     listenFd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (listenFd < 0 || ::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::listen(listenFd, 8) != 0) {
+    if (listenFd < 0 || ::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
         throw std::runtime_error(errnoText("cannot open the control socket " + path));
     }
     createdPaths.push_back(path);
+    // Only the user may connect. Nobody can connect before listen(), so there is no moment when
+    // the socket is open to others.
+    if (::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0 || ::listen(listenFd, 8) != 0) {
+        throw std::runtime_error(errnoText("cannot open the control socket " + path));
+    }
     setNonBlocking(listenFd);
 }
 
@@ -188,13 +336,31 @@ void PtyKiosk::Impl::flush(Link& link) {
     while (!link.pendingOut.empty()) {
         const ssize_t n = ::write(link.master, link.pendingOut.data(), link.pendingOut.size());
         if (n <= 0) {
-            break;  // the engine side is not reading; try again on the next turn
+            break;  // the engine side is not reading; the loop waits until it can write again
         }
         link.pendingOut.erase(0, static_cast<std::size_t>(n));
     }
     if (link.pendingOut.size() > kMaxPendingOut) {
         link.pendingOut.erase(0, link.pendingOut.size() - kMaxPendingOut);
     }
+}
+
+// Hands the engine every character whose time on the line is over by `t`.
+void PtyKiosk::Impl::putOnLine(Link& link, double t) {
+    while (!link.outbound.empty()) {
+        const InTransit& chunk = link.outbound.front();
+        const double arrives = std::max(chunk.at, link.outboundFreeAt) + link.charSeconds;
+        if (arrives > t) {
+            break;
+        }
+        link.pendingOut += chunk.bytes[link.outboundSent];
+        link.outboundFreeAt = arrives;
+        if (++link.outboundSent == chunk.bytes.size()) {
+            link.outbound.pop_front();
+            link.outboundSent = 0;
+        }
+    }
+    flush(link);
 }
 
 void PtyKiosk::Impl::serviceLink(Link& link, double t) {
@@ -204,10 +370,53 @@ void PtyKiosk::Impl::serviceLink(Link& link, double t) {
         if (n <= 0) {
             break;
         }
-        link.device->receive(std::string_view(buf, static_cast<std::size_t>(n)), t);
+        // The engine may have changed the line's settings since its last write.
+        link.charSeconds = characterSeconds(link.slave);
+        const auto count = static_cast<std::size_t>(n);
+        const double arrives =
+            std::max(t, link.inboundFreeAt) + static_cast<double>(count) * link.charSeconds;
+        link.inboundFreeAt = arrives;
+        link.inbound.push_back({arrives, std::string(buf, count)});
     }
-    link.pendingOut += link.device->transmit(t);
-    flush(link);
+    while (!link.inbound.empty() && link.inbound.front().at <= t) {
+        const InTransit chunk = std::move(link.inbound.front());
+        link.inbound.pop_front();
+        link.wire.add(chunk.at, FrameLog::Direction::ToDevice, hexBytes(chunk.bytes));
+        link.device->receive(chunk.bytes, chunk.at);
+    }
+    std::string out = link.device->transmit(t);
+    if (!out.empty()) {
+        link.wire.add(t, FrameLog::Direction::FromDevice, hexBytes(out));
+        link.outbound.push_back({t, std::move(out)});
+    }
+    putOnLine(link, t);
+}
+
+// When the link next needs the loop: a write reaching the device, the device's next answer, the
+// next character of an answer reaching the engine.
+double PtyKiosk::Impl::nextWake(const Link& link, double t) const {
+    double next = link.device->nextOutputAt(t);
+    if (!link.inbound.empty()) {
+        next = std::min(next, link.inbound.front().at);
+    }
+    if (!link.outbound.empty()) {
+        next = std::min(next,
+                        std::max(link.outbound.front().at, link.outboundFreeAt) + link.charSeconds);
+    }
+    return next;
+}
+
+void PtyKiosk::Impl::recordWire(Link& link) {
+    if (wireRecord == nullptr) {
+        return;
+    }
+    // Times on the steady clock's own scale, so they line up with other programs' records.
+    const double base = std::chrono::duration<double>(epoch.time_since_epoch()).count();
+    link.wire.setSink([this, base, name = link.name, &link](const FrameLog::Entry& e) {
+        std::fprintf(wireRecord, "%.6f %s %s %.9f %s\n", base + e.time, name.c_str(),
+                     e.direction == FrameLog::Direction::ToDevice ? ">" : "<", link.charSeconds,
+                     e.hex.c_str());
+    });
 }
 
 void PtyKiosk::Impl::acceptClients() {
@@ -254,7 +463,7 @@ bool PtyKiosk::Impl::serviceClient(Client& c) {
     if (!text.empty() && text.back() != '\n') {
         text += '\n';
     }
-    sendAll(c.fd, (r.ok ? "OK\n" : "REJECTED\n") + text);
+    sendAll(c.fd, (r.ok ? "OK\n" : r.usage ? "USAGE\n" : "REJECTED\n") + text);
     return false;
 }
 
@@ -263,16 +472,40 @@ void PtyKiosk::Impl::run() {
         std::vector<pollfd> fds;
         fds.push_back({wake[0], POLLIN, 0});
         fds.push_back({listenFd, POLLIN, 0});
-        for (const Link& l : links) {
-            fds.push_back({l.master, POLLIN, 0});
+        double next = LinkDevice::kNever;
+        {
+            std::lock_guard lock(mutex);
+            const double t = now();
+            for (const Link& l : links) {
+                const short events = l.pendingOut.empty() ? POLLIN : POLLIN | POLLOUT;
+                fds.push_back({l.master, events, 0});
+                next = std::min(next, nextWake(l, t));
+            }
+            next -= t;
         }
         for (const Client& c : clients) {
             fds.push_back({c.fd, POLLIN, 0});
         }
-        ::poll(fds.data(), fds.size(), kLoopMs);
+        fds.push_back({notifyFd, POLLIN, 0});  // last: a negative descriptor is skipped
+        // Asleep until the engine writes, a client calls, or the next thing a model or the line
+        // has scheduled is due: an idle kiosk costs nothing.
+        timespec timeout{};
+        const timespec* wait = nullptr;
+        if (std::isfinite(next)) {
+            const double seconds = std::clamp(next, 0.0, kLongestSleepSeconds);
+            timeout.tv_sec = static_cast<time_t>(seconds);
+            timeout.tv_nsec =
+                static_cast<long>((seconds - static_cast<double>(timeout.tv_sec)) * 1e9);
+            wait = &timeout;
+        }
+        ::ppoll(fds.data(), fds.size(), wait, nullptr);
         if ((fds[0].revents & POLLIN) != 0) {
             break;
         }
+        if ((fds.back().revents & POLLIN) != 0) {
+            serviceNotifications();
+        }
+        fds.pop_back();
         {
             std::lock_guard lock(mutex);
             const double t = now();
@@ -306,6 +539,10 @@ void PtyKiosk::Impl::cleanUp() {
         ::close(listenFd);
         listenFd = -1;
     }
+    if (notifyFd >= 0) {
+        ::close(notifyFd);
+        notifyFd = -1;
+    }
     for (Link& l : links) {
         ::close(l.master);
         ::close(l.slave);
@@ -316,6 +553,10 @@ void PtyKiosk::Impl::cleanUp() {
             ::close(fd);
             fd = -1;
         }
+    }
+    if (wireRecord != nullptr) {
+        std::fclose(wireRecord);
+        wireRecord = nullptr;
     }
     for (const std::string& p : createdPaths) {
         ::unlink(p.c_str());
@@ -339,14 +580,13 @@ void PtyKiosk::start() {
     if (d.started) {
         return;
     }
-    std::error_code ec;
-    if (!std::filesystem::exists(d.dir, ec)) {
-        if (!std::filesystem::create_directory(d.dir, ec)) {
-            throw std::runtime_error("cannot create " + d.dir + ": " + ec.message());
-        }
+    if (::mkdir(d.dir.c_str(), S_IRWXU) == 0) {
         d.createdDir = true;
+    } else if (errno != EEXIST) {
+        throw std::runtime_error(errnoText("cannot create " + d.dir));
     }
     try {
+        refuseSharedDirectory(d.dir);
         if (::pipe(d.wake) != 0) {
             throw std::runtime_error(errnoText("cannot create a pipe"));
         }
@@ -354,6 +594,16 @@ void PtyKiosk::start() {
         d.openLink("mdb", d.models.mdbLink());
         d.openLink("dispenser", d.models.dispenserLink());
         d.openLink("hoppers", d.models.hoppersLink());
+        if (const char* record = std::getenv("KSX_SIM_WIRE_LOG"); record != nullptr && *record) {
+            d.wireRecord = std::fopen(record, "w");
+            if (d.wireRecord == nullptr) {
+                throw std::runtime_error(errnoText(std::string("cannot write ") + record));
+            }
+            for (Link& l : d.links) {
+                d.recordWire(l);
+            }
+        }
+        d.watchEngineEnds();
     } catch (...) {
         d.cleanUp();
         throw;
@@ -441,6 +691,9 @@ int sendControlCommand(const std::string& dir, const std::string& command, std::
     }
     if (status == "REJECTED") {
         return kControlRejected;
+    }
+    if (status == "USAGE") {
+        return kControlUsage;
     }
     answer = "no simulator answers at " + dir;
     return kControlNoSimulator;

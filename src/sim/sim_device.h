@@ -1,5 +1,7 @@
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,9 +14,11 @@ namespace kestrix::sim {
 struct ControlResult {
     bool ok = true;
     std::string text;
+    bool usage = false;  // not refused by a device: the command itself is wrong
 
     static ControlResult accepted(std::string text) { return {true, std::move(text)}; }
     static ControlResult rejected(std::string reason) { return {false, std::move(reason)}; }
+    static ControlResult misused(std::string reason) { return {false, std::move(reason), true}; }
 };
 
 // What every device model offers besides its line protocol: named fault switches, a power
@@ -33,7 +37,10 @@ public:
 
     // The technician switches the device off and on again.
     virtual void powerCycle(double now) = 0;
-    virtual std::string stateJson() const = 0;
+    // The model's state, for the `state` command and the simulator window.
+    virtual nlohmann::ordered_json state() const = 0;
+    // state() as compact JSON text.
+    std::string stateJson() const;
 
 protected:
     FaultSwitches m_faults;

@@ -126,17 +126,21 @@ TEST(OnTheKiosk, ACashPaymentByHandCompletesAndTheDisplaysShowIt) {
     link.profile = c.kiosk.models().profile();
     SimulatorPanel panel(link);
 
+    // The technician watches the coin acceptor's tab; the payment must not take it away.
+    auto* tabs = c.widget<QTabWidget>("SSTab1");
+    tabs->setCurrentIndex(1);
     QTest::keyClicks(c.widget<QLineEdit>("due"), "1.5");
     click(c, "enablePayment");
     ASSERT_TRUE(c.runUntil([&] { return c.shown("enablePayment") == "Stop Payment..."; }, 60));
-    auto* tabs = c.widget<QTabWidget>("SSTab1");
-    EXPECT_FALSE(tabs->isTabEnabled(0));
+    EXPECT_FALSE(tabs->isEnabled());
+    EXPECT_EQ(tabs->currentIndex(), 1);
 
     // A coin of 2 from the simulator's side of the desk.
     QTest::mouseClick(panel.findChild<QPushButton*>("simCoin3"), Qt::LeftButton);
     ASSERT_TRUE(c.runUntil([&] { return c.showed("statusDisplay", "Payment Completed"); }, 120))
         << c.history("statusDisplay").toStdString() << c.kiosk.stateJson();
-    ASSERT_TRUE(c.runUntil([&] { return tabs->isTabEnabled(0); }, 30));
+    ASSERT_TRUE(c.runUntil([&] { return tabs->isEnabled(); }, 30));
+    EXPECT_EQ(tabs->currentIndex(), 1);
 
     EXPECT_TRUE(c.showed("dueDisplay", "Amount Due: $1.50"));
     EXPECT_TRUE(c.showed("creditDisplay", "$2.00"));

@@ -145,8 +145,13 @@ TEST(Screenshots, EachTabOnTheSimulatedKioskIsReadableAtTheDefaultSize) {
         QCoreApplication::processEvents();
         const QString caption = tabs->tabText(i);
         checkReadable(c.window.get(), tabs->widget(i), caption);
-        EXPECT_TRUE(c.window->grab().save(QDir(dir).filePath(fileName(caption))))
-            << caption.toStdString();
+        // The same picture whatever the link lamps were doing at that moment.
+        c.window->settleIndicators();
+        const QImage picture = c.window->grab().toImage();
+        c.window->flashIndicator(Indicator::Tx);
+        c.window->settleIndicators();
+        EXPECT_EQ(c.window->grab().toImage(), picture) << caption.toStdString();
+        EXPECT_TRUE(picture.save(QDir(dir).filePath(fileName(caption)))) << caption.toStdString();
     }
 
     SimulatorLink link;
@@ -162,6 +167,14 @@ TEST(Screenshots, EachTabOnTheSimulatedKioskIsReadableAtTheDefaultSize) {
     panel.show();
     QCoreApplication::processEvents();
     EXPECT_TRUE(panel.grab().save(QDir(dir).filePath("simulator-panel.png")));
+
+    // Beside each other on a 1280x1024 screen, frames and the gap between them included.
+    constexpr int kFrame = 10;
+    constexpr int kGap = 8;
+    EXPECT_LE(c.window->width() + kGap + panel.width() + 2 * kFrame, 1280)
+        << c.window->width() << " + " << panel.width();
+    EXPECT_LE(std::max(c.window->height(), panel.height()) + 4 * kFrame, 1024)
+        << c.window->height() << ", " << panel.height();
 }
 
 }  // namespace

@@ -125,14 +125,12 @@ TEST(View, ButtonsAndTabsFollowTheEnabledStatesTheEngineSets) {
     QTest::mouseClick(cash, Qt::LeftButton);
     EXPECT_TRUE(e.posted.empty());
     auto* tabs = qobject_cast<QTabWidget*>(e.window->control("SSTab1"));
-    for (int i = 0; i < tabs->count(); ++i) {
-        EXPECT_FALSE(tabs->isTabEnabled(i)) << i;
-    }
+    EXPECT_FALSE(tabs->isEnabled());
     EXPECT_EQ(qobject_cast<QPushButton*>(e.window->control("enablePaymentCC"))->text(),
               "Cancel Payment...");
     e.console().setEnabled("SSTab1", true);
     e.guiRuns();
-    EXPECT_TRUE(tabs->isTabEnabled(5));
+    EXPECT_TRUE(tabs->isEnabled());
 }
 
 TEST(View, ClosingTheWindowIsExitAndTheWindowStaysUntilTheEngineHasEnded) {

@@ -60,6 +60,7 @@ const std::map<std::string, std::vector<std::string>>& expectedOutput() {
         {"restart",
          {"payment 99: Change 200 partly paid, credit 0, paid 120, unknown 0\n",
           "nothing left to settle\n"}},
+        {"heartbeat", {"engine alive\n"}},
         {"python",
          {"cash: Payment Completed; received 20, change 7.5\n",
           "card: Credit Card Approved; approved: True\n"}},

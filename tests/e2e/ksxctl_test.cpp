@@ -1,13 +1,20 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QLockFile>
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform_qt/engine_lock.h"
 #include "platform_qt/sqlite_store.h"
 #include "support/process.h"
 #include "support/support.h"
@@ -22,13 +29,16 @@ test::RunResult ksxctl(const std::vector<std::string>& args,
     return test::run(test::ksxctlBinary(), args, env, 60s);
 }
 
-// A store with no engine, or with the test playing the engine's part of the mailbox.
+// A store with the test playing the engine's part of the mailbox: it holds the engine's lock, so
+// ksxctl takes it for a running engine.
 struct Mailbox {
     std::string store = test::makeTempDir("ksx-ctl") + "/KSX.db";
     qt::SqliteStore s{store};
+    QLockFile engine{QString::fromStdString(qt::engineLockPath(store))};
 
     // `reset`: the mailbox as the engine's load leaves it; otherwise the store stays empty.
     explicit Mailbox(bool reset = true) {
+        EXPECT_TRUE(engine.tryLock(0));
         if (!reset) {
             return;
         }
@@ -72,6 +82,53 @@ TEST(Ksxctl, AValueSetByOneProcessIsReadAtOnceByAnotherAndByTheEngine) {
     EXPECT_EQ(box.ksxctl({"dump"}).out,
               "Pin Pad/User=-o'neil \"x\"\nStatus/Credit=20\nStatus/Due=12.5\n");
     EXPECT_EQ(box.ksxctl({"dump", "Status"}).out, "Status/Credit=20\nStatus/Due=12.5\n");
+}
+
+TEST(Ksxctl, SetChecksTheEnginesSectionsAgainstItsLayoutUnlessForced) {
+    Mailbox box(false);
+    struct Row {
+        std::vector<std::string> args;
+        int status;
+        std::string said;  // in the one-line message of a refusal
+    };
+    const std::vector<Row> rows = {
+        {{"set", "CoinAcceptor", "CAE", "yes"}, 2, "CoinAcceptor/CAE is a flag, 0 or 1"},
+        {{"set", "CoinAcceptor", "CAF", "1"}, 2, "its keys are: CAE, ChangeEnabled,"},
+        {{"set", "Settings", "COM", "ttyUSB0"}, 2, "port number"},
+        {{"set", "BillValidator", "BillType3_Value", "12,5"}, 2, "is a number"},
+        {{"set", "Hoppers", "DispenseMode", "fast"}, 2, "serial, zeros8, noencrypt8"},
+        {{"set", "Pin Pad", "Library", "simulted"}, 2, "com, simulated"},
+        {{"set", "coinacceptor", "cae", "1"}, 0, ""},
+        {{"set", "Settings", "COM", ""}, 0, ""},
+        {{"set", "Hoppers", "h1Address", "3"}, 0, ""},
+        {{"set", "Status", "Anything", "at all"}, 0, ""},
+        {{"set", "Ports", "1", "/dev/ttyUSB0"}, 0, ""},
+        {{"set", "--force", "CoinAcceptor", "CAF", "yes"}, 0, ""},
+    };
+    for (const Row& row : rows) {
+        const test::RunResult r = box.ksxctl(row.args);
+        EXPECT_EQ(r.status, row.status) << testing::PrintToString(row.args) << r.err;
+        if (row.status != 0) {
+            EXPECT_NE(r.err.find(row.said), std::string::npos) << r.err;
+            EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+            EXPECT_EQ(box.s.get("KSX", row.args[1], row.args[2], "<missing>"), "<missing>");
+        }
+    }
+    EXPECT_EQ(box.s.get("KSX", "CoinAcceptor", "CAF"), "yes");
+}
+
+TEST(Ksxctl, LookingAtAStoreThatIsNotThereNeitherCreatesItNorSucceeds) {
+    const std::string dir = test::makeTempDir("ksx-ctl");
+    const std::string store = dir + "/config/kestrix/KSX.db";
+    for (const std::vector<std::string>& look :
+         {std::vector<std::string>{"get", "Status", "Due"}, {"dump"}, {"watch", "Status"}}) {
+        std::vector<std::string> args = {"--store", store};
+        args.insert(args.end(), look.begin(), look.end());
+        const test::RunResult r = ksxctl(args);
+        EXPECT_EQ(r.status, 3) << look[0];
+        EXPECT_EQ(r.err, "ksxctl: settings store " + store + " does not exist\n");
+        EXPECT_FALSE(std::filesystem::exists(dir + "/config")) << look[0];
+    }
 }
 
 TEST(Ksxctl, WatchPrintsEachChangeWithATimeStampUntilInterrupted) {
@@ -120,6 +177,8 @@ TEST(Ksxctl, BadArgumentsAreUsageErrorsOfOneLineAndWriteNothing) {
         {"change", "5", "--card"},
         {"cancel", "--now"},
         {"exit", "1"},
+        {"set", "Status", "Due"},
+        {"set", "CoinAcceptor", "CAE", "yes"},
     };
     for (const auto& args : bad) {
         const test::RunResult r = ksxctl(args, {"KSX_STORE=" + box.store});
@@ -144,6 +203,7 @@ TEST(Ksxctl, BadArgumentsAreUsageErrorsOfOneLineAndWriteNothing) {
     for (const char* word : {"get", "set", "dump", "watch", "pay", "--store", "KSX_STORE"}) {
         EXPECT_NE(help.out.find(word), std::string::npos) << word;
     }
+    EXPECT_EQ(ksxctl({"--version"}).out, "ksxctl 5.0.0\n");
 }
 
 TEST(Ksxctl, ARequestPendingOrRunningMakesTheNextOneWait) {
@@ -170,7 +230,7 @@ TEST(Ksxctl, ARequestPendingOrRunningMakesTheNextOneWait) {
     }
 }
 
-TEST(Ksxctl, WithNoEngineTheRequestIsWithdrawnAtTheTimeOut) {
+TEST(Ksxctl, WithAnEngineThatTakesNothingTheRequestIsWithdrawnAtTheTimeOut) {
     Mailbox box;
     box.set("Status", "Payment Completed");  // an earlier payment's, not this one's
     const test::RunResult cash = box.ksxctl({"pay", "5", "--timeout", "0.5"});
@@ -188,6 +248,51 @@ TEST(Ksxctl, WithNoEngineTheRequestIsWithdrawnAtTheTimeOut) {
     const test::RunResult change = box.ksxctl({"change", "2.5", "--timeout", "0.5"});
     EXPECT_EQ(change.status, 5) << change.err;
     EXPECT_EQ(box.get("Change"), "");
+}
+
+// A process that has ended: its id, as a crashed engine's lock file still names it.
+long endedProcess() {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    return child;
+}
+
+TEST(Ksxctl, PayStopsAtOnceWhenNoEngineRunsOrTheEngineDies) {
+    Mailbox box;
+    box.engine.unlock();
+    const std::string lockPath = qt::engineLockPath(box.store);
+    char host[256] = {};
+    gethostname(host, sizeof host - 1);
+    const std::vector<std::string> lockFiles = {
+        "",                                                            // none at all
+        std::to_string(endedProcess()) + "\nkestrix\n" + host + "\n",  // a crashed engine's
+    };
+    for (const std::string& lock : lockFiles) {
+        if (!lock.empty()) {
+            std::ofstream(lockPath) << lock;
+        }
+        const auto start = std::chrono::steady_clock::now();
+        const test::RunResult r = box.ksxctl({"pay", "5", "--json"});
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+        EXPECT_EQ(r.status, 7) << r.err;
+        EXPECT_NE(r.err.find("no engine runs on the store " + box.store), std::string::npos)
+            << r.err;
+        EXPECT_NE(r.out.find("\"outcome\":\"no-engine\""), std::string::npos) << r.out;
+        EXPECT_EQ(box.get("Due"), "0") << "nothing is written";
+    }
+
+    // An engine that dies while a request waits.
+    std::filesystem::remove(lockPath);
+    ASSERT_TRUE(box.engine.tryLock(0));
+    test::ChildProcess pay(test::ksxctlBinary(), box.withStore({"pay", "12.5"}));
+    ASSERT_TRUE(test::eventually([&] { return box.get("Due") == "12.5"; }, 10s));
+    box.engine.unlock();
+    EXPECT_EQ(pay.wait(5s), std::optional<int>(7)) << pay.err();
+    EXPECT_NE(pay.err().find("the engine serving the store has stopped"), std::string::npos);
+    EXPECT_EQ(box.get("Due"), "0") << "a request no engine took is withdrawn";
 }
 
 TEST(Ksxctl, OnATerminalTheProgressLineIsRewrittenInPlace) {
@@ -239,22 +344,25 @@ TEST(Ksxctl, PayPrintsEachChangeOnceAndTheResults) {
     box.set("Status", "Payment Completed");
 
     EXPECT_EQ(pay.wait(10s), std::optional<int>(0)) << pay.err();
-    const std::string out = pay.out();
-    EXPECT_NE(out.find("Insert Coins or Bills... | credit 0 | due 12.5\n"), std::string::npos)
-        << out;
-    const std::string results =
-        "Status=Payment Completed\nCredit=0\nDue=0\nChangeDispensed=7.5\nTubes=0\nKSX_Error=0\n";
-    ASSERT_GE(out.size(), results.size());
-    EXPECT_EQ(out.substr(out.size() - results.size()), results);
+    // The results on standard output, the progress on standard error.
+    EXPECT_EQ(pay.out(),
+              "Status=Payment Completed\nCredit=0\nDue=0\nChangeDispensed=7.5\nTubes=0\n"
+              "KSX_Error=0\n");
+    const std::string progress = pay.err();
+    EXPECT_EQ(progress.rfind("waiting for the engine... | credit 0 | due 12.5\n", 0), 0u)
+        << "the previous payment's credit is not this one's:\n"
+        << progress;
+    EXPECT_NE(progress.find("Insert Coins or Bills... | credit 0 | due 12.5\n"), std::string::npos)
+        << progress;
     // Lines are printed on change only: 100 ms reads over 300 ms waits print each state once.
     const std::string coinIn = "Insert Coins or Bills... | credit 20 | due 12.5\n";
-    EXPECT_NE(out.find(coinIn), std::string::npos) << out;
-    EXPECT_EQ(out.find(coinIn), out.rfind(coinIn)) << out;
+    EXPECT_NE(progress.find(coinIn), std::string::npos) << progress;
+    EXPECT_EQ(progress.find(coinIn), progress.rfind(coinIn)) << progress;
 }
 
 TEST(Ksxctl, InterruptCancelsTheRunningPayment) {
     Mailbox box;
-    test::ChildProcess pay(test::ksxctlBinary(), box.withStore({"pay", "40"}));
+    test::ChildProcess pay(test::ksxctlBinary(), box.withStore({"pay", "40", "--json"}));
     ASSERT_TRUE(test::eventually([&] { return box.get("Due") == "40"; }, 10s));
     box.set("Status", "Insert Coins or Bills...");
     box.set("Credit", "10");
@@ -267,7 +375,10 @@ TEST(Ksxctl, InterruptCancelsTheRunningPayment) {
     box.set("Status", "Transaction Cancelled");
     box.set("Cancel", "");
     EXPECT_EQ(pay.wait(10s), std::optional<int>(4)) << pay.err();
-    EXPECT_NE(pay.out().find("Status=Transaction Cancelled\n"), std::string::npos);
+    EXPECT_EQ(pay.out(),
+              "{\"outcome\":\"failed\",\"exitStatus\":4,\"request\":\"Due\",\"amount\":\"40\","
+              "\"results\":{\"Status\":\"Transaction Cancelled\",\"Credit\":\"0\",\"Due\":\"0\","
+              "\"ChangeDispensed\":\"\",\"Tubes\":\"0\",\"KSX_Error\":\"0\"}}\n");
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "engine/card/card_number.h"
 #include "engine/card/card_payment.h"
 #include "engine/card/voucher.h"
 #include "sim/world/fakes.h"
@@ -60,6 +62,54 @@ TEST(Voucher, MarkersAreRemovedInTheirOrder) {
     for (const Row& row : rows) {
         EXPECT_EQ(voucher::withoutMarkers(row.in), row.out) << row.in;
     }
+}
+
+// Whatever the library hands over, at most the first six and the last four digits leave the
+// engine.
+TEST(CardNumber, MaskedToTheIssuerAndTheLastFour) {
+    struct Row {
+        std::string in;
+        std::string text;                  // inside a voucher or status text
+        std::optional<std::string> field;  // as the console's card number field shows it
+    };
+    const std::vector<Row> rows = {
+        {"4111111111111111", "411111******1111", "411111******1111"},
+        {"************1111", "************1111", "************1111"},
+        {"411111******1111", "411111******1111", "411111******1111"},
+        {"4111 1111 1111 1111", "4111 11** **** 1111", "4111 11** **** 1111"},
+        {"5500-0000-0000-0004", "5500-00**-****-0004", "5500-00**-****-0004"},
+        {"TARJETA: 4000056655665556 EXP", "TARJETA: 400005******5556 EXP",
+         "TARJETA: 400005******5556 EXP"},
+        {"4111111111111111111111", "411111************1111", "411111************1111"},
+        // Too short for a card number in a text; as the card number field, the last four only.
+        {"3782822463", "3782822463", "******2463"},
+        {"1234", "1234", "1234"},
+        {"", "", ""},
+        // Amounts and references in a text are not card numbers.
+        {"$1,234,567,890.00", "$1,234,567,890.00", std::nullopt},
+        {"001A2B3C4D5E_260314090000", "001A2B3C4D5E_260314090000", std::nullopt},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(card::withCardNumbersMasked(row.in), row.text) << row.in;
+        if (row.field) {
+            EXPECT_EQ(card::maskedCardNumber(row.in), *row.field) << row.in;
+        }
+    }
+}
+
+TEST(Voucher, EveryLineHasItsCardNumbersMasked) {
+    sim::RecordingPrinter p;
+    voucher::printApproved(p, " @lnn TARJETA: 4111111111111111 @br ");
+    voucher::printDeclined(p, {"4111111111111111", "ref", "05", "card 5500 0000 0000 0004"});
+    std::string all;
+    for (const auto& doc : p.documents()) {
+        for (const auto& line : doc) {
+            all += line.text + "\n";
+        }
+    }
+    EXPECT_EQ(all.find("1111111111"), std::string::npos) << all;
+    EXPECT_EQ(all.find("0000 0000"), std::string::npos) << all;
+    EXPECT_NE(all.find("TARJETA: 411111******1111"), std::string::npos) << all;
 }
 
 TEST(Voucher, ApprovedIsTheLibraryTextAsOneStatement) {

@@ -1,14 +1,19 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <QDir>
+#include <QFile>
 #include <QFontDatabase>
 #include <QPrinterInfo>
 #include <QProcess>
 #include <QRegularExpression>
+
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <string>
 
+#include "platform_qt/engine_lock.h"
 #include "platform_qt/lock_file_instance.h"
 #include "platform_qt/qt_printer.h"
 #include "support/support.h"
@@ -54,6 +59,10 @@ TEST(QtPrinter, VouchersGoToADirectoryAsPdfWithSpanishTextAndLongLinesWhole) {
     printer.endDoc();
 
     ASSERT_EQ(pdfFiles(dir).size(), 1);
+    EXPECT_EQ(QFile::permissions(QString::fromStdString(printer.lastFile())),
+              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadUser |
+                  QFileDevice::WriteUser)
+        << "a voucher is its user's alone";
     const QString text = pdfText(printer.lastFile());
     EXPECT_TRUE(text.contains(QString::fromUtf8("Código"))) << text.toStdString();
     EXPECT_TRUE(text.contains(QString::fromUtf8("ERROR DE COMUNICACIÓN"))) << text.toStdString();
@@ -128,20 +137,30 @@ TEST(QtPrinter, NoPrinterAtAllIsAnError) {
     EXPECT_THROW(printer.endDoc(), std::runtime_error);
 }
 
-TEST(LockFileInstance, OneEnginePerStoreAndItsCommandLine) {
-    const std::string lock =
-        LockFileInstance::lockPathFor(test::makeTempDir("ksx-lock") + "/KSX.db");
+TEST(LockFileInstance, OneEnginePerStoreHoweverItsPathIsWritten) {
+    const std::string dir = test::makeTempDir("ksx-lock");
+    const std::string store = dir + "/KSX.db";
+    std::filesystem::create_directory(dir + "/sub");
+    std::filesystem::create_directory_symlink(dir, dir + "/link");
     const QStringList args{"kestrix", "--store", "/tmp/x.db", "/hide"};
+    EXPECT_EQ(engineLockState(store).holder, EngineLockState::Holder::None);
     {
-        LockFileInstance first(lock, args);
+        LockFileInstance first(LockFileInstance::lockPathFor(store), args);
         EXPECT_EQ(first.commandLine(), "--store /tmp/x.db /hide");
         EXPECT_FALSE(first.anotherIsRunning());
         EXPECT_FALSE(first.anotherIsRunning()) << "asking again keeps the lock";
-        LockFileInstance second(lock, {"kestrix"});
-        EXPECT_TRUE(second.anotherIsRunning());
-        EXPECT_EQ(second.commandLine(), "");
+        for (const std::string& same : {dir + "/link/KSX.db", dir + "/sub/../KSX.db"}) {
+            LockFileInstance second(LockFileInstance::lockPathFor(same), {"kestrix"});
+            EXPECT_TRUE(second.anotherIsRunning()) << same;
+            EXPECT_EQ(second.holderPid(), static_cast<long>(getpid()));
+            EXPECT_EQ(second.commandLine(), "");
+        }
+        const EngineLockState state = engineLockState(dir + "/link/KSX.db");
+        EXPECT_EQ(state.holder, EngineLockState::Holder::Running);
+        EXPECT_EQ(state.pid, static_cast<long>(getpid()));
     }
-    LockFileInstance third(lock, {});
+    EXPECT_EQ(engineLockState(store).holder, EngineLockState::Holder::None);
+    LockFileInstance third(LockFileInstance::lockPathFor(store), {});
     EXPECT_FALSE(third.anotherIsRunning()) << "the lock ends with its engine";
 }
 

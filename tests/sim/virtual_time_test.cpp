@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 #include <vector>
 
+#include "engine/formulas.h"
 #include "sim/world/virtual_time.h"
 
 namespace kestrix::sim {
@@ -113,6 +115,15 @@ TEST(VirtualClock, WrapsAtMidnightAndCarriesTheDate) {
     EXPECT_EQ(t.month, 1);
     EXPECT_EQ(t.day, 1);
     EXPECT_EQ(t.second, 1);
+}
+
+// Fifteen hours into a world begun at 9:00, a Pause a hair before midnight sleeps "until
+// midnight" for less than the clock can tell apart; the wait must still get there and end.
+TEST(VirtualClock, APauseReachesMidnightAfterHoursOfVirtualTime) {
+    VirtualClock clock(9 * 3600.0);
+    clock.advanceTo(std::nextafter(15 * 3600.0, 0.0));
+    Pause(clock, 0.2);
+    EXPECT_NEAR(clock.secondsSinceMidnight(), 0.2, 1e-6);
 }
 
 }  // namespace

@@ -90,5 +90,41 @@ TEST(SimulatedPinPad, OutcomesReachTheHostAndTheJournalWithTheCardMasked) {
     }
 }
 
+// A library that hands over the whole card number (the simulated one does what it is told) gets
+// it neither onto the voucher nor onto the console, the store, the log or the journal.
+TEST(SimulatedPinPad, AWholeCardNumberLeavesTheEngineMasked) {
+    const std::string full = "4111111111111111";
+    sim::VirtualKiosk k;
+    k.configureAllDevices();
+    k.store().set(store::kApp, store::section::kPinPadSimulator, "CardNumber", full);
+    ASSERT_TRUE(k.start());
+    k.hostWrite(store::mailbox::kDueCC, "25");
+    ASSERT_TRUE(k.runUntil([&] { return k.mailbox("DueCC") == "0"; }, 120));
+    ASSERT_EQ(k.mailbox("Status"), "Credit Card Approved");
+
+    EXPECT_EQ(k.engine().console().text("ccNumTarjeta"), "411111******1111");
+    ASSERT_EQ(k.printer().documents().size(), 1u);
+    std::string everything;
+    for (const auto& line : k.printer().documents()[0]) {
+        everything += line.text + "\n";
+    }
+    EXPECT_NE(everything.find("411111******1111"), std::string::npos) << everything;
+    for (const Field& f : k.engine().console().fields()) {
+        everything += f.text + "\n";
+    }
+    for (const auto& e : k.store().list(store::kApp)) {
+        if (e.section != store::section::kPinPadSimulator) {
+            everything += e.value + "\n";
+        }
+    }
+    for (const std::string& line : k.log().lines()) {
+        everything += line + "\n";
+    }
+    for (const JournalEntry& row : k.journal().rows()) {
+        everything += row.detail + "\n";
+    }
+    EXPECT_EQ(everything.find(full), std::string::npos) << everything;
+}
+
 }  // namespace
 }  // namespace kestrix

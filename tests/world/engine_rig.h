@@ -140,6 +140,7 @@ struct EngineRig {
     sim::RecordingPrinter printer{{"Front Printer", "Voucher Printer"}};
     sim::FixedNetworkInfo network{"00-1A-2B-3C-4D-5E"};
     sim::FixedInstance instance;
+    sim::RecordingLog log;
     ScriptedPinPad pinPad{scheduler};
     sim::VirtualSerialPort mdb{clock, "MSComm1"};
     sim::VirtualSerialPort dispenser{clock, "MSComm2"};
@@ -148,9 +149,9 @@ struct EngineRig {
 
     EngineRig() {
         clock.setDeadline(3600);
-        engine =
-            std::make_unique<Setup>(Platform{clock, scheduler, store, messages, printer, network,
-                                             instance, pinPad, mdb, dispenser, hoppers});
+        engine = std::make_unique<Setup>(Platform{clock, scheduler, store, messages, printer,
+                                                  network, instance, pinPad, mdb, dispenser,
+                                                  hoppers, nullJournal(), log});
     }
     Console& console() { return engine->console(); }
     std::string get(std::string_view section, std::string_view key) {

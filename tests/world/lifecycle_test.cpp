@@ -11,6 +11,17 @@ namespace {
 // request handling when every device is disabled.
 using BareEngine = test::EngineRig;
 
+// The log's errors and warnings (an engine start also logs notices of its own).
+std::vector<std::string> complaintsIn(const sim::RecordingLog& log) {
+    std::vector<std::string> out;
+    for (const std::string& line : log.lines()) {
+        if (line.rfind("<3>", 0) == 0 || line.rfind("<4>", 0) == 0) {
+            out.push_back(line);
+        }
+    }
+    return out;
+}
+
 TEST(Load, AnEmptyStoreGetsTheDefaultSetAndAResetMailbox) {
     BareEngine e;
     e.set(store::section::kStatus, "Due", "12.5");  // left over from before the start
@@ -36,47 +47,6 @@ TEST(Load, AnEmptyStoreGetsTheDefaultSetAndAResetMailbox) {
     EXPECT_TRUE(e.engine->monitorTimer().enabled());
     EXPECT_TRUE(e.pinPad.calls.empty()) << "the pin pad is disabled";
     EXPECT_TRUE(e.messages.shown().empty());
-}
-
-TEST(Load, OneJunkFlagRewritesTheWholeDefaultSetAndRetriesTheRead) {
-    BareEngine e;
-    e.set("Settings", "COM", "4");
-    e.set("Settings", "COM1", "2");
-    e.set("Settings", "COM2", "3");
-    e.set("CoinAcceptor", "CAE", "1");
-    e.set("CoinAcceptor", "ChangeEnabled", "1");
-    for (int n = 1; n <= 16; ++n) {
-        e.set("CoinAcceptor", "CoinType" + std::to_string(n) + "_Enabled", "1");
-        e.set("BillValidator", "BillType" + std::to_string(n) + "_Enabled", "0");
-        e.set("BillValidator", "BillType" + std::to_string(n) + "_Value", "20");
-    }
-    e.set("CoinAcceptor", "CoinType3_Enabled", "x");
-    e.set("BillValidator", "BVE", "0");
-    e.set("BillDispenser", "BDE", "0");
-    e.set("BillDispenser", "BillDispTypeValue", "100");
-    e.set("Hoppers", "HE", "0");
-    e.set("Hoppers", "h1CoinValue", "5");
-    e.set("Hoppers", "h2CoinValue", "10");
-    e.set("Pin Pad", "PPE", "0");
-    e.set("Pin Pad", "URL", "");
-    e.set("Pin Pad", "Printer", "Voucher Printer");
-    e.store.clearWrites();
-    ASSERT_TRUE(e.engine->startUp());
-
-    // Every operator setting went back to its default, including the ones that were fine.
-    for (const store::DeviceSetting& s : store::deviceSettings()) {
-        EXPECT_EQ(e.get(s.section, s.key), s.defaultValue) << s.key;
-    }
-    // Reads made before the junk flag keep what they read; the failed read and those after it
-    // see the defaults.
-    Console& c = e.console();
-    EXPECT_EQ(c.text("comPorts"), "4");
-    EXPECT_TRUE(c.checked("CoinAcceptorEnabled"));
-    EXPECT_TRUE(c.checked("ct2_Enabled"));
-    EXPECT_FALSE(c.checked("ct3_Enabled"));
-    EXPECT_EQ(c.text("bt1_Value"), "0");
-    EXPECT_EQ(c.text("h2CoinValue"), "1");
-    EXPECT_EQ(c.text("ccURL"), "N/A");
     // The default set is written once, in its own order: the dispenser's port with the dispenser.
     std::vector<std::string> defaults;
     for (const std::string& w : e.store.writes()) {
@@ -88,6 +58,72 @@ TEST(Load, OneJunkFlagRewritesTheWholeDefaultSetAndRetriesTheRead) {
         "Settings/COM=0", "BillDispenser/BDE=0", "Settings/COM1=0",
         "BillDispenser/BillDispTypeValue=50", "Settings/COM2=0"};
     EXPECT_EQ(defaults, expected);
+}
+
+// A kiosk's configuration with every device switched off, each other value unlike its default.
+void configure(BareEngine& e) {
+    for (const store::DeviceSetting& s : store::deviceSettings()) {
+        const bool typeFlag = s.key.find("Type") != std::string::npos;
+        e.set(s.section, s.key,
+              s.kind == store::SettingKind::Text   ? "kiosk7"
+              : s.kind == store::SettingKind::Flag ? (typeFlag ? "1" : "0")
+                                                   : "4");
+    }
+}
+
+TEST(Load, AnUnreadableValueAloneTakesItsDefaultAndTheTechnicianIsTold) {
+    struct Row {
+        const char* section;
+        const char* key;
+        const char* value;  // nullptr: the key is missing
+        const char* told;
+    };
+    const std::vector<Row> rows = {
+        {"CoinAcceptor", "CAE", "yes", "CoinAcceptor/CAE held \"yes\""},
+        {"CoinAcceptor", "CoinType3_Enabled", nullptr,
+         "CoinAcceptor/CoinType3_Enabled was missing"},
+        {"Settings", "COM", "ttyUSB0", "Settings/COM held \"ttyUSB0\""},
+        {"BillValidator", "BillType3_Value", "twelve", "BillValidator/BillType3_Value held"},
+        {"Hoppers", "HE", "7", "Hoppers/HE held \"7\""},
+    };
+    for (const Row& row : rows) {
+        BareEngine e;
+        configure(e);
+        row.value != nullptr ? e.set(row.section, row.key, row.value)
+                             : e.store.erase(store::kApp, row.section, row.key);
+        ASSERT_TRUE(e.engine->startUp());
+
+        const store::DeviceSetting& bad = store::setting(row.key);
+        BareEngine expected;
+        configure(expected);
+        for (const store::DeviceSetting& s : store::deviceSettings()) {
+            EXPECT_EQ(e.get(s.section, s.key),
+                      &s == &bad ? s.defaultValue : expected.get(s.section, s.key))
+                << row.key << ": " << s.key;
+        }
+        ASSERT_EQ(e.messages.shown().size(), 1u) << row.key;
+        EXPECT_NE(e.messages.shown()[0].text.find(row.told), std::string::npos)
+            << e.messages.shown()[0].text;
+        const std::vector<std::string> complaints = complaintsIn(e.log);
+        ASSERT_EQ(complaints.size(), 1u) << row.key;
+        EXPECT_EQ(complaints[0].rfind("<3>settings: " + std::string(row.told), 0), 0u)
+            << complaints[0];
+        EXPECT_EQ(e.console().text("ccUser"), "kiosk7") << "the pin pad account is kept";
+    }
+}
+
+TEST(Load, APortNotSetYetReadsAsNoneWithoutComplaint) {
+    BareEngine e;
+    configure(e);
+    e.store.erase(store::kApp, "Settings", "COM1");
+    e.set("Settings", "COM2", "");
+    ASSERT_TRUE(e.engine->startUp());
+    EXPECT_EQ(e.console().text("comPorts"), "4");
+    EXPECT_EQ(e.console().text("comPorts1"), "0");
+    EXPECT_EQ(e.console().text("comPorts2"), "0");
+    EXPECT_EQ(e.console().text("bDispType"), "4") << "the rest is kept";
+    EXPECT_TRUE(e.messages.shown().empty());
+    EXPECT_TRUE(complaintsIn(e.log).empty());
 }
 
 TEST(Load, PrinterSettingSelectsTheInstalledPrinter) {
@@ -162,6 +198,20 @@ TEST(Exit, WithEveryDeviceDisabledSendsNothingAndMarksThePinPadOffLine) {
     EXPECT_EQ(e.get("Pin Pad", "On Line"), "No");
     EXPECT_EQ(e.mailbox("Exit"), "1") << "Exit is never cleared by the engine";
     EXPECT_TRUE(e.mdb.written().empty());
+}
+
+TEST(Monitor, PublishesItsHeartbeatEveryFewSeconds) {
+    BareEngine e;
+    ASSERT_TRUE(e.engine->startUp());
+    const std::string first = e.mailbox("Engine");
+    EXPECT_EQ(first, "2026-03-14 09:00:00") << "written at the load already";
+    e.scheduler.runFor(Setup::kHeartbeatSeconds - 1);
+    EXPECT_EQ(e.mailbox("Engine"), first) << "not rewritten at every tick";
+    e.scheduler.runFor(1.5);
+    EXPECT_EQ(e.mailbox("Engine"), "2026-03-14 09:00:05");
+    e.set("Status", "Exit", "1");
+    e.scheduler.runFor(Setup::kHeartbeatSeconds + 1);
+    EXPECT_EQ(e.mailbox("Engine"), "2026-03-14 09:00:05") << "an ended engine's heartbeat stops";
 }
 
 TEST(Monitor, RequestsThatAreNotAmountsAreLeftAlone) {

@@ -174,13 +174,11 @@ TEST(MoneySafety, EveryDeviceWaitEndsWithinItsBound) {
         const char* request;  // "change" or "cancel"
         double boundSeconds;  // the request ends within this
     };
+    // (Every fault in every phase is the fault matrix's; these are the waits that once had no
+    // end at all.)
     const Row rows[] = {
         {"changer silent mid-payout", "fault changer silent on", std::string("\x0F\x01", 2),
          "change", 30},
-        {"changer busy for ever mid-payout", "fault changer busy-forever on",
-         std::string("\x0F\x01", 2), "change", 60},
-        {"dispenser silent mid-dispense", "fault dispenser silent on",
-         std::string("\x10\x05\x10\x02\x00\x19", 6), "change", 60},
         {"validator silent, then a cancel", "fault validator silent on", "", "cancel", 15},
     };
     for (const Row& r : rows) {
@@ -393,7 +391,10 @@ TEST(MoneySafety, NonsenseAmountsAreNoRequest) {
         for (const std::string& value :
              {std::string("4e-320"), std::string("1e307"), std::string("5,50"), std::string("abc"),
               std::string("-5"), std::string("1e309"), std::string("NaN"), std::string("0.001"),
-              std::string("100000.01"), std::string(1 << 20, '9')}) {
+              std::string("100000.01"), std::string(1 << 20, '9'), std::string(1, '\0') + "5",
+              std::string("\x1b") + "5", std::string("\x7f") + "5", std::string("\u0665\u0660"),
+              std::string("\uFF15\uFF10"), std::string("0x10"), std::string("&H10"),
+              std::string("Inf"), std::string("-Infinity")}) {
             SCOPED_TRACE(std::string(key) + " = " + value.substr(0, 20));
             k.hostWrite(key, value);
             k.runFor(1.5);

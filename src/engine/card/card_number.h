@@ -3,12 +3,22 @@
 #include <string>
 #include <string_view>
 
-namespace kestrix {
+// Card numbers leave the engine masked: at most the first six digits (the issuer) and the last
+// four are shown, whatever the payment library hands over. A library that already masks passes
+// through unchanged; one that gives the whole number (a simulated card, a test library) does not
+// get it onto a voucher, the console, a log or the store.
+namespace kestrix::card {
 
-// A card number as the engine may keep or show it anywhere (journal, log): at most its first six
-// and last four digits, every other character a '*'. Spaces and dashes are dropped first. A
-// number of fewer than 13 characters keeps only its last four, so that a short number is never
-// shown nearly whole; one of four or fewer is all stars. Already masked text stays masked.
-std::string maskCardNumber(std::string_view number);
+inline constexpr char kMaskDigit = '*';
+// The shortest card number (ISO/IEC 7812): a run of this many digits in a text is taken as one.
+inline constexpr std::size_t kShortestCardNumberDigits = 13;
 
-}  // namespace kestrix
+// The card number field as the library gave it, with every digit masked but the first six and the
+// last four (only the last four when it has fewer than 13 digits). Other characters stay.
+std::string maskedCardNumber(std::string_view number);
+
+// A text (a voucher the library wrote, a log line) with every card number in it masked: any run
+// of 13 or more digits, single blanks or dashes between digits included, as in maskedCardNumber.
+std::string withCardNumbersMasked(std::string_view text);
+
+}  // namespace kestrix::card

@@ -63,8 +63,8 @@ std::string CardPayment::pinPadDisplay(int index) {
 }
 
 std::string CardPayment::pinPadErrorMessage(const PinPadErrorDetails& details) {
-    return details.error + " DescError = " + details.description + " CodError =  " + details.code +
-           "\n";
+    return card::withCardNumbersMasked(details.error + " DescError = " + details.description +
+                                       " CodError =  " + details.code + "\n");
 }
 
 std::string CardPayment::buildReference(const std::string& adapterAddress,
@@ -90,7 +90,8 @@ Console& CardPayment::console() {
 }
 
 void CardPayment::showStatus(std::string text) {
-    console().setText("statusDisplay", std::move(text));
+    // Statuses may carry the library's texts (its prompts, its errors) to the host.
+    console().setText("statusDisplay", card::withCardNumbersMasked(text));
     m_setup.writeMailbox(store::mailbox::kStatus, console().text("statusDisplay"));
 }
 
@@ -212,8 +213,8 @@ void CardPayment::runSale() {
         return;
     }
 
-    c.setText("ccNumTarjeta", lib.cardNumber());
-    m_maskedCard = maskCardNumber(c.text("ccNumTarjeta"));
+    c.setText("ccNumTarjeta", card::maskedCardNumber(lib.cardNumber()));
+    m_maskedCard = c.text("ccNumTarjeta");
     c.setText("ccTarjetahabiente", lib.cardHolder());
     lib.setTextParameter("");
     SaleRequest sale;
@@ -359,7 +360,7 @@ void CardPayment::clickTimer_Timer() {
 void CardPayment::ccTimer_Timer() {
     Console& c = console();
     try {
-        c.setText("ccPantallaPP", library().displayMessage());
+        c.setText("ccPantallaPP", card::withCardNumbersMasked(library().displayMessage()));
         if (c.text("enablePaymentCC") == kCancelCaption) {
             showStatus(c.text("ccPantallaPP"));
         }
@@ -423,7 +424,7 @@ void CardPayment::testRead() {
         c.setText("ccPantallaPP", pinPadErrorMessage(lib.errorDetails()));
         m_setup.ccTimer().setEnabled(false);
     } else {
-        c.setText("ccNumTarjeta", lib.cardNumber());
+        c.setText("ccNumTarjeta", card::maskedCardNumber(lib.cardNumber()));
         c.setText("ccTarjetahabiente", lib.cardHolder());
     }
     c.setText("ccReadCard", std::string(kReadCaption));

@@ -1,5 +1,7 @@
 #include "voucher.h"
 
+#include "card_number.h"
+
 namespace kestrix::voucher {
 
 namespace {
@@ -10,8 +12,10 @@ void startDocument(Printer& printer) {
     printer.setFontSize(kFontSize);
 }
 
+// Every line goes through here, so no card number reaches the paper (or a PDF) unmasked, whatever
+// text the library put on its voucher.
 void line(Printer& printer, std::string_view text = {}) {
-    printer.printLine(std::string(text));
+    printer.printLine(card::withCardNumbersMasked(text));
 }
 
 void blankLines(Printer& printer, int count) {

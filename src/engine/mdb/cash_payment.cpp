@@ -81,6 +81,15 @@ void CashPayment::endPaymentRecord(std::string_view status, Money change, Money 
     st.paymentId = 0;
 }
 
+bool CashPayment::enabledPortClosed() {
+    const Console& c = m_setup.console();
+    Platform& p = m_setup.platform();
+    const bool mdb = c.checked("CoinAcceptorEnabled") || c.checked("billValidatorEnabled");
+    return (mdb && !p.mdbPort.isOpen()) ||
+           (c.checked("billDispenserEnabled") && !p.dispenserPort.isOpen()) ||
+           (c.checked("hoppersEnabled") && !p.hoppersPort.isOpen());
+}
+
 void CashPayment::reportVanishedPorts() {
     // A link of an enabled device that closed during the payment (a cable pulled, a USB adapter
     // gone) is a port error, whatever device error the payment ended with: the host reads it in
@@ -88,9 +97,7 @@ void CashPayment::reportVanishedPorts() {
     const Console& c = m_setup.console();
     Platform& p = m_setup.platform();
     const bool mdb = c.checked("CoinAcceptorEnabled") || c.checked("billValidatorEnabled");
-    if ((mdb && !p.mdbPort.isOpen()) ||
-        (c.checked("billDispenserEnabled") && !p.dispenserPort.isOpen()) ||
-        (c.checked("hoppersEnabled") && !p.hoppersPort.isOpen())) {
+    if (enabledPortClosed()) {
         m_setup.writeMailbox(store::mailbox::kKsxError, "1");
         m_setup.log().error("a device's port closed during the payment: port error",
                             {"", m_setup.state().paymentId});
@@ -109,7 +116,11 @@ void CashPayment::enablePayment_Click(std::string_view requester) {
     c.setEnabled("enablePayment", false);
     c.setEnabled("enablePaymentCC", false);
     const bool ok = trapped([&] {
-        if (st.bvNeedsInit || st.pollTimedOut || st.changerFailed) {
+        // A device that failed, or a port that went (a cable pulled, a USB adapter gone), in an
+        // earlier payment is initialised again before the next payment starts: a port back in
+        // its place is opened again, and one still missing is told to the host once more.
+        if (st.bvNeedsInit || st.pollTimedOut || st.changerFailed ||
+            (st.amountDue.isZero() && enabledPortClosed())) {
             m_setup.InitEquipment();
         }
         const std::optional<Money> due = requestedAmount(c.text("due"), m_setup.maxAmount());
@@ -395,6 +406,28 @@ void CashPayment::settleAcceptance() {
             break;
         }
         m_setup.pause(bounds::kSettlePollSeconds);
+    }
+}
+
+void CashPayment::collectReports() {
+    Console& c = m_setup.console();
+    // A device that failed in a payment, or whose port went, may still hold the report of money
+    // it took in while nobody heard it (a bill stacked as the cable was pulled); the RESET of its
+    // initialisation would drop that report. It is read first: credited to a payment still
+    // running, otherwise recorded in the journal as uncredited and logged, for the operator to
+    // settle. A device that does not answer is left to its initialisation.
+    constexpr int kRounds = 5;
+    for (int round = 0; round < kRounds; ++round) {
+        bool more = false;
+        if (c.checked("CoinAcceptorEnabled")) {
+            more = pollChanger(mdb::payment_use::kSettleChangerPoll) == Poll::Active || more;
+        }
+        if (c.checked("billValidatorEnabled")) {
+            more = pollValidator(mdb::payment_use::kSettleValidatorPoll) == Poll::Active || more;
+        }
+        if (!more) {
+            break;
+        }
     }
 }
 

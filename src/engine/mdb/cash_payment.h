@@ -52,6 +52,10 @@ public:
     // Brings the bill validator back without a full initialisation; sets bvNeedsInit on failure.
     void bvRecovery();
 
+    // Before equipment initialisation resets a device that failed: reads what the changer and
+    // the validator still report, so that money they took in meanwhile is credited or recorded.
+    void collectReports();
+
     // Exit: a payment still running ends as a cancel that pays the credit back.
     void endForExit();
     // After an internal error: acceptance off, the payment ended with its credit still published
@@ -114,6 +118,8 @@ private:
     void beginPaymentRecord(std::string_view kind, Money amount, std::string_view requester);
     void endPaymentRecord(std::string_view status, Money change, Money unpaid);
     void reportVanishedPorts();
+    // The port of an enabled device has closed (it went, and has not been opened again).
+    bool enabledPortClosed();
 
     Setup& m_setup;
     // Which device the tick was talking to, for the tick's error trap.

@@ -143,10 +143,13 @@ Money CashPayment::payFromTubes(Money owed, Money& unknown) {
     }
     while (owed.positive() && !m_setup.pastDeadline()) {
         // The tubes as they are right now: a technician may have filled or emptied one since
-        // the last reading.
-        const std::optional<TubeCounts> before =
-            readTubeStatus(m_setup, payment_use::kTubeStatus, kDeviceAttempts);
-        if (!before) {
+        // the last reading. A link that has gone ends the tubes' part; what they paid until
+        // then stays counted, and the rest passes on to the hoppers.
+        std::optional<TubeCounts> before;
+        if (!trapped([&] {
+                before = readTubeStatus(m_setup, payment_use::kTubeStatus, kDeviceAttempts);
+            }) ||
+            !before) {
             m_setup.state().changerFailed = true;
             break;
         }
@@ -185,13 +188,18 @@ CashPayment::TubePayout CashPayment::payOnce(int units, const std::array<int, 17
     p.asked = Money::fromMinor(units * Money::kMinorPerUnit / scaling);
     m_setup.journal({.kind = journal_kind::kPayoutAsked, .device = "tubes", .amount = p.asked});
 
-    const Watch watch = payOutFromTubes(units);
     // What left the tubes: the changer's own account of the payout where it gives one, else
     // what each coin type's tube lost (never what one gained: a tube filled meanwhile does not
-    // hide a coin paid from another). Never more than was asked.
-    const std::optional<TubeCounts> reported = payoutStatus();
-    const std::optional<TubeCounts> after =
-        readTubeStatus(m_setup, payment_use::kTubeStatus, kDeviceAttempts);
+    // hide a coin paid from another). Never more than was asked. A link that goes during the
+    // payout leaves neither: what was asked is then unknown, as with a changer fallen silent.
+    Watch watch = Watch::Silent;
+    std::optional<TubeCounts> reported;
+    std::optional<TubeCounts> after;
+    trapped([&] {
+        watch = payOutFromTubes(units);
+        reported = payoutStatus();
+        after = readTubeStatus(m_setup, payment_use::kTubeStatus, kDeviceAttempts);
+    });
     if (reported) {
         p.paid = tubeMoney(m_setup, *reported);
     } else if (after) {

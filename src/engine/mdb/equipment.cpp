@@ -12,6 +12,7 @@
 #include "../journal/device_health.h"
 #include "../settings/layout.h"
 #include "../setup.h"
+#include "cash_payment.h"
 #include "link.h"
 #include "payment_uses.h"
 #include "tubes.h"
@@ -333,6 +334,9 @@ void Setup::InitEquipment() {
             m_state.portName = kMdbPort;
             m_link->open();
             m_health->working("mdb");
+            if (m_state.pollTimedOut || m_state.bvNeedsInit) {
+                m_cash->collectReports();
+            }
         }
 
         if (c.checked("CoinAcceptorEnabled")) {
@@ -361,8 +365,9 @@ void Setup::InitEquipment() {
     if (!ok) {
         // In practice a port that cannot be opened or has gone: nothing after it is initialised.
         writeMailbox(store::mailbox::kKsxError, "1");
-        m_health->fault(linkDevice(m_state.portName),
-                        m_state.portName + ": port error; the devices after it are not initialised");
+        m_health->fault(
+            linkDevice(m_state.portName),
+            m_state.portName + ": port error; the devices after it are not initialised");
         m_platform.messageBox.show(m_state.portName + std::string(kPortErrorSuffix),
                                    std::string(kMessageTitle));
     }

@@ -109,10 +109,10 @@ Command validatorIdentification();  // 37/01 00/00 37/00
 // --- Replies ---------------------------------------------------------------------------------
 
 // The value of a hexadecimal text as the link reads it: ConvertBaseNToDec with base 16, so a
-// character outside the alphabet counts -1 times its power and no digit is checked. An empty
-// text (a byte past the end of a short reply) has no digits and counts 0: a peripheral may send
-// a shorter SETUP than the longest one (fewer coin types), and a missing credit reads as an
-// unused one rather than as an error.
+// character that is no hexadecimal digit is a KsxError. An empty text (a byte past the end of a
+// short reply) has no digits and counts 0: a peripheral may send a shorter SETUP than the
+// longest one (fewer coin types), and a missing credit reads as an unused one rather than as an
+// error.
 double hexValue(std::string_view hexText);
 
 // Reply text collected from the adapter.
@@ -137,12 +137,11 @@ public:
     std::string hex(int k) const;
     // Bytes `first`..`last` as one hexadecimal text ("0b" "c3" -> "0bc3").
     std::string hexJoined(int first, int last) const;
-    // Byte k as a number (see hexValue: an absent byte counts 0).
+    // Byte k as a number (see hexValue: an absent byte counts 0; garbage is a KsxError).
     double number(int k) const { return hexValue(hex(k)); }
     // Byte k as decimal text; "" for an absent byte.
     std::string decimal(int k) const;
-    // Byte k as the character of its code; "" for an absent byte or a value no byte has
-    // (garbage such as "??" reads -17, "zz" 595).
+    // Byte k as the character of its code; "" for an absent byte or for garbage ("??").
     std::string character(int k) const;
     // Bytes `first`..`last` as characters, joined.
     std::string characters(int first, int last) const;

@@ -127,6 +127,9 @@ void CashPayment::creditChanger(const std::vector<mdb::ChangerEvent>& events) {
                              .type = e.coinType,
                              .raw = e.raw,
                              .detail = "coin outside a payment or of unknown value"});
+            m_setup.log().warning("coin changer: coin of type " + std::to_string(e.coinType) +
+                                      " not credited (no payment, or no value)",
+                                  {"changer", st.paymentId});
             continue;
         }
         m_setup.journal({.kind = journal_kind::kCredit,

@@ -31,7 +31,8 @@ public:
     virtual void set(std::string_view app, std::string_view section, std::string_view key,
                      std::string_view value) = 0;
     // Every entry of the application, or of one section when `section` is not empty, ordered by
-    // section and key. For tools (dump, watch); the engine itself never lists.
+    // section and key. For tools (dump, watch), and for the monitor's one look at the whole
+    // mailbox on a tick that finds nothing asked.
     virtual std::vector<Entry> list(std::string_view app, std::string_view section = {}) = 0;
 };
 

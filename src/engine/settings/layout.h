@@ -54,6 +54,8 @@ inline constexpr std::string_view kInterruptedOutcome = "InterruptedOutcome";
 inline constexpr std::string_view kInterruptedCredit = "InterruptedCredit";
 inline constexpr std::string_view kInterruptedPaid = "InterruptedPaid";
 inline constexpr std::string_view kInterruptedUnknown = "InterruptedUnknown";
+// The engine's heartbeat: the local time ("2026-11-22 09:30:15") of a recent monitor tick.
+inline constexpr std::string_view kEngine = "Engine";
 }  // namespace mailbox
 
 // Keys of the other sections that are not operator settings.
@@ -105,5 +107,18 @@ struct MailboxValue {
 const std::vector<MailboxValue>& mailboxReset();
 
 const DeviceSetting& setting(std::string_view key);
+
+// What a tool may write into the engine's own sections ("Settings", "CoinAcceptor",
+// "BillValidator", "BillDispenser", "Hoppers", "Pin Pad"), checked against what the engine reads
+// there: the operator settings above and the other keys the engine reads or exports. Other
+// sections ("Status", "Ports", "Pin Pad Simulator", ...) are free. Names compare without regard
+// to case, as the store's do.
+bool isCheckedSection(std::string_view section);
+// The keys of a checked section, in layout order; empty for a free section.
+std::vector<std::string> sectionKeys(std::string_view section);
+// Why the engine could not use `value` under section/key (no such key, or a value it cannot
+// read: a flag that is not 0 or 1, a number or port that is not one); empty when it can, and
+// for every key of a free section.
+std::string settingProblem(std::string_view section, std::string_view key, std::string_view value);
 
 }  // namespace kestrix::store

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "sim/json_writer.h"
+#include <nlohmann/json.hpp>
 
 namespace kestrix::sim {
 
@@ -324,6 +324,14 @@ std::string BillDispenserModel::transmit(double now) {
     return out;
 }
 
+double BillDispenserModel::nextOutputAt(double) const {
+    double next = m_out.empty() ? kNever : m_out.front().due;
+    if (m_operation) {
+        next = std::min(next, m_operation->due);
+    }
+    return next;
+}
+
 void BillDispenserModel::powerCycle(double) {
     m_rx = Rx::Idle;
     m_operation.reset();
@@ -341,19 +349,17 @@ ControlResult BillDispenserModel::setBills(int count) {
     return ControlResult::accepted("cassette holds " + std::to_string(count) + " bills");
 }
 
-std::string BillDispenserModel::stateJson() const {
-    JsonWriter w;
-    w.beginObject();
-    w.key("faults").array(activeFaults());
-    w.key("billsLeft").value(m_left);
-    w.key("billsDelivered").value(m_delivered);
-    w.key("billValue").value(m_profile.billValue);
-    w.key("setUpFor").value(m_setUpFor);
-    w.key("low").value(m_left < m_profile.lowBelow);
-    w.key("busy").value(busy());
-    w.key("frames").raw(m_log.json());
-    w.endObject();
-    return w.text();
+nlohmann::ordered_json BillDispenserModel::state() const {
+    nlohmann::ordered_json w;
+    w["faults"] = activeFaults();
+    w["billsLeft"] = m_left;
+    w["billsDelivered"] = m_delivered;
+    w["billValue"] = m_profile.billValue;
+    w["setUpFor"] = m_setUpFor;
+    w["low"] = m_left < m_profile.lowBelow;
+    w["busy"] = busy();
+    w["frames"] = m_log.json();
+    return w;
 }
 
 }  // namespace kestrix::sim

@@ -64,8 +64,10 @@ public:
 
     void receive(std::string_view bytes, double now) override;
     std::string transmit(double now) override;
+    // The next queued answer, or the end of the operation under way (its answer follows).
+    double nextOutputAt(double now) const override;
     void powerCycle(double now) override;
-    std::string stateJson() const override;
+    nlohmann::ordered_json state() const override;
 
     // Lets a running operation finish by `now`.
     void advance(double now);

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "sim/json_writer.h"
+#include <nlohmann/json.hpp>
 
 namespace kestrix::sim {
 
@@ -218,28 +218,18 @@ ControlResult Hopper::setCoins(int count) {
                                    std::to_string(count) + " coins");
 }
 
-std::string Hopper::stateJson() const {
-    JsonWriter w;
-    w.beginObject();
-    w.key("address").value(address());
-    w.key("faults").array(activeFaults());
-    w.key("mode").value(m_profile.mode);
-    w.key("coinsLeft").value(m_coins);
-    w.key("coinsPaid").value(m_lifetimePaid);
-    w.key("enabled").value(m_enabled);
-    w.key("eventCounter").value(m_eventCounter);
-    w.key("lastDispense")
-        .beginObject()
-        .key("remaining")
-        .value(m_remaining)
-        .key("paid")
-        .value(m_paid)
-        .key("unpaid")
-        .value(m_unpaid)
-        .endObject();
-    w.key("testRegister").value(static_cast<int>(testRegister()));
-    w.endObject();
-    return w.text();
+nlohmann::ordered_json Hopper::state() const {
+    nlohmann::ordered_json w;
+    w["address"] = address();
+    w["faults"] = activeFaults();
+    w["mode"] = m_profile.mode;
+    w["coinsLeft"] = m_coins;
+    w["coinsPaid"] = m_lifetimePaid;
+    w["enabled"] = m_enabled;
+    w["eventCounter"] = m_eventCounter;
+    w["lastDispense"] = {{"remaining", m_remaining}, {"paid", m_paid}, {"unpaid", m_unpaid}};
+    w["testRegister"] = static_cast<int>(testRegister());
+    return w;
 }
 
 }  // namespace kestrix::sim

@@ -44,7 +44,7 @@ public:
     bool deaf(double now) const { return now < m_deafUntil; }
     void advance(double now);
     void powerCycle(double now) override;
-    std::string stateJson() const override;
+    nlohmann::ordered_json state() const override;
 
     ControlResult setCoins(int count);
     int coinsLeft() const { return m_coins; }

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "sim/json_writer.h"
+#include <nlohmann/json.hpp>
 
 namespace kestrix::sim {
 
@@ -105,17 +105,16 @@ std::string HopperBus::transmit(double now) {
     return out;
 }
 
-std::string HopperBus::stateJson() const {
-    JsonWriter w;
-    w.beginObject();
-    w.key("echo").value(echoing());
-    w.key("hoppers").beginArray();
-    w.raw(m_hoppers[0]->stateJson());
-    w.raw(m_hoppers[1]->stateJson());
-    w.endArray();
-    w.key("frames").raw(m_log.json());
-    w.endObject();
-    return w.text();
+double HopperBus::nextOutputAt(double) const {
+    return m_out.empty() ? kNever : m_out.front().due;
+}
+
+nlohmann::ordered_json HopperBus::state() const {
+    nlohmann::ordered_json w;
+    w["echo"] = echoing();
+    w["hoppers"] = nlohmann::ordered_json::array({m_hoppers[0]->state(), m_hoppers[1]->state()});
+    w["frames"] = m_log.json();
+    return w;
 }
 
 }  // namespace kestrix::sim

@@ -23,6 +23,8 @@ public:
 
     void receive(std::string_view bytes, double now) override;
     std::string transmit(double now) override;
+    // Hoppers answer only when addressed: only queued replies and echoes come out.
+    double nextOutputAt(double now) const override;
     // Lets the hoppers' payouts catch up to `now`.
     void advance(double now);
 
@@ -33,7 +35,7 @@ public:
     // Whether the bus echoes right now.
     bool echoing() const;
     const FrameLog& log() const { return m_log; }
-    std::string stateJson() const;
+    nlohmann::ordered_json state() const;
 
     static constexpr double kReplySeconds = 0.015;
     static constexpr double kInterByteTimeoutSeconds = 0.050;

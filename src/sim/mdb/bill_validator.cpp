@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "sim/json_writer.h"
+#include <nlohmann/json.hpp>
 
 namespace kestrix::sim {
 
@@ -217,7 +217,7 @@ ControlResult BillValidator::insertBill(int type, double now) {
     return ControlResult::accepted("accepted: " + name);
 }
 
-std::string BillValidator::stateJson() const {
+nlohmann::ordered_json BillValidator::state() const {
     int types = 0;
     for (int t = 0; t < 16; ++t) {
         if (m_profile.billCredits[static_cast<std::size_t>(t)] > 0) {
@@ -229,26 +229,19 @@ std::string BillValidator::stateJson() const {
         stacked.push_back(stackedCount(t));
         credits.push_back(m_profile.billCredits[static_cast<std::size_t>(t)]);
     }
-    JsonWriter w;
-    w.beginObject();
-    w.key("faults").array(activeFaults());
-    w.key("manufacturer").value(manufacturer());
-    w.key("billCredits").array(credits);
-    w.key("billEnable").value(hex4(m_billEnable));
-    w.key("escrowEnable").value(hex4(m_escrowEnable));
-    w.key("stacked").array(stacked);
-    w.key("stackerCount").value(m_stackerCount);
-    w.key("inEscrow");
-    if (m_escrow) {
-        w.value(*m_escrow + 1);
-    } else {
-        w.null();
-    }
-    w.key("billsInTransport").value(static_cast<int>(m_inFlight.size()));
-    w.key("pendingEvents").value(static_cast<int>(pendingEvents()));
-    w.key("frames").raw(m_busLog.json());
-    w.endObject();
-    return w.text();
+    nlohmann::ordered_json w;
+    w["faults"] = activeFaults();
+    w["manufacturer"] = manufacturer();
+    w["billCredits"] = credits;
+    w["billEnable"] = hex4(m_billEnable);
+    w["escrowEnable"] = hex4(m_escrowEnable);
+    w["stacked"] = stacked;
+    w["stackerCount"] = m_stackerCount;
+    w["inEscrow"] = m_escrow ? nlohmann::ordered_json(*m_escrow + 1) : nlohmann::ordered_json();
+    w["billsInTransport"] = static_cast<int>(m_inFlight.size());
+    w["pendingEvents"] = static_cast<int>(pendingEvents());
+    w["frames"] = m_busLog.json();
+    return w;
 }
 
 }  // namespace kestrix::sim

@@ -30,7 +30,7 @@ public:
     std::string commandName(const Bytes& frame) const override;
     bool setFault(std::string_view name, bool on) override;
     void powerCycle(double now) override;
-    std::string stateJson() const override;
+    nlohmann::ordered_json state() const override;
 
     // A customer feeds a bill of MDB type `type` (0..15). Taken only when the type exists and
     // the engine has enabled it.

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <numeric>
 
-#include "sim/json_writer.h"
+#include <nlohmann/json.hpp>
 
 namespace kestrix::sim {
 
@@ -327,7 +327,7 @@ ControlResult CoinChanger::setTubeCount(int type, int count) {
                                    std::to_string(count));
 }
 
-std::string CoinChanger::stateJson() const {
+nlohmann::ordered_json CoinChanger::state() const {
     int types = 0;
     for (int t = 0; t < 16; ++t) {
         if (m_profile.coinCredits[static_cast<std::size_t>(t)] > 0) {
@@ -341,22 +341,20 @@ std::string CoinChanger::stateJson() const {
         paid.push_back(paidOutCount(t));
         credits.push_back(m_profile.coinCredits[static_cast<std::size_t>(t)]);
     }
-    JsonWriter w;
-    w.beginObject();
-    w.key("faults").array(activeFaults());
-    w.key("coinCredits").array(credits);
-    w.key("coinEnable").value(hex4(m_coinEnable));
-    w.key("manualDispense").value(hex4(m_manualEnable));
-    w.key("tubes").array(tubes);
-    w.key("cashBox").array(cash);
-    w.key("paidOut").array(paid);
-    w.key("payoutBusy").value(payoutBusy());
-    w.key("coinsPlanned").value(static_cast<int>(m_payout.size()));
-    w.key("coinsInAcceptor").value(static_cast<int>(m_inFlight.size()));
-    w.key("pendingEvents").value(static_cast<int>(pendingEvents()));
-    w.key("frames").raw(m_busLog.json());
-    w.endObject();
-    return w.text();
+    nlohmann::ordered_json w;
+    w["faults"] = activeFaults();
+    w["coinCredits"] = credits;
+    w["coinEnable"] = hex4(m_coinEnable);
+    w["manualDispense"] = hex4(m_manualEnable);
+    w["tubes"] = tubes;
+    w["cashBox"] = cash;
+    w["paidOut"] = paid;
+    w["payoutBusy"] = payoutBusy();
+    w["coinsPlanned"] = static_cast<int>(m_payout.size());
+    w["coinsInAcceptor"] = static_cast<int>(m_inFlight.size());
+    w["pendingEvents"] = static_cast<int>(pendingEvents());
+    w["frames"] = m_busLog.json();
+    return w;
 }
 
 }  // namespace kestrix::sim

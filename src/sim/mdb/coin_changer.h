@@ -31,7 +31,7 @@ public:
     void advance(double now) override;
     std::string commandName(const Bytes& frame) const override;
     void powerCycle(double now) override;
-    std::string stateJson() const override;
+    nlohmann::ordered_json state() const override;
 
     // A customer drops a coin of MDB type `type` (0..15) into the slot. Taken only when the
     // type exists and the engine has enabled it.

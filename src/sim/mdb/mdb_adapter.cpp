@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "sim/json_writer.h"
+#include <nlohmann/json.hpp>
 
 namespace kestrix::sim {
 
@@ -190,6 +190,10 @@ std::string MdbAdapter::transmit(double now) {
     return out;
 }
 
+double MdbAdapter::nextOutputAt(double) const {
+    return m_out.empty() ? kNever : m_out.front().due;
+}
+
 void MdbAdapter::powerCycle(double) {
     m_pendingData.reset();
     m_frame.clear();
@@ -198,13 +202,11 @@ void MdbAdapter::powerCycle(double) {
     m_lastAnswerWords.clear();
 }
 
-std::string MdbAdapter::stateJson() const {
-    JsonWriter w;
-    w.beginObject();
-    w.key("faults").array(activeFaults());
-    w.key("frames").raw(m_linkLog.json());
-    w.endObject();
-    return w.text();
+nlohmann::ordered_json MdbAdapter::state() const {
+    nlohmann::ordered_json w;
+    w["faults"] = activeFaults();
+    w["frames"] = m_linkLog.json();
+    return w;
 }
 
 }  // namespace kestrix::sim

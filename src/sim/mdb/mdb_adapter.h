@@ -38,8 +38,10 @@ public:
 
     void receive(std::string_view bytes, double now) override;
     std::string transmit(double now) override;
+    // Peripherals speak only when addressed, so only answers already queued come out.
+    double nextOutputAt(double now) const override;
     void powerCycle(double now) override;
-    std::string stateJson() const override;
+    nlohmann::ordered_json state() const override;
 
     // The raw traffic on the serial link to the host.
     const FrameLog& linkLog() const { return m_linkLog; }

@@ -4,8 +4,8 @@
 #include <charconv>
 #include <cstdio>
 
+#include <nlohmann/json.hpp>
 #include "engine/settings/layout.h"
-#include "sim/json_writer.h"
 
 namespace kestrix::sim {
 
@@ -121,7 +121,8 @@ std::string SimPinPad::readCard() {
         m_errorDetails = {"Pin pad not connected", "No answer from the pin pad", "P01", ""};
         return m_errorDetails.error;
     }
-    if (!show("INSERT OR SWIPE CARD", 1.0) || !show("READING CARD...", 0.5)) {
+    if (!show("INSERT OR SWIPE CARD", kPresentCardSeconds) ||
+        !show("READING CARD...", kReadCardSeconds)) {
         m_message = "OPERATION CANCELLED";
         m_errorDetails = {"Operation cancelled", "Cancelled while reading the card", "C01", ""};
         return m_errorDetails.error;
@@ -159,9 +160,9 @@ std::string SimPinPad::runSale(const SaleRequest& request) {
         ~Done() { busy = false; }
     } done{m_busy};
 
-    const bool finished = show("ENTER PIN", s.seconds * 0.3) &&
-                          show("PROCESSING...", s.seconds * 0.3) &&
-                          show("CONNECTING TO HOST...", s.seconds * 0.4);
+    const bool finished = show("ENTER PIN", s.seconds * kEnterPinShare) &&
+                          show("PROCESSING...", s.seconds * kProcessingShare) &&
+                          show("CONNECTING TO HOST...", s.seconds * kHostShare);
     if (!finished) {
         m_result = "denied";
         m_responseCode = "17";
@@ -235,17 +236,15 @@ void SimPinPad::powerCycle(double) {
     m_message = kIdleMessage;
 }
 
-std::string SimPinPad::stateJson() const {
-    JsonWriter w;
-    w.beginObject();
-    w.key("faults").array(activeFaults());
-    w.key("message").value(m_message);
-    w.key("busy").value(m_busy);
-    w.key("sales").value(m_sales);
-    w.key("lastResult").value(m_result);
-    w.key("amount").value(m_amount);
-    w.endObject();
-    return w.text();
+nlohmann::ordered_json SimPinPad::state() const {
+    nlohmann::ordered_json w;
+    w["faults"] = activeFaults();
+    w["message"] = m_message;
+    w["busy"] = m_busy;
+    w["sales"] = m_sales;
+    w["lastResult"] = m_result;
+    w["amount"] = m_amount;
+    return w;
 }
 
 }  // namespace kestrix::sim

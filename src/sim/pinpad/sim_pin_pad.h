@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "engine/platform/clock.h"
 #include "engine/platform/payment_library.h"
@@ -54,7 +55,7 @@ public:
     std::string errorCode() override { return m_errorCode; }
 
     void powerCycle(double now) override;
-    std::string stateJson() const override;
+    nlohmann::ordered_json state() const override;
 
     bool busy() const { return m_busy; }
     int salesRun() const { return m_sales; }
@@ -62,6 +63,18 @@ public:
     const SaleRequest& lastSale() const { return m_lastSale; }
 
     static constexpr const char* kIdleMessage = "WELCOME";
+    // How long the customer takes: presenting the card, then its reading; a sale's own time
+    // ("Seconds") is shared between the PIN, the processing and the host's answer.
+    static constexpr double kPresentCardSeconds = 1.0;
+    static constexpr double kReadCardSeconds = 0.5;
+    static constexpr double kEnterPinShare = 0.3;
+    static constexpr double kProcessingShare = 0.3;
+    static constexpr double kHostShare = 0.4;
+    // The pin pad's waits of one card read and sale of `saleSeconds`, in order.
+    static std::vector<double> waitsOfASale(double saleSeconds) {
+        return {kPresentCardSeconds, kReadCardSeconds, saleSeconds * kEnterPinShare,
+                saleSeconds * kProcessingShare, saleSeconds * kHostShare};
+    }
 
 private:
     struct Steering {

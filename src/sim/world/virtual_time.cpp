@@ -40,7 +40,10 @@ LocalDateTime VirtualClock::now() const {
 
 void VirtualClock::advance(double seconds) {
     if (seconds > 0) {
-        advanceTo(m_elapsed + seconds);
+        // A wait shorter than the clock can tell apart still moves it on: a Pause that sleeps
+        // "until midnight" a hair before midnight would otherwise wait there for ever.
+        advanceTo(std::max(m_elapsed + seconds,
+                           std::nextafter(m_elapsed, std::numeric_limits<double>::infinity())));
     }
 }
 
@@ -114,8 +117,8 @@ VirtualScheduler::~VirtualScheduler() {
     }
 }
 
-std::unique_ptr<Timer> VirtualScheduler::createTimer(std::string name, int intervalMs,
-                                                     bool enabled, std::function<void()> onTick) {
+std::unique_ptr<Timer> VirtualScheduler::createTimer(std::string name, int intervalMs, bool enabled,
+                                                     std::function<void()> onTick) {
     auto* s = new TimerState;
     s->name = std::move(name);
     s->intervalMs = intervalMs;
