@@ -4,13 +4,13 @@
 #include <string>
 #include <vector>
 
-#include "cash_kiosk.h"
+#include "support/kiosk.h"
 
 namespace kestrix {
 namespace {
 
-using test::CashKiosk;
 using test::expectBooksBalance;
+using test::Kiosk;
 using test::mdbReply;
 using test::Till;
 namespace mb = store::mailbox;
@@ -32,7 +32,7 @@ std::function<void(std::string_view)> payoutWatch(std::vector<int>& amounts,
 }
 
 TEST(CashPayment, AnExactPaymentInCoins) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     const Till before = k.till();
     k.kiosk().store().clearWrites();
@@ -83,7 +83,7 @@ TEST(CashPayment, ChangeComesFromTheBillDispenserThenTheTubesThenTheHoppers) {
         SCOPED_TRACE(r.name);
         sim::KioskProfile profile = sim::defaultProfile();
         profile.dispenser.billValue = r.dispenserBill;
-        CashKiosk k(profile);
+        Kiosk k(profile);
         // The dispenser is set up for its 50s; the console then says what the bills are worth.
         k.kiosk().store().set(store::kApp, store::section::kBillDispenser, "BillDispTypeValue",
                               "50");
@@ -116,7 +116,7 @@ TEST(CashPayment, AHostCancelGivesTheMoneyBackOrKeepsIt) {
     for (const char* cancel : {"1", "2"}) {
         SCOPED_TRACE(cancel);
         const bool back = std::string(cancel) == "1";
-        CashKiosk k;
+        Kiosk k;
         ASSERT_TRUE(k.start());
         const Till before = k.till();
         ASSERT_TRUE(k.requestPayment("50"));
@@ -137,7 +137,7 @@ TEST(CashPayment, AHostCancelGivesTheMoneyBackOrKeepsIt) {
 }
 
 TEST(CashPayment, ARemovedCoinCassetteCancelsThePaymentAndHidesTheTubes) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     k.kiosk().control("fault changer cassette-removed on");
     k.kiosk().store().clearWrites();
@@ -160,7 +160,7 @@ TEST(CashPayment, ARemovedCoinCassetteCancelsThePaymentAndHidesTheTubes) {
 }
 
 TEST(CashPayment, ASilentChangerEndsThePaymentWithTheCreditKeptAndIsInitialisedAtTheNextStart) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     const Till before = k.till();
     ASSERT_TRUE(k.requestPayment("50"));
@@ -188,7 +188,7 @@ TEST(CashPayment, ASilentChangerEndsThePaymentWithTheCreditKeptAndIsInitialisedA
 }
 
 TEST(CashPayment, ASilentValidatorIsRecoveredOrEndsThePaymentWhenItStaysSilent) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     Till before = k.till();
     ASSERT_TRUE(k.requestPayment("50"));
@@ -236,7 +236,7 @@ TEST(CashPayment, EveryEventOfAChangerReplyIsRead) {
         {{0x41, 0x29, 0x52, 0x1F, 0x02}, 3},  // two coins and "payout busy"
         {{0x91, 0x1E, 0x40, 0x00}, 0.5},      // coins paid by hand, then a deposit
     };
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     ASSERT_TRUE(k.requestPayment("100"));
     std::deque<std::string> replies;
@@ -259,7 +259,7 @@ TEST(CashPayment, EveryEventOfAChangerReplyIsRead) {
 }
 
 // Answers the validator's POLL (two words) with the scripted replies as they fall due.
-void scriptValidatorPolls(CashKiosk& k, std::deque<std::pair<double, std::string>>& replies) {
+void scriptValidatorPolls(Kiosk& k, std::deque<std::pair<double, std::string>>& replies) {
     k.mdbTap().answer = [&replies, pending = false](
                             std::string_view b, double now) mutable -> std::optional<std::string> {
         if (b == "\x33\x01" && !replies.empty() && replies.front().first <= now) {
@@ -277,7 +277,7 @@ void scriptValidatorPolls(CashKiosk& k, std::deque<std::pair<double, std::string
 }
 
 TEST(CashPayment, ABillReportedTwiceWithinTwoSecondsIsCreditedOnce) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     ASSERT_TRUE(k.requestPayment("500"));
     const double t0 = k.now();
@@ -311,7 +311,7 @@ TEST(CashPayment, ABillReportedTwiceWithinTwoSecondsIsCreditedOnce) {
 TEST(CashPayment, ACancelArrivingWhileChangeIsPaidPaysNothingTwice) {
     for (const bool completed : {true, false}) {
         SCOPED_TRACE(completed ? "completed payment" : "cancelled payment");
-        CashKiosk k;
+        Kiosk k;
         ASSERT_TRUE(k.start());
         const Till before = k.till();
         k.kiosk().store().clearWrites();
@@ -332,7 +332,7 @@ TEST(CashPayment, ACancelArrivingWhileChangeIsPaidPaysNothingTwice) {
 }
 
 TEST(CashPayment, ATubePayoutIsAskedForInCommandsOfAtMost200Units) {
-    CashKiosk k;
+    Kiosk k;
     k.kiosk().store().set(store::kApp, store::section::kBillDispenser, "BDE", "0");
     ASSERT_TRUE(k.start());
     std::vector<int> amounts;
@@ -347,7 +347,7 @@ TEST(CashPayment, ATubePayoutIsAskedForInCommandsOfAtMost200Units) {
 
 TEST(CashPayment, RunTimeErrorsEndThePaymentAndLeaveNothingAccepting) {
     // The MDB port vanishes mid-payment: the tick's trap ends it; the next start opens it again.
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     Till before = k.till();
     ASSERT_TRUE(k.requestPayment("50"));

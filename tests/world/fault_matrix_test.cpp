@@ -16,15 +16,15 @@
 #include <string>
 #include <vector>
 
-#include "cash_kiosk.h"
 #include "engine/bounds.h"
 #include "engine/hoppers/hoppers.h"
 #include "engine/mdb/link.h"
+#include "support/kiosk.h"
 
 namespace kestrix {
 namespace {
 
-using test::CashKiosk;
+using test::Kiosk;
 using test::Till;
 namespace mb = store::mailbox;
 
@@ -143,7 +143,7 @@ std::string cellText(const Outcome& o) {
 }
 
 // Journal rows of one kind since `from`, summed.
-double journalSum(CashKiosk& k, std::size_t from, std::string_view kind) {
+double journalSum(Kiosk& k, std::size_t from, std::string_view kind) {
     double v = 0;
     const auto& rows = k.kiosk().journal().rows();
     for (std::size_t i = from; i < rows.size(); ++i) {
@@ -159,7 +159,7 @@ double journalSum(CashKiosk& k, std::size_t from, std::string_view kind) {
 // of 5, one of 1). The cancel asks 200, gets 2, 20 and 100, and pays the 122 back from the same
 // three sources. The card sale asks 25.
 Outcome runCell(const Row& row, Phase phase) {
-    CashKiosk k;
+    Kiosk k;
     sim::VirtualKiosk& v = k.kiosk();
     for (const auto& [type, count] : {std::pair{1, 2}, {2, 0}, {3, 1}, {4, 0}, {5, 0}}) {
         v.models().setTube(type, count);

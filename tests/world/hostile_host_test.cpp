@@ -8,19 +8,19 @@
 #include <string>
 #include <vector>
 
-#include "cash_kiosk.h"
+#include "support/kiosk.h"
 
 namespace kestrix {
 namespace {
 
-using test::CashKiosk;
+using test::Kiosk;
 using test::Till;
 namespace mb = store::mailbox;
 
 // The host's side: writes `values` to `key` in turn, one every 3 ms of virtual time.
 class Rewriter {
 public:
-    Rewriter(CashKiosk& k, std::string key, std::vector<std::string> values)
+    Rewriter(Kiosk& k, std::string key, std::vector<std::string> values)
         : m_key(std::move(key)),
           m_values(std::move(values)),
           m_timer(k.kiosk().scheduler().createTimer("host rewrites " + m_key, 3, true, [this, &k] {
@@ -35,7 +35,7 @@ private:
     std::unique_ptr<Timer> m_timer;
 };
 
-std::vector<double> paymentStarts(CashKiosk& k, std::size_t from, std::string_view kind) {
+std::vector<double> paymentStarts(Kiosk& k, std::size_t from, std::string_view kind) {
     std::vector<double> amounts;
     const auto& rows = k.kiosk().journal().rows();
     for (std::size_t i = from; i < rows.size(); ++i) {
@@ -47,7 +47,7 @@ std::vector<double> paymentStarts(CashKiosk& k, std::size_t from, std::string_vi
 }
 
 TEST(HostileHost, RequestsRewrittenEveryFewMillisecondsStartOnlyWhatWasAsked) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     const std::vector<std::string> noise = {"abc",
                                             "0",

@@ -7,12 +7,12 @@
 #include <sstream>
 #include <string>
 
-#include "cash_kiosk.h"
+#include "support/kiosk.h"
 
 namespace kestrix {
 namespace {
 
-using test::CashKiosk;
+using test::Kiosk;
 using test::Till;
 namespace mb = store::mailbox;
 
@@ -93,7 +93,7 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
     const auto chance = [&rng](int lo, int hi) {
         return std::uniform_int_distribution<int>(lo, hi)(rng);
     };
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     std::map<std::string, int> outcomes;
     double in = 0, kept = 0, paid = 0, unpaid = 0, unknown = 0;

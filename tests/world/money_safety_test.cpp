@@ -9,20 +9,20 @@
 #include <string>
 #include <vector>
 
-#include "cash_kiosk.h"
+#include "support/kiosk.h"
 
 namespace kestrix {
 namespace {
 
-using test::CashKiosk;
 using test::expectBooksBalance;
+using test::Kiosk;
 using test::Till;
 namespace mb = store::mailbox;
 
 constexpr std::string_view kChangerPoll("\x0B\x01\x0B\x00", 4);
 
 // A coin (console type) dropped in without waiting for its credit.
-void drop(CashKiosk& k, int type) {
+void drop(Kiosk& k, int type) {
     k.kiosk().insertCoin(type);
 }
 
@@ -42,7 +42,7 @@ TEST(MoneySafety, MoneyInsertedAroundAResetIsCreditedAndPaidBack) {
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
-        CashKiosk k;
+        Kiosk k;
         ASSERT_TRUE(k.start());
         const Till before = k.till();
         ASSERT_TRUE(k.requestPayment(numberText(r.due)));
@@ -65,7 +65,7 @@ TEST(MoneySafety, MoneyInsertedAroundAResetIsCreditedAndPaidBack) {
 }
 
 TEST(MoneySafety, TheBillGuardOnlyComparesBillsOfTheSamePayment) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     // Yesterday's last bill, late in the evening...
     k.kiosk().clock().setDeadline(-1);
@@ -101,7 +101,7 @@ TEST(MoneySafety, SumsAreExact) {
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.due);
-        CashKiosk k(p);
+        Kiosk k(p);
         ASSERT_TRUE(k.start());
         int payouts = 0;
         k.mdbTap().onWrite = [&payouts, state = 0](std::string_view b) mutable {
@@ -135,7 +135,7 @@ TEST(MoneySafety, ChangeCountsWhatLeftTheTubesWhateverATechnicianDoesMeanwhile) 
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
-        CashKiosk k;
+        Kiosk k;
         k.kiosk().store().set(store::kApp, store::section::kBillDispenser, "BDE", "0");
         ASSERT_TRUE(k.start());
         const Till before = k.till();
@@ -155,7 +155,7 @@ TEST(MoneySafety, ChangeCountsWhatLeftTheTubesWhateverATechnicianDoesMeanwhile) 
 }
 
 TEST(MoneySafety, AShortByteInADispenseAnswerHidesNoBill) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     k.kiosk().control("fault dispenser shifted on");
     const Till before = k.till();
@@ -183,7 +183,7 @@ TEST(MoneySafety, EveryDeviceWaitEndsWithinItsBound) {
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
-        CashKiosk k;
+        Kiosk k;
         ASSERT_TRUE(k.start());
         const Till before = k.till();
         const std::size_t journalFrom = k.kiosk().journal().rows().size();
@@ -218,7 +218,7 @@ TEST(MoneySafety, EveryDeviceWaitEndsWithinItsBound) {
 }
 
 TEST(MoneySafety, ABillStackedAsTheValidatorFellSilentIsCreditedWhenItComesBack) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     const Till before = k.till();
     ASSERT_TRUE(k.requestPayment("50"));
@@ -235,7 +235,7 @@ TEST(MoneySafety, ABillStackedAsTheValidatorFellSilentIsCreditedWhenItComesBack)
 }
 
 TEST(MoneySafety, AChangerThatFailedIsNotAskedForChange) {
-    CashKiosk k;
+    Kiosk k;
     k.kiosk().store().set(store::kApp, store::section::kBillDispenser, "BDE", "0");
     ASSERT_TRUE(k.start());
     ASSERT_TRUE(k.requestPayment("50"));
@@ -254,7 +254,7 @@ TEST(MoneySafety, AChangerThatFailedIsNotAskedForChange) {
 }
 
 TEST(MoneySafety, StoreTroubleIsNotADeviceFault) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     const Till before = k.till();
     ASSERT_TRUE(k.requestPayment("12.5"));
@@ -281,7 +281,7 @@ TEST(MoneySafety, StoreTroubleIsNotADeviceFault) {
 TEST(MoneySafety, StopsApplyToThePaymentTheyWereMeantFor) {
     // The operator presses "Stop Payment..." while the completion's change is paid: the click
     // does not become a new payment.
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     k.mdbTap().onWrite = [&k, state = 0](std::string_view b) mutable {
         if (state == 1 && b == std::string_view("\x02\x00", 2)) {
@@ -310,7 +310,7 @@ TEST(MoneySafety, StopsApplyToThePaymentTheyWereMeantFor) {
 }
 
 TEST(MoneySafety, ACheckBoxIsOneBitWhateverItsState) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     k.console().setValue("ct9_Enabled", 2);  // grey
     k.console().setValue("ct16_Enabled", 1);
@@ -320,7 +320,7 @@ TEST(MoneySafety, ACheckBoxIsOneBitWhateverItsState) {
 }
 
 TEST(MoneySafety, GarbageOnTheLineNeverMakesMoneyUp) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     k.kiosk().control("fault adapter garbage on");
     const Till before = k.till();
@@ -340,7 +340,7 @@ TEST(MoneySafety, GarbageOnTheLineNeverMakesMoneyUp) {
 }
 
 TEST(MoneySafety, TerminationPaysTheCreditBackThenEnds) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     const Till before = k.till();
     ASSERT_TRUE(k.requestPayment("50"));
@@ -356,7 +356,7 @@ TEST(MoneySafety, TerminationPaysTheCreditBackThenEnds) {
     expectBooksBalance(k, before, 0, 30);
 
     // The host's "Exit" with a validator that never answers: Exit gives it a few tries.
-    CashKiosk silent;
+    Kiosk silent;
     ASSERT_TRUE(silent.start());
     silent.kiosk().control("fault validator silent on");
     silent.hostWrite(mb::kExit, "1");
@@ -366,7 +366,7 @@ TEST(MoneySafety, TerminationPaysTheCreditBackThenEnds) {
 }
 
 TEST(MoneySafety, AChangerSilentOnceAtTheStartDoesNotHangTheEngine) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     bool swallowed = false;
     k.mdbTap().answer = [&swallowed](std::string_view b, double) -> std::optional<std::string> {
@@ -385,7 +385,7 @@ TEST(MoneySafety, AChangerSilentOnceAtTheStartDoesNotHangTheEngine) {
 }
 
 TEST(MoneySafety, NonsenseAmountsAreNoRequest) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     for (const char* key : {"Due", "DueCC", "Change"}) {
         for (const std::string& value :
@@ -410,7 +410,7 @@ TEST(MoneySafety, NonsenseAmountsAreNoRequest) {
 }
 
 TEST(MoneySafety, ALogicErrorIsAnInternalErrorNotADeviceFault) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     ASSERT_TRUE(k.requestPayment("50"));
     ASSERT_TRUE(k.insertCoin(4));

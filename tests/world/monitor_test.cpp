@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "cash_kiosk.h"
+#include "support/kiosk.h"
 
 namespace kestrix::test {
 namespace {
@@ -8,7 +8,7 @@ namespace {
 namespace mb = store::mailbox;
 
 TEST(Monitor, AHostPayoutRunsWithChangeForcedOnAndPutsTheBoxBack) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     k.engine().operatorEdit("changeEnabled", "", 0);
     const Till before = k.till();
@@ -23,7 +23,7 @@ TEST(Monitor, AHostPayoutRunsWithChangeForcedOnAndPutsTheBoxBack) {
 }
 
 TEST(Monitor, ADueWrittenDuringAPaymentIsNotASecondPayment) {
-    CashKiosk k;
+    Kiosk k;
     ASSERT_TRUE(k.start());
     ASSERT_TRUE(k.requestPayment("2"));
     k.hostWrite(mb::kDue, "7");  // ignored: a payment is running

@@ -1,8 +1,9 @@
 #pragma once
 
-// The simulated kiosk as the cash payment tests use it: the host's side of the mailbox, the
-// customer's coins and bills, a tap on the MDB line, and the money the device models took in
-// and paid out, which every payment's books are checked against.
+// The simulated kiosk as the world tests use it: the virtual kiosk with the host's side of the
+// mailbox, the customer's coins and bills, the technician's console, a tap on the MDB line, and
+// the money the device models took in and paid out, which every payment's books are checked
+// against.
 
 #include <gtest/gtest.h>
 
@@ -17,8 +18,8 @@
 #include "engine/formulas.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
-#include "scripted_devices.h"
 #include "sim/world/virtual_kiosk.h"
+#include "support/hex.h"
 
 namespace kestrix::test {
 
@@ -88,28 +89,41 @@ struct Till {
     int billsOut = 0, hopper1Out = 0, hopper2Out = 0;
 };
 
-class CashKiosk {
+class Kiosk : public sim::VirtualKiosk {
 public:
-    explicit CashKiosk(const sim::KioskProfile& profile = sim::defaultProfile())
-        : m_profile(profile), m_kiosk(profile), m_mdbTap(m_kiosk.models().mdbLink()) {
-        m_kiosk.mdbPort().wire(sim::VirtualKiosk::kPorts.mdb, &m_mdbTap);
-        m_kiosk.configureAllDevices();
+    // Every device configured, or (`allDevices` false) an empty store: every device disabled.
+    explicit Kiosk(const sim::KioskProfile& profile = sim::defaultProfile(), bool allDevices = true)
+        : sim::VirtualKiosk(profile), m_profile(profile), m_mdbTap(models().mdbLink()) {
+        mdbPort().wire(kPorts.mdb, &m_mdbTap);
+        if (allDevices) {
+            configureAllDevices();
+        }
     }
+    explicit Kiosk(bool allDevices) : Kiosk(sim::defaultProfile(), allDevices) {}
 
-    bool start() { return m_kiosk.start(); }
-    sim::VirtualKiosk& kiosk() { return m_kiosk; }
-    Setup& engine() { return m_kiosk.engine(); }
-    Console& console() { return m_kiosk.engine().console(); }
+    // The virtual kiosk itself: its customer actions answer at once, without waiting for credit.
+    sim::VirtualKiosk& kiosk() { return *this; }
+    Console& console() { return engine().console(); }
     LineTap& mdbTap() { return m_mdbTap; }
-    double now() { return m_kiosk.clock().elapsed(); }
-    std::string mailbox(std::string_view key) { return m_kiosk.mailbox(key); }
-    void hostWrite(std::string_view key, std::string_view value) { m_kiosk.hostWrite(key, value); }
+    double now() { return clock().elapsed(); }
+    void set(std::string_view section, std::string_view key, std::string_view value) {
+        store().set(store::kApp, section, key, value);
+    }
+    std::string setting(std::string_view section, std::string_view key) {
+        return store().get(store::kApp, section, key, "<missing>");
+    }
+    const std::string& text(std::string_view field) { return console().text(field); }
+    bool checked(std::string_view field) { return console().checked(field); }
+    // The texts of the message boxes shown so far.
+    std::vector<std::string> shown() {
+        std::vector<std::string> texts;
+        for (const auto& m : messageBox().shown()) {
+            texts.push_back(m.text);
+        }
+        return texts;
+    }
     bool paymentRunning() { return console().text("enablePayment") == "Stop Payment..."; }
     double credit() { return leadingNumber(mailbox(store::mailbox::kCredit)); }
-    bool runUntil(const std::function<bool()>& done, double maxSeconds) {
-        return m_kiosk.runUntil(done, maxSeconds);
-    }
-    void runFor(double seconds) { m_kiosk.runFor(seconds); }
 
     // The host asks for `due`; true once the payment runs and has polled once.
     bool requestPayment(std::string_view due) {
@@ -125,8 +139,12 @@ public:
         return idle && !paymentRunning();
     }
     // A customer inserts a coin or a bill (console numbering); waits until it is credited.
-    bool insertCoin(int consoleType) { return creditedAfter(m_kiosk.insertCoin(consoleType).ok); }
-    bool insertBill(int consoleType) { return creditedAfter(m_kiosk.insertBill(consoleType).ok); }
+    bool insertCoin(int consoleType) {
+        return creditedAfter(sim::VirtualKiosk::insertCoin(consoleType).ok);
+    }
+    bool insertBill(int consoleType) {
+        return creditedAfter(sim::VirtualKiosk::insertBill(consoleType).ok);
+    }
 
     double coinValue(int mdbType) const {
         const auto& c = m_profile.changer;
@@ -140,24 +158,23 @@ public:
     double tubesValue() {
         double v = 0;
         for (int type = 0; type < 16; ++type) {
-            v += m_kiosk.changer().tubeCount(type) * coinValue(type);
+            v += changer().tubeCount(type) * coinValue(type);
         }
         return v;
     }
 
     Till till() {
-        m_kiosk.models().catchUp();
+        models().catchUp();
         Till t;
         for (int type = 0; type < 16; ++type) {
             const auto i = static_cast<std::size_t>(type);
-            t.coinsOut[i] = m_kiosk.changer().paidOutCount(type);
-            t.coinsIn[i] = m_kiosk.changer().tubeCount(type) +
-                           m_kiosk.changer().cashBoxCount(type) + t.coinsOut[i];
-            t.billsIn[i] = m_kiosk.validator().stackedCount(type);
+            t.coinsOut[i] = changer().paidOutCount(type);
+            t.coinsIn[i] = changer().tubeCount(type) + changer().cashBoxCount(type) + t.coinsOut[i];
+            t.billsIn[i] = validator().stackedCount(type);
         }
-        t.billsOut = m_kiosk.dispenser().billsDelivered();
-        t.hopper1Out = m_kiosk.hopper1().coinsPaidLifetime();
-        t.hopper2Out = m_kiosk.hopper2().coinsPaidLifetime();
+        t.billsOut = dispenser().billsDelivered();
+        t.hopper1Out = hopper1().coinsPaidLifetime();
+        t.hopper2Out = hopper2().coinsPaidLifetime();
         return t;
     }
     double inserted(const Till& a, const Till& b) const {
@@ -182,7 +199,7 @@ public:
     // how often a mailbox key was written with a value.
     double publishedCredit() {
         double highest = 0;
-        for (const std::string& w : m_kiosk.store().writes()) {
+        for (const std::string& w : store().writes()) {
             if (w.starts_with("Status/Credit=")) {
                 highest = std::max(highest, leadingNumber(w.substr(14)));
             }
@@ -191,14 +208,14 @@ public:
     }
     int mailboxWrites(std::string_view key, std::string_view value) {
         const std::string entry = "Status/" + std::string(key) + "=" + std::string(value);
-        const auto& w = m_kiosk.store().writes();
+        const auto& w = store().writes();
         return static_cast<int>(std::count(w.begin(), w.end(), entry));
     }
 
     // The money the journal says may have left without a device's account of it.
     double unknownPayouts(std::size_t fromRow = 0) {
         double v = 0;
-        const auto& rows = m_kiosk.journal().rows();
+        const auto& rows = journal().rows();
         for (std::size_t i = fromRow; i < rows.size(); ++i) {
             if (rows[i].kind == journal_kind::kPayoutUnknown) {
                 v += rows[i].amount.toDouble();
@@ -215,13 +232,12 @@ private:
     }
 
     sim::KioskProfile m_profile;
-    sim::VirtualKiosk m_kiosk;
     LineTap m_mdbTap;
 };
 
 // The books of a payment since `before`: the engine credited what the models took in (kept plus
 // the change it owed), ChangeDispensed is what the models paid out, and no more than owed.
-inline void expectBooksBalance(CashKiosk& k, const Till& before, double kept, double owed) {
+inline void expectBooksBalance(Kiosk& k, const Till& before, double kept, double owed) {
     const Till after = k.till();
     const double reported = leadingNumber(k.mailbox(store::mailbox::kChangeDispensed));
     EXPECT_NEAR(k.inserted(before, after), kept + owed, 1e-9) << "credit differs from inserted";
