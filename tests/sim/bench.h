@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "sim/link_device.h"
+#include "support/hex.h"
 
 namespace kestrix::sim::test {
 
@@ -90,16 +91,7 @@ inline std::string field(const std::string& text, std::size_t position, std::siz
 
 // "10 05 10 02" -> bytes.
 inline ByteList hex(const std::string& text) {
-    ByteList out;
-    for (std::size_t i = 0; i + 1 < text.size();) {
-        if (text[i] == ' ') {
-            ++i;
-            continue;
-        }
-        out.push_back(static_cast<std::uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
-        i += 2;
-    }
-    return out;
+    return bytesOf(kestrix::test::fromHex(text));
 }
 
 }  // namespace kestrix::sim::test

@@ -105,16 +105,6 @@ TEST(BillDispenserModel, SetUpAnswersDecodeAtTheEnginesPositions) {
     }
 }
 
-TEST(BillDispenserModel, StatusAnswersDecodeAtTheEnginesPositions) {
-    DispenserBench b;
-    const std::string text = engineHex(b.status());
-    SCOPED_TRACE(text);
-    EXPECT_EQ(field(text, 21, 6), "E00124");
-    EXPECT_EQ(field(text, 27, 8), "00000000");
-    EXPECT_EQ(field(text, 40, 16), std::string(16, '0'));
-    EXPECT_EQ(field(text, 57, 2), "00");
-}
-
 TEST(BillDispenserModel, DispensesOneBillAtATimeAndCountsTheCassette) {
     DispenserBench b;
     const auto reads = b.dispense();

