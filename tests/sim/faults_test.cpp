@@ -3,10 +3,7 @@
 #include <functional>
 
 #include "bench.h"
-#include "sim/kiosk_models.h"
-#include "sim/pinpad/sim_pin_pad.h"
-#include "sim/world/memory_store.h"
-#include "sim/world/virtual_time.h"
+#include "sim/world/virtual_kiosk.h"
 
 namespace kestrix::sim {
 namespace {
@@ -16,41 +13,34 @@ using test::engineHex;
 using test::field;
 using test::hex;
 
-struct Kiosk {
-    VirtualClock clock;
-    VirtualScheduler scheduler{clock};
-    MemoryStore store;
-    SimPinPad pinPad{clock, scheduler, store};
-    KioskModels models{defaultProfile(), [this] { return clock.elapsed(); }};
-
-    Kiosk() { models.addDevice("pinpad", &pinPad); }
-
+// The models of the virtual kiosk, driven on their lines without the engine.
+struct Kiosk : VirtualKiosk {
     std::string exchange(LinkDevice& d, const ByteList& bytes, double seconds = 0.1) {
-        d.receive(test::raw(bytes), clock.elapsed());
+        d.receive(test::raw(bytes), clock().elapsed());
         return wait(d, seconds);
     }
     std::string wait(LinkDevice& d, double seconds) {
-        clock.advance(seconds);
-        return d.transmit(clock.elapsed());
+        clock().advance(seconds);
+        return d.transmit(clock().elapsed());
     }
     std::string mdb(const ByteList& command, bool ack = true) {
-        const std::string r = exchange(models.mdbLink(), test::mdbWords(command));
+        const std::string r = exchange(models().mdbLink(), test::mdbWords(command));
         if (ack && r.size() >= 3 && r.compare(r.size() - 3, 3, "01 ") == 0) {
-            exchange(models.mdbLink(), test::kMdbAck, 0.01);
+            exchange(models().mdbLink(), test::kMdbAck, 0.01);
         }
         return r;
     }
     std::string dispenserStatus() {
-        LinkDevice& d = models.dispenserLink();
+        LinkDevice& d = models().dispenserLink();
         return engineHex(exchange(d, hex("10 05 10 02 00 03 00 01 1C 10 03 FA 97"), 0.9));
     }
     // Read rounds until the dispense answer came, and the last read.
     std::pair<int, std::string> dispense() {
-        LinkDevice& d = models.dispenserLink();
+        LinkDevice& d = models().dispenserLink();
         std::string got = exchange(d, hex("10 05 10 02 00 19"), 0.2);
         d.receive(test::raw(hex("60 03 15 00 30 B1 30 30 30 30 30 30 B1 30 30 30 30 30 30 30 05 "
                                 "00 00 00 1C 10 03 A3 8D")),
-                  clock.elapsed());
+                  clock().elapsed());
         got += wait(d, 2);
         for (int round = 1; round <= 5; ++round) {
             got += wait(d, 1.4);
@@ -62,7 +52,7 @@ struct Kiosk {
         return {0, {}};
     }
     std::string hopperStatusAfterPayingThree() {
-        LinkDevice& bus = models.hoppersLink();
+        LinkDevice& bus = models().hoppersLink();
         exchange(bus, hex("03 01 01 A4 A5 B2"));
         exchange(bus, hex("03 04 01 A7 4E 46 05 03 B5"));
         wait(bus, 3);
@@ -103,12 +93,12 @@ const FaultRow kRows[] = {
          k.mdb({0x0F, 0x02, 20});  // one coin of 20 credits
          std::string events;
          for (int i = 0; i < 10; ++i) {
-             k.clock.advance(0.2);
+             k.clock().advance(0.2);
              const std::string r = k.mdb({0x0B});
              events += r == "0200 0201 " ? "" : r;
          }
          const bool jam = events.find("0700 0701 ") != std::string::npos;
-         return (jam ? "07, tube " : "tube ") + std::to_string(k.models.changer().tubeCount(4));
+         return (jam ? "07, tube " : "tube ") + std::to_string(k.models().changer().tubeCount(4));
      },
      "tube 9", "07, tube 10"},
     {"changer", "busy-forever", pollAfterReset, "0001 ", "0200 0201 "},
@@ -140,19 +130,19 @@ const FaultRow kRows[] = {
     {"dispenser", "slow", [](Kiosk& k) { return field(k.dispense().second, 1, 8); }, "10061006",
      "10051002"},
     {"hopper1", "silent",
-     [](Kiosk& k) { return hexBytes(k.exchange(k.models.hoppersLink(), hex("03 00 01 FE FE"))); },
+     [](Kiosk& k) { return hexBytes(k.exchange(k.models().hoppersLink(), hex("03 00 01 FE FE"))); },
      "03 00 01 FE FE 01 00 03 00 FC", "03 00 01 FE FE"},
     {"hopper2", "silent",
-     [](Kiosk& k) { return hexBytes(k.exchange(k.models.hoppersLink(), hex("04 00 01 FE FD"))); },
+     [](Kiosk& k) { return hexBytes(k.exchange(k.models().hoppersLink(), hex("04 00 01 FE FD"))); },
      "04 00 01 FE FD 01 00 04 00 FB", "04 00 01 FE FD"},
     {"hopper1", "empty", [](Kiosk& k) { return k.hopperStatusAfterPayingThree(); }, "0 3 0",
      "0 0 3"},
     {"hopper1", "jam", [](Kiosk& k) { return k.hopperStatusAfterPayingThree(); }, "0 3 0", "3 0 0"},
     {"hopper2", "no-echo",
-     [](Kiosk& k) { return hexBytes(k.exchange(k.models.hoppersLink(), hex("03 00 01 FE FE"))); },
+     [](Kiosk& k) { return hexBytes(k.exchange(k.models().hoppersLink(), hex("03 00 01 FE FE"))); },
      "03 00 01 FE FE 01 00 03 00 FC", "01 00 03 00 FC"},
     {"pinpad", "offline",
-     [](Kiosk& k) { return std::string(k.pinPad.identify().online ? "online" : "offline"); },
+     [](Kiosk& k) { return std::string(k.pinPad().identify().online ? "online" : "offline"); },
      "online", "offline"},
 };
 
@@ -162,27 +152,27 @@ TEST(FaultSwitches, EachFaultChangesWhatTheDeviceDoes) {
         Kiosk normal;
         EXPECT_EQ(row.probe(normal), row.normal);
         Kiosk faulty;
-        ASSERT_TRUE(faulty.models.setFault(row.device, row.fault, true).ok);
+        ASSERT_TRUE(faulty.models().setFault(row.device, row.fault, true).ok);
         EXPECT_EQ(row.probe(faulty), row.faulty);
     }
 }
 
 TEST(FaultSwitches, UnknownNamesAreRefusedAndEveryModelListsItsFaults) {
     Kiosk k;
-    EXPECT_FALSE(k.models.changer().setFault("melted", true));
-    const ControlResult r = k.models.setFault("changer", "melted", true);
+    EXPECT_FALSE(k.models().changer().setFault("melted", true));
+    const ControlResult r = k.models().setFault("changer", "melted", true);
     EXPECT_FALSE(r.ok);
     EXPECT_NE(r.text.find("payout-jam"), std::string::npos) << r.text;
-    EXPECT_FALSE(k.models.setFault("toaster", "silent", true).ok);
-    for (const std::string& device : k.models.deviceNames()) {
-        const ControlResult list = k.models.command("faults " + device);
+    EXPECT_FALSE(k.models().setFault("toaster", "silent", true).ok);
+    for (const std::string& device : k.models().deviceNames()) {
+        const ControlResult list = k.models().command("faults " + device);
         EXPECT_TRUE(list.ok) << device;
         EXPECT_NE(list.text.find(" off"), std::string::npos) << device;
     }
-    EXPECT_TRUE(k.models.setFault("changer", "silent", true).ok);
-    EXPECT_EQ(k.models.changer().activeFaults(), std::vector<std::string>{"silent"});
-    EXPECT_TRUE(k.models.setFault("changer", "silent", false).ok);
-    EXPECT_TRUE(k.models.changer().activeFaults().empty());
+    EXPECT_TRUE(k.models().setFault("changer", "silent", true).ok);
+    EXPECT_EQ(k.models().changer().activeFaults(), std::vector<std::string>{"silent"});
+    EXPECT_TRUE(k.models().setFault("changer", "silent", false).ok);
+    EXPECT_TRUE(k.models().changer().activeFaults().empty());
 }
 
 }  // namespace
