@@ -8,7 +8,7 @@
 #include "engine/hoppers/hoppers.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
-#include "sim/world/virtual_kiosk.h"
+#include "support/kiosk.h"
 
 namespace kestrix {
 namespace {
@@ -55,44 +55,37 @@ private:
 
 // The simulated kiosk with only its hoppers enabled: coins of 1 in hopper 1 (address 3), of 5
 // in hopper 2 (address 4).
-struct HopperRig {
-    std::unique_ptr<sim::VirtualKiosk> kiosk;
-    std::unique_ptr<LossyWire> wire;
-    Setup* engine = nullptr;
+struct HopperRig : test::Kiosk {
+    LossyWire wire{hoppers()};
     std::vector<bool> buttonStates;  // each change of hDispenseCoins' enabled flag
 
     explicit HopperRig(const char* profile = "default",
-                       const std::vector<std::pair<std::string_view, std::string>>& hoppers = {}) {
-        kiosk = std::make_unique<sim::VirtualKiosk>(*sim::profileNamed(profile));
-        wire = std::make_unique<LossyWire>(kiosk->hoppers());
-        kiosk->hoppersPort().wire(sim::VirtualKiosk::kPorts.hoppers, wire.get());
-        kiosk->configureAllDevices();
+                       const std::vector<std::pair<std::string_view, std::string>>& settings = {})
+        : test::Kiosk(*sim::profileNamed(profile)) {
+        hoppersPort().wire(kPorts.hoppers, &wire);
         for (const auto& [section, key] : {std::pair{store::section::kCoinAcceptor, "CAE"},
                                            {store::section::kBillValidator, "BVE"},
                                            {store::section::kBillDispenser, "BDE"},
                                            {store::section::kPinPad, "PPE"}}) {
-            kiosk->store().set(store::kApp, section, key, "0");
+            set(section, key, "0");
         }
-        for (const auto& [key, value] : hoppers) {
-            kiosk->store().set(store::kApp, store::section::kHoppers, key, value);
+        for (const auto& [key, value] : settings) {
+            set(store::section::kHoppers, key, value);
         }
-        EXPECT_TRUE(kiosk->start());
-        engine = &kiosk->engine();
-        engine->console().setChangeListener([this](const Field& f) {
+        EXPECT_TRUE(start());
+        console().setChangeListener([this](const Field& f) {
             if (f.name == "hDispenseCoins") {
                 buttonStates.push_back(f.enabled);
             }
         });
     }
-    Console& console() { return engine->console(); }
-    sim::Hopper& hopper(int n) { return kiosk->hoppers().hopper(n); }
-    sim::VirtualSerialPort& port() { return kiosk->hoppersPort(); }
-    double now() { return kiosk->clock().elapsed(); }
+    sim::Hopper& hopper(int n) { return hoppers().hopper(n); }
+    sim::VirtualSerialPort& port() { return hoppersPort(); }
 
     // Pays `amount` through the console's button routine; returns hDispensed.
     std::string dispense(const std::string& amount) {
         console().setText("hToDispense", amount);
-        engine->hDispenseCoins_Click();
+        engine().hDispenseCoins_Click();
         return console().text("hDispensed");
     }
     int dispenseCommandsSent(int address) {
@@ -105,7 +98,7 @@ struct HopperRig {
         return n;
     }
     const Hoppers::Report& report(int hopper) {
-        for (const Hoppers::Report& r : engine->hoppers().lastReports()) {
+        for (const Hoppers::Report& r : engine().hoppers().lastReports()) {
             if (r.hopper == hopper) {
                 return r;
             }
@@ -123,7 +116,7 @@ TEST(Hoppers, PayTheLargerCoinFirstThenTheRestInEveryDispenseMode) {
         EXPECT_EQ(rig.hopper(1).coinsLeft(), 197);
         EXPECT_EQ(rig.dispenseCommandsSent(4), 1);
         EXPECT_EQ(rig.dispenseCommandsSent(3), 1);
-        EXPECT_EQ(rig.engine->hoppers().lastReports().at(0).hopper, 2);  // the 5s first
+        EXPECT_EQ(rig.engine().hoppers().lastReports().at(0).hopper, 2);  // the 5s first
         EXPECT_EQ(rig.report(1).outcome, Outcome::Paid);
         EXPECT_EQ(rig.buttonStates, (std::vector<bool>{false, true}));  // off while paying
     }
@@ -174,13 +167,13 @@ TEST(Hoppers, AShortHopperPassesTheRestToTheOther) {
 TEST(Hoppers, ALostDispenseReplyIsSettledByTheEventCounterNeverByAResend) {
     // Only the reply was lost: the counter moved on, so the command is not sent again.
     HopperRig taken;
-    taken.wire->dropDispenseReplies = 1;
+    taken.wire.dropDispenseReplies = 1;
     EXPECT_EQ(taken.dispense("10"), "10");
     EXPECT_EQ(taken.dispenseCommandsSent(4), 1);
     EXPECT_EQ(taken.hopper(2).coinsPaidLifetime(), 2);
     // The command itself was lost: the counter did not move, so it is sent once more.
     HopperRig lost;
-    lost.wire->swallowDispenses = 1;
+    lost.wire.swallowDispenses = 1;
     EXPECT_EQ(lost.dispense("10"), "10");
     EXPECT_EQ(lost.dispenseCommandsSent(4), 2);
     EXPECT_EQ(lost.hopper(2).coinsPaidLifetime(), 2);
@@ -217,8 +210,7 @@ TEST(Hoppers, LinkFaultsPayNothingAndDoNotHang) {
     encrypted.port().clearWritten();
     EXPECT_EQ(encrypted.dispense("13"), "0");
     EXPECT_TRUE(encrypted.port().written().empty());
-    EXPECT_NE(encrypted.kiosk->messageBox().shown().at(0).text.find("encrypted"),
-              std::string::npos);
+    EXPECT_NE(encrypted.messageBox().shown().at(0).text.find("encrypted"), std::string::npos);
 }
 
 }  // namespace
