@@ -291,14 +291,34 @@ TEST(CardPayment, OperatorStartedSaleIsNotCancelledByItsOwnRequestEcho) {
     EXPECT_FALSE(k.engine().clickTimer().enabled());
 }
 
-// The pin pad library whose component goes away in the middle of a call.
-class FailingLibrary : public sim::SimPinPad {
+// The simulated pin pad library, recording the calls of a payment; the chosen call fails as the
+// library does when its component goes away.
+class WatchedLibrary : public sim::SimPinPad {
 public:
     using SimPinPad::SimPinPad;
     std::string failing;  // "runSale" or "displayMessage"
+    std::vector<std::string> calls;
+
+    void setAmount(const std::string& amount) override {
+        calls.push_back("setAmount " + amount);
+        SimPinPad::setAmount(amount);
+    }
+    std::string readCard() override {
+        calls.push_back("readCard");
+        return SimPinPad::readCard();
+    }
     std::string runSale(const SaleRequest& request) override {
+        calls.push_back("runSale");
         fail("runSale");
         return SimPinPad::runSale(request);
+    }
+    std::string result() override {
+        calls.push_back("result");
+        return SimPinPad::result();
+    }
+    void closeOperation() override {
+        calls.push_back("closeOperation");
+        SimPinPad::closeOperation();
     }
     std::string displayMessage() override {
         fail("displayMessage");
@@ -313,12 +333,31 @@ private:
     }
 };
 
+// The engine of `k` on `library` instead of the kiosk's own pin pad.
+std::unique_ptr<kestrix::Setup> engineOn(test::Kiosk& k, PaymentLibrary& library) {
+    return std::make_unique<kestrix::Setup>(
+        Platform{k.clock(), k.scheduler(), k.store(), k.messageBox(), k.printer(), k.network(),
+                 k.instance(), library, k.mdbPort(), k.dispenserPort(), k.hoppersPort()});
+}
+
+// The amount is set before the card is read, the sale follows the read, and the operation is
+// closed once its result is taken.
+TEST(CardPayment, TheLibraryIsCalledInTheOrderThePinPadNeeds) {
+    CardKiosk k;
+    WatchedLibrary library(k.clock(), k.scheduler(), k.store());
+    const auto engine = engineOn(k, library);
+    ASSERT_TRUE(engine->startUp());
+    k.hostWrite(mb::kDueCC, "25");
+    ASSERT_TRUE(k.runPayment());
+    EXPECT_EQ(library.calls, (std::vector<std::string>{"setAmount 25", "readCard", "runSale",
+                                                       "result", "closeOperation"}));
+}
+
 TEST(CardPayment, ALostLibraryIsReportedOnceAndTheNextRequestWindsThePaymentUp) {
     CardKiosk k;
-    FailingLibrary library(k.clock(), k.scheduler(), k.store());
-    kestrix::Setup engine(Platform{k.clock(), k.scheduler(), k.store(), k.messageBox(), k.printer(),
-                                   k.network(), k.instance(), library, k.mdbPort(),
-                                   k.dispenserPort(), k.hoppersPort()});
+    WatchedLibrary library(k.clock(), k.scheduler(), k.store());
+    const auto enginePtr = engineOn(k, library);
+    kestrix::Setup& engine = *enginePtr;
     ASSERT_TRUE(engine.startUp());
     library.failing = "runSale";
     k.hostWrite(mb::kDueCC, "25");
