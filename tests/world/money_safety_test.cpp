@@ -21,49 +21,6 @@ namespace mb = store::mailbox;
 
 constexpr std::string_view kChangerPoll("\x0B\x01\x0B\x00", 4);
 
-// A coin (console type) dropped in without waiting for its credit.
-void drop(Kiosk& k, int type) {
-    k.kiosk().insertCoin(type);
-}
-
-TEST(MoneySafety, MoneyInsertedAroundAResetIsCreditedAndPaidBack) {
-    struct Row {
-        const char* what;
-        double due;
-        double cancelAfter;  // < 0: the payment completes with a bill of 20
-        double coinAt;       // seconds after the bill (or the first coin) went in
-    };
-    const Row rows[] = {
-        {"a coin just before a cancel", 50, 0.0, 0.0},
-        {"a coin 0.3 s before a cancel", 50, 0.3, 0.0},
-        {"a coin in the completion's window", 12.5, -1, 1.2},
-        {"a coin as the completing bill stacks", 12.5, -1, 1.0},
-        {"a coin right after the start", 12.5, -1, -0.5},
-    };
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.what);
-        Kiosk k;
-        ASSERT_TRUE(k.start());
-        const Till before = k.till();
-        ASSERT_TRUE(k.requestPayment(numberText(r.due)));
-        const double t0 = k.now();
-        if (r.cancelAfter >= 0) {
-            ASSERT_TRUE(k.insertCoin(4));  // 5
-            drop(k, 4);
-            k.runFor(r.cancelAfter);
-            k.hostWrite(mb::kCancel, "1");
-        } else {
-            k.mdbTap().at(t0 + 1.0 + r.coinAt, [&k] { drop(k, 3); });
-            k.kiosk().insertBill(1);  // 20, stacked a second later
-        }
-        ASSERT_TRUE(k.runUntilIdle(120));
-        const double in = k.inserted(before, k.till());
-        const double kept = r.cancelAfter >= 0 ? 0 : r.due;
-        EXPECT_EQ(k.mailbox(mb::kChangeDispensed), numberText(in - kept));
-        expectBooksBalance(k, before, kept, in - kept);
-    }
-}
-
 TEST(MoneySafety, TheBillGuardOnlyComparesBillsOfTheSamePayment) {
     Kiosk k;
     ASSERT_TRUE(k.start());
