@@ -195,33 +195,12 @@ public:
         return v;
     }
 
-    // From the store's write log (since it was last cleared): the highest credit published, and
-    // how often a mailbox key was written with a value.
-    double publishedCredit() {
-        double highest = 0;
-        for (const std::string& w : store().writes()) {
-            if (w.starts_with("Status/Credit=")) {
-                highest = std::max(highest, leadingNumber(w.substr(14)));
-            }
-        }
-        return highest;
-    }
+    // How often a mailbox key was written with a value, by the store's write log (since it was
+    // last cleared).
     int mailboxWrites(std::string_view key, std::string_view value) {
         const std::string entry = "Status/" + std::string(key) + "=" + std::string(value);
         const auto& w = store().writes();
         return static_cast<int>(std::count(w.begin(), w.end(), entry));
-    }
-
-    // The money the journal says may have left without a device's account of it.
-    double unknownPayouts(std::size_t fromRow = 0) {
-        double v = 0;
-        const auto& rows = journal().rows();
-        for (std::size_t i = fromRow; i < rows.size(); ++i) {
-            if (rows[i].kind == journal_kind::kPayoutUnknown) {
-                v += rows[i].amount.toDouble();
-            }
-        }
-        return v;
     }
 
 private:

@@ -22,21 +22,5 @@ TEST(Monitor, AHostPayoutRunsWithChangeForcedOnAndPutsTheBoxBack) {
     EXPECT_NEAR(k.paidOut(before, k.till()), 5, 1e-9);
 }
 
-TEST(Monitor, ADueWrittenDuringAPaymentIsNotASecondPayment) {
-    Kiosk k;
-    ASSERT_TRUE(k.start());
-    ASSERT_TRUE(k.requestPayment("2"));
-    k.hostWrite(mb::kDue, "7");  // ignored: a payment is running
-    k.runFor(2);
-    EXPECT_EQ(k.engine().state().amountDue.text(), "2");
-    ASSERT_TRUE(k.insertCoin(3));  // 2: the first payment completes
-    ASSERT_TRUE(k.runUntilIdle(60));
-    EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");
-    EXPECT_EQ(k.mailbox(mb::kDue), "0");
-    // The completion wrote "Due" = "0", so nothing is left to start.
-    k.runFor(2);
-    EXPECT_FALSE(k.paymentRunning());
-}
-
 }  // namespace
 }  // namespace kestrix::test
