@@ -488,7 +488,32 @@ TEST(BillDispenser, NothingToPayPaysNothingAndAVanishedPortIsAnError) {
     EXPECT_TRUE(k.engine().console().enabled("bdDispenserRefill"));
 }
 
-// --- Exit --------------------------------------------------------------------------------------
+// --- The link and Exit -----------------------------------------------------------------------
+
+TEST(MdbLink, ACompleteReplyIsTakenAtOnceAndTheRestGoesToTheNextExchange) {
+    Kiosk k;
+    ScriptedMdb mdb;
+    wireScripted(k, mdb);
+    MdbLink& link = k.engine().link();
+    link.prepareFrames();
+    k.console().setText("comPorts", "1");
+    link.open();
+    mdb.script(0x0B, {"0001 0b00 0b01 "});
+    link.send(link.frames().caPollFrame);
+    const mdb::Reply first = link.collect(mdb::kNoReadLimit);
+    EXPECT_TRUE(first.answered());
+    EXPECT_EQ(link.acknowledge(first), first.endsComplete());
+    const mdb::Reply rest = link.collect(mdb::completeBy(50));
+    EXPECT_EQ(first.text() + rest.text(), "0001 0b00 0b01 ");
+
+    // No end marker: a limited use gives up after its reads and its attempts, ACK after each.
+    mdb.script(0x33, {"0600 0900 zz"});
+    const mdb::Exchange ex = link.exchange(mdb::commands::validatorPoll(), mdb::use::kRecoveryPoll);
+    EXPECT_FALSE(ex.answered);
+    EXPECT_EQ(ex.attempts, 301);
+    EXPECT_EQ(ex.reply.reads(), 50);
+    EXPECT_EQ(mdb.count("ACK"), 301 + (first.endsComplete() ? 1 : 0));
+}
 
 TEST(Exit, ResetsTheChangerThenTheValidatorUntilItAnswers) {
     Kiosk k;
