@@ -5,9 +5,12 @@
 
 #include "engine/errors.h"
 #include "engine/mdb/link.h"
+#include "support/hex.h"
 
 namespace kestrix {
 namespace {
+
+using test::fromHex;
 
 TEST(MdbCheckByte, MatchesTheStandardsVectors) {
     const std::array<std::uint8_t, 12> v1{0x02, 0x00, 0x01, 0x05, 0x02, 0x00,
@@ -18,6 +21,22 @@ TEST(MdbCheckByte, MatchesTheStandardsVectors) {
     // The payout command's check is 11h plus its amount byte, modulo 256.
     const std::array<std::uint8_t, 3> payout{0x0F, 0x02, 0xF5};
     EXPECT_EQ(mdb::checkByte(payout), 0x06);
+}
+
+// The engine paces these commands word by word, as the adapters it was built for need.
+TEST(MdbFrames, WordByWordCommandsWriteOneWordAtATime) {
+    const mdb::Command id = mdb::commands::validatorIdentification();
+    ASSERT_EQ(id.writes().size(), 3u);
+    EXPECT_EQ(id.writes()[0].bytes, fromHex("37 01"));
+    EXPECT_EQ(id.writes()[1].bytes, fromHex("00 00"));
+    EXPECT_EQ(id.writes()[2].bytes, fromHex("37 00"));
+    // BILL TYPE with every bill enabled, as the recovery builds it.
+    mdb::Command billType = mdb::Command::wordByWord(0x34, {0xFF, 0xFF, 0x00, 0x00});
+    billType.pauseAfter(1, 0).pauseAfter(3, 0).pauseAfter(99, 1);
+    EXPECT_EQ(billType.bytes(), fromHex("34 01 FF 00 FF 00 00 00 00 00 32 00"));
+    EXPECT_EQ(billType.writes().size(), 6u);
+    EXPECT_TRUE(billType.writes()[1].pauseAfterSeconds.has_value());
+    EXPECT_FALSE(billType.writes()[2].pauseAfterSeconds.has_value());
 }
 
 TEST(MdbReply, BytesAreReadByPositionFiveKMinusFour) {
