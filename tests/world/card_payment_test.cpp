@@ -162,6 +162,9 @@ TEST(CardPayment, OutcomesReachTheHostAndTheJournalWithTheCardMasked) {
         EXPECT_EQ(everything.find(kFullCardNumber), std::string::npos) << everything;
         if (row.result == "approved") {
             EXPECT_EQ(k.text("ccNumTarjeta"), "411111******1111");
+        } else if (row.result == "readerror") {
+            EXPECT_EQ(k.text("ccPantallaPP"),
+                      "Card read error DescError = The chip could not be read CodError =  R05\n");
         }
     }
 }
