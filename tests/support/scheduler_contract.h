@@ -58,6 +58,13 @@ TEST_P(SchedulerContract, ATimerTicksWhileEnabledAndNeverWhenDisabled) {
     clock->setEnabled(true);
     scheduler().yieldUntil([&] { return other >= 5; });
     EXPECT_EQ(ticks, frozen);
+
+    // An interval of 0 is a stopped timer, enabled or not.
+    int zero = 0;
+    auto stopped = scheduler().createTimer("CCTimer", 0, true, [&] { ++zero; });
+    other = 0;
+    scheduler().yieldUntil([&] { return other >= 2; });
+    EXPECT_EQ(zero, 0);
 }
 
 // A tick that blocks the engine for many intervals is followed by one late tick, not by a burst

@@ -165,7 +165,9 @@ bool VirtualScheduler::runOne(double until) {
     }
     TimerState* next = nullptr;
     for (TimerState* t : m_timers) {
-        if (t->enabled && !t->inTick && t->onTick && (next == nullptr || t->due < next->due)) {
+        // A form timer with an interval of 0 is stopped (as the Qt scheduler keeps it).
+        if (t->enabled && t->intervalMs > 0 && !t->inTick && t->onTick &&
+            (next == nullptr || t->due < next->due)) {
             next = t;  // strict "<": equal due times keep creation order
         }
     }
