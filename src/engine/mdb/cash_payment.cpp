@@ -11,8 +11,8 @@
 #include "../setup.h"
 #include "cash_payment_bytes.h"
 #include "link.h"
-#include "payment_uses.h"
 #include "tubes.h"
+#include "uses.h"
 
 namespace kestrix {
 
@@ -26,8 +26,6 @@ constexpr std::uint8_t kDiagnosticSubCommand = 0x05;
 // Pause after each of the six writes of COIN TYPE.
 constexpr double kCoinTypePaceSeconds = 0.1;
 constexpr double kBeforeDiagnosticSeconds = 0.1;
-// A diagnostic reply longer than a bare acknowledgement ("0001 ", 5 characters).
-constexpr std::size_t kAckOnlyMaxChars = 6;
 // Diagnostic 15h 02h: the changer's coin cassette has been taken out.
 constexpr std::string_view kCassetteRemoved = "1500 0200";
 
@@ -172,7 +170,7 @@ void CashPayment::abandonPayment(std::string_view statusText) {
     MdbLink& link = m_setup.link();
     if (link.isOpen() && c.checked("CoinAcceptorEnabled") && !st.pollTimedOut) {
         trapped([&link] {
-            const mdb::Exchange ex = link.exchange(mdb::Command::whole(link.frames().caResetFrame),
+            const mdb::Exchange ex = link.exchange(mdb::Command::whole(mdb::frames::changerReset()),
                                                    mdb::payment_use::kAbandonChangerReset);
             link.acknowledge(ex.reply);
         });
@@ -272,7 +270,7 @@ bool CashPayment::enableCoinTypes() {
         }
         link.acknowledge(ex.reply);
         diagnostic = ex.reply;
-        if (diagnostic.size() > kAckOnlyMaxChars) {
+        if (diagnostic.longerThanAck()) {
             break;
         }
     }
@@ -459,7 +457,7 @@ void CashPayment::resetChangerAndReadTubes() {
     EngineState& st = m_setup.state();
     MdbLink& link = m_setup.link();
     const Exchange reset =
-        link.exchange(Command::whole(link.frames().caResetFrame), payment_use::kChangerReset);
+        link.exchange(Command::whole(mdb::frames::changerReset()), payment_use::kChangerReset);
     if (!reset.answered) {
         st.changerFailed = true;
         return;

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "../console.h"
-#include "link.h"
+#include "frame.h"
 
 // Byte arithmetic of the cash payment, done the way the console has always done it: enable masks
 // written as binary digits from the check boxes, check bytes through hexadecimal text, and reply

@@ -15,8 +15,8 @@
 #include "cash_payment.h"
 #include "cash_payment_bytes.h"
 #include "link.h"
-#include "payment_uses.h"
 #include "tubes.h"
+#include "uses.h"
 
 namespace kestrix {
 
@@ -296,8 +296,8 @@ void CashPayment::changeTimer_Timer() {
         return;
     }
     const bool ok = trapped([&] {
-        const Exchange ex =
-            link.exchange(Command::whole(link.frames().caPollFrame), payment_use::kPayoutWatchPoll);
+        const Exchange ex = link.exchange(Command::whole(mdb::frames::changerPoll()),
+                                          payment_use::kPayoutWatchPoll);
         if (!ex.answered) {
             if (++m_watchSilentPolls >= bounds::kPayoutWatchSilentPolls) {
                 endWatch(Watch::Silent);

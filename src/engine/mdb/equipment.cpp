@@ -14,8 +14,8 @@
 #include "../setup.h"
 #include "cash_payment.h"
 #include "link.h"
-#include "payment_uses.h"
 #include "tubes.h"
+#include "uses.h"
 
 namespace kestrix {
 
@@ -171,10 +171,9 @@ void journalTubeLevels(Setup& s, const mdb::TubeCounts& counts) {
 bool initChanger(Setup& s) {
     MdbLink& link = s.link();
     Console& c = s.console();
-    const mdb::PreparedFrames& f = link.frames();
 
     const mdb::Exchange reset =
-        link.exchange(mdb::Command::whole(f.caResetFrame), mdb::use::kChangerReset);
+        link.exchange(mdb::Command::whole(mdb::frames::changerReset()), mdb::use::kChangerReset);
     if (!reset.answered) {
         return false;
     }
@@ -182,16 +181,16 @@ bool initChanger(Setup& s) {
     link.settle();
     // The changer's "I was reset" report is taken at once, so it never stands in front of a
     // coin in a later reply.
-    const mdb::Exchange poll =
-        link.exchange(mdb::Command::whole(f.caPollFrame), mdb::payment_use::kChangerPollAfterReset);
+    const mdb::Exchange poll = link.exchange(mdb::Command::whole(mdb::frames::changerPoll()),
+                                             mdb::payment_use::kChangerPollAfterReset);
     if (poll.answered && poll.reply.message() && !poll.reply.isBareAck()) {
         link.sendAck();
     }
 
     // The commands after the RESET are trusted to be answered, within their attempts: a changer
     // that answers its RESET and then nothing is absent all the same.
-    const mdb::Exchange setup =
-        link.exchange(mdb::Command::whole(f.caSetupFrame), mdb::use::kChangerSetup, mdb::readable);
+    const mdb::Exchange setup = link.exchange(mdb::Command::whole(mdb::frames::changerSetup()),
+                                              mdb::use::kChangerSetup, mdb::readable);
     if (!setup.answered) {
         return false;
     }

@@ -8,8 +8,8 @@
 #include "../setup.h"
 #include "cash_payment.h"
 #include "link.h"
-#include "payment_uses.h"
 #include "tubes.h"
+#include "uses.h"
 
 namespace kestrix {
 
@@ -83,7 +83,7 @@ void CashPayment::pollTimer_Timer() {
 CashPayment::Poll CashPayment::pollChanger(const mdb::LinkUse& use) {
     using namespace mdb;
     MdbLink& link = m_setup.link();
-    const Exchange ex = link.exchange(Command::whole(link.frames().caPollFrame), use);
+    const Exchange ex = link.exchange(Command::whole(mdb::frames::changerPoll()), use);
     if (!ex.answered) {
         return Poll::Silent;
     }

@@ -11,7 +11,6 @@ constexpr int kTubeSlots = 5;
 constexpr int kCoinTypes = 16;
 // Bytes 1 and 2 of a tube status are the tube-full flags; the counts follow.
 constexpr std::size_t kFirstCount = 2;
-constexpr std::string_view kBareAck = "0001 ";
 }  // namespace
 
 std::optional<TubeCounts> readTubeStatus(Setup& setup, const LinkUse& use, int rounds) {
