@@ -124,7 +124,6 @@ void Setup::Form_Load() {
     // What the last run left for the host, before the reset wipes it: the recovery needs it to
     // tell whether the host saw the result of the payment that run was serving.
     const MailboxBefore before = m_recovery->readMailbox();
-    m_link->prepareFrames();
     for (const store::MailboxValue& v : store::mailboxReset()) {
         writeMailbox(v.key, v.value);
     }

@@ -166,12 +166,10 @@ public:
     Platform& platform() { return m_platform; }
     MdbLink& link() { return *m_link; }
     BillDispenser& dispenser() { return *m_dispenser; }
-    CashPayment& cash() { return *m_cash; }
     Hoppers& hoppers() { return *m_hoppers; }
     CardPayment& card() { return *m_card; }
     // Device faults and recoveries, journalled and logged once each.
     DeviceHealth& health() { return *m_health; }
-    Recovery& recovery() { return *m_recovery; }
 
     Timer& monitorTimer() { return *m_monitor; }
     Timer& pollTimer() { return *m_pollTimer; }

@@ -495,11 +495,10 @@ TEST(MdbLink, ACompleteReplyIsTakenAtOnceAndTheRestGoesToTheNextExchange) {
     ScriptedMdb mdb;
     wireScripted(k, mdb);
     MdbLink& link = k.engine().link();
-    link.prepareFrames();
     k.console().setText("comPorts", "1");
     link.open();
     mdb.script(0x0B, {"0001 0b00 0b01 "});
-    link.send(link.frames().caPollFrame);
+    link.write(mdb::Command::whole(mdb::frames::changerPoll()));
     const mdb::Reply first = link.collect(mdb::kNoReadLimit);
     EXPECT_TRUE(first.answered());
     EXPECT_EQ(link.acknowledge(first), first.endsComplete());

@@ -109,12 +109,6 @@ public:
     // Console-level state.
     const std::string& bdReply() const { return m_bdReply; }
     bool bdError() const { return m_bdError; }
-    bool bdLow() const { return m_bdLow; }
-    const std::string& bdMaxLen() const { return m_bdMaxLen; }
-    const std::string& bdMinLen() const { return m_bdMinLen; }
-    int bdThicknessValue() const { return m_bdThicknessValue; }
-    const std::string& bdVersion() const { return m_bdVersion; }
-    int bdLastCount() const { return m_bdLastCount; }
 
 private:
     void sendAckTwice();

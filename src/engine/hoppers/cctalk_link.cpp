@@ -10,7 +10,6 @@ CcTalkLink::Result CcTalkLink::exchange(std::uint8_t address, std::uint8_t heade
     // Whatever is still on the line (a late reply to an earlier frame) is not this reply.
     m_port.read();
     m_port.write(frame);
-    ++m_framesSent;
 
     std::string received;
     int idle = 0;

@@ -39,13 +39,9 @@ public:
     // collects the reply. Port failures (a vanished port) propagate as PortError.
     Result exchange(std::uint8_t address, std::uint8_t header, std::string_view data = {});
 
-    // Every frame sent, for diagnostics.
-    long framesSent() const { return m_framesSent; }
-
 private:
     SerialPort& m_port;
     bool m_echo;
-    long m_framesSent = 0;
 };
 
 }  // namespace kestrix

@@ -15,7 +15,6 @@ namespace kestrix {
 
 namespace {
 
-constexpr std::string_view kLineSettings = "9600,N,8,1";
 constexpr int kDefaultAddress1 = 3;
 constexpr int kDefaultAddress2 = 4;
 
@@ -74,6 +73,14 @@ Money Hoppers::dispense(Money amount) {
     return m_paid;
 }
 
+void Hoppers::openPort(int portNumber) {
+    SerialPort& port = m_setup.platform().hoppersPort;
+    if (port.isOpen()) {
+        port.close();
+    }
+    port.open(portNumber, kLineSettings);
+}
+
 bool Hoppers::ensurePortOpen() {
     SerialPort& port = m_setup.platform().hoppersPort;
     if (port.isOpen()) {
@@ -83,7 +90,7 @@ bool Hoppers::ensurePortOpen() {
     // port dropped since. One attempt to open it again, on the configured port.
     try {
         const double number = leadingNumber(m_setup.console().text("comPorts2"));
-        port.open(static_cast<int>(std::clamp(number, 0.0, 65535.0)), kLineSettings);
+        openPort(static_cast<int>(std::clamp(number, 0.0, 65535.0)));
         m_setup.pause(Hoppers::kAfterResetSeconds);
     } catch (const PortError&) {
         return false;

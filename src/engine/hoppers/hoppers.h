@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include <string>
+#include <string_view>
 #include <vector>
 #include "../money.h"
 
@@ -62,10 +63,16 @@ public:
     // Coins one dispense command can ask for.
     static constexpr int kMaxCoinsPerCommand = 255;
 
+    static constexpr std::string_view kLineSettings = "9600,N,8,1";
+
     explicit Hoppers(Setup& setup);
     ~Hoppers();
     Hoppers(const Hoppers&) = delete;
     Hoppers& operator=(const Hoppers&) = delete;
+
+    // Opens the hoppers interface on `portNumber` (closing it first if open). A port that cannot
+    // be opened throws PortError.
+    void openPort(int portNumber);
 
     // The console's "Dispense Coins": pays the amount in `hToDispense`, leaves what was paid in
     // `hDispensed`.

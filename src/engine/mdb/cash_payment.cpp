@@ -467,7 +467,7 @@ void CashPayment::resetChangerAndReadTubes() {
     pollChanger(payment_use::kChangerPollAfterReset);
     m_setup.pause(kStopChangerResetSeconds);
     if (const std::optional<TubeCounts> counts =
-            readTubeStatus(m_setup, payment_use::kTubeStatus, kDeviceAttempts)) {
+            readTubeStatus(m_setup, payment_use::kTubeStatus)) {
         publishTubes(m_setup, *counts);
     } else {
         st.changerFailed = true;

@@ -146,9 +146,7 @@ Money CashPayment::payFromTubes(Money owed, Money& unknown) {
         // the last reading. A link that has gone ends the tubes' part; what they paid until
         // then stays counted, and the rest passes on to the hoppers.
         std::optional<TubeCounts> before;
-        if (!trapped([&] {
-                before = readTubeStatus(m_setup, payment_use::kTubeStatus, kDeviceAttempts);
-            }) ||
+        if (!trapped([&] { before = readTubeStatus(m_setup, payment_use::kTubeStatus); }) ||
             !before) {
             m_setup.state().changerFailed = true;
             break;
@@ -198,7 +196,7 @@ CashPayment::TubePayout CashPayment::payOnce(int units, const std::array<int, 17
     trapped([&] {
         watch = payOutFromTubes(units);
         reported = payoutStatus();
-        after = readTubeStatus(m_setup, payment_use::kTubeStatus, kDeviceAttempts);
+        after = readTubeStatus(m_setup, payment_use::kTubeStatus);
     });
     if (reported) {
         p.paid = tubeMoney(m_setup, *reported);

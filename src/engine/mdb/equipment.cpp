@@ -9,6 +9,7 @@
 #include "../dispenser/bill_dispenser.h"
 #include "../errors.h"
 #include "../formulas.h"
+#include "../hoppers/hoppers.h"
 #include "../journal/device_health.h"
 #include "../settings/layout.h"
 #include "../setup.h"
@@ -31,8 +32,6 @@ constexpr std::string_view kPinPadPort = "Pin Pad";
 constexpr std::string_view kDispenserPort = "Bill Dispenser";
 constexpr std::string_view kHoppersPort = "Hoppers Interface";
 constexpr std::string_view kMdbPort = "MDB Interface";
-
-constexpr std::string_view kHoppersLineSettings = "9600,N,8,1";
 
 // Waits after opening a link and after the dispenser's set-up, in seconds.
 constexpr double kDispenserOpenSeconds = 0.5;
@@ -211,7 +210,7 @@ bool initChanger(Setup& s) {
     // Right after a reset the changer may answer TUBE STATUS with a bare acknowledgement: ask
     // again until the counts come.
     const std::optional<mdb::TubeCounts> tubes =
-        mdb::readTubeStatus(s, mdb::use::kChangerTubeStatus, mdb::kDeviceAttempts);
+        mdb::readTubeStatus(s, mdb::use::kChangerTubeStatus);
     if (!tubes) {
         return false;
     }
@@ -324,7 +323,7 @@ void Setup::InitEquipment() {
 
         if (c.checked("hoppersEnabled")) {
             m_state.portName = kHoppersPort;
-            openLink(m_platform.hoppersPort, c, "comPorts2", kHoppersLineSettings);
+            m_hoppers->openPort(strictInt(c.text("comPorts2")));
             m_health->working("hoppers");
             pause(kHoppersOpenSeconds);
         }

@@ -33,27 +33,10 @@ void MdbLink::write(const mdb::Command& command) {
     }
 }
 
-void MdbLink::send(const mdb::Command& command) {
-    write(command);
-    m_setup.console().BlinkTx();
-}
-
-void MdbLink::send(std::string_view frameBytes) {
-    m_setup.platform().mdbPort.write(frameBytes);
-    m_setup.console().BlinkTx();
-}
-
 mdb::Reply MdbLink::collect(mdb::ReadLimit limit) {
-    mdb::Reply reply;
-    collectMore(reply, limit);
-    return reply;
-}
-
-bool MdbLink::collectMore(mdb::Reply& reply, mdb::ReadLimit limit) {
     SerialPort& port = m_setup.platform().mdbPort;
     Console& console = m_setup.console();
-    reply.m_reads = 0;
-    reply.m_limitEnded = false;
+    mdb::Reply reply;
     for (;;) {
         reply.append(port.read());
         console.BlinkRx();
@@ -61,10 +44,10 @@ bool MdbLink::collectMore(mdb::Reply& reply, mdb::ReadLimit limit) {
         // Past termination's deadline no wait goes on, whatever its limit.
         if ((limit.bounded() && reply.m_reads > limit.completeBy) || m_setup.pastDeadline()) {
             reply.m_limitEnded = true;
-            return false;
+            return reply;
         }
         if (reply.complete()) {
-            return true;
+            return reply;
         }
     }
 }
@@ -104,8 +87,7 @@ mdb::Exchange MdbLink::exchange(const mdb::Command& command, const mdb::LinkUse&
         if (use.ackAfterUnanswered) {
             sendAck();
         }
-        if ((use.attempts != mdb::kWithoutEnd && ex.attempts >= use.attempts) ||
-            m_setup.pastDeadline()) {
+        if (ex.attempts >= use.attempts || m_setup.pastDeadline()) {
             return ex;
         }
         if (use.pauseBeforeResendSeconds > 0) {

@@ -19,7 +19,7 @@
 //      carries), waits the row's wait, flashes the transmit indicator, collects the reply within
 //      the row's read limit and, when that runs out, sends ACK (if the row says so),
 //      pauses the row's resend pause and sends again, up to the row's attempts. `ex.answered`
-//      tells whether a reply was taken; a row with attempts `kWithoutEnd` returns only answered.
+//      tells whether a reply was taken.
 //      An optional acceptance test makes a complete reply count as unanswered (the BILL TYPE
 //      wait refuses a reply that begins with "ff":  link.exchange(cmd, row, mdb::notNak)).
 //   3. Acknowledge as the use requires: `link.acknowledge(reply)` sends ACK only when the
@@ -30,8 +30,8 @@
 //   5. Read the reply's bytes by position: `reply.number(k)`, `reply.hex(k)`, `reply.character(k)`.
 //
 // Routines with their own loop shape (a poll that keeps reading after a recovery, a tube status
-// asked again until it is longer than an acknowledgement) use the pieces directly: `send`,
-// `write`, `collect`, `collectMore`, `acknowledge`, `sendAck`, `settle`.
+// asked again until it is longer than an acknowledgement) use the pieces directly:
+// `write`, `collect`, `acknowledge`, `sendAck`, `settle`.
 //
 // Nothing here yields to the event loop: a read takes what has arrived (waiting at most the
 // port's read quantum) and a pause blocks, so an exchange runs to its end before any tick or
@@ -67,18 +67,11 @@ public:
 
     // Writes the command (with its pauses), without the indicator.
     void write(const mdb::Command& command);
-    // Writes the command, then flashes the transmit indicator.
-    void send(const mdb::Command& command);
-    // A frame in one write, then the transmit indicator.
-    void send(std::string_view frameBytes);
-
     // Collects a reply: reads, appending each read and flashing the receive indicator, until the
     // text holds "01 " or the limit ends the wait (then `reply.answered()` is false). The reply
     // starts empty; bytes that arrive after it was taken as complete stay in the port for the next
     // exchange.
     mdb::Reply collect(mdb::ReadLimit limit);
-    // Goes on collecting into `reply` with a fresh read count; true when it became complete.
-    bool collectMore(mdb::Reply& reply, mdb::ReadLimit limit);
 
     // ACK and the transmit indicator, only when the reply ends in "01 ". True when sent.
     bool acknowledge(const mdb::Reply& reply);

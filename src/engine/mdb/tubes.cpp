@@ -13,9 +13,9 @@ constexpr int kCoinTypes = 16;
 constexpr std::size_t kFirstCount = 2;
 }  // namespace
 
-std::optional<TubeCounts> readTubeStatus(Setup& setup, const LinkUse& use, int rounds) {
+std::optional<TubeCounts> readTubeStatus(Setup& setup, const LinkUse& use) {
     MdbLink& link = setup.link();
-    for (int round = 0; round < rounds && !setup.pastDeadline(); ++round) {
+    for (int round = 0; round < kDeviceAttempts && !setup.pastDeadline(); ++round) {
         if (round > 0) {
             link.settle();
         }

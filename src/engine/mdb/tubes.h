@@ -20,8 +20,8 @@ using TubeCounts = std::array<int, 17>;
 
 // Reads the changer's tube status with `use`. A changer may answer with a bare acknowledgement
 // (right after a reset) or with a reply that cannot be read (a wrong check byte, garbage on the
-// line): it is asked again, up to `rounds` times. None when no readable status came.
-std::optional<TubeCounts> readTubeStatus(Setup& setup, const LinkUse& use, int rounds);
+// line): it is asked again, up to kDeviceAttempts times. None when no readable status came.
+std::optional<TubeCounts> readTubeStatus(Setup& setup, const LinkUse& use);
 
 // The money the counts stand for, at the changer's coin values.
 Money tubeMoney(const Setup& setup, const TubeCounts& counts);

@@ -27,13 +27,11 @@ constexpr ReadLimit completeBy(long long reads) {
     return ReadLimit{reads};
 }
 
-inline constexpr int kWithoutEnd = 0;  // attempts: resend until the peripheral answers
-
 // One use of the link: how a command is waited for, and what happens when it is not answered.
 struct LinkUse {
     double waitBeforeReadSeconds;  // Pause between the command and its first read
     ReadLimit limit;               // reads per attempt
-    int attempts;                  // kWithoutEnd, or the number of sends before giving up
+    int attempts;                  // sends before giving up
     bool ackAfterUnanswered;       // ACK after each unanswered attempt
     double pauseBeforeResendSeconds;
 };
