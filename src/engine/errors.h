@@ -20,6 +20,7 @@ public:
 
     static constexpr int kInvalidProcedureCall = 5;
     static constexpr int kOverflow = 6;
+    static constexpr int kDivisionByZero = 11;
     static constexpr int kTypeMismatch = 13;
     static constexpr int kInvalidPropertyValue = 380;
 
