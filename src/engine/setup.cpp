@@ -20,12 +20,6 @@ namespace kestrix {
 
 namespace {
 
-constexpr int kMonitorIntervalMs = 500;
-constexpr int kPollIntervalMs = 200;
-constexpr int kChangeIntervalMs = 200;
-constexpr int kClickIntervalMs = 200;
-constexpr int kCardWatchIntervalMs = 200;
-
 constexpr std::string_view kHideSwitch = "/hide";
 
 bool sameName(std::string_view a, std::string_view b) {
@@ -42,26 +36,14 @@ Setup::Setup(Platform platform)
       m_storeWriter(platform.store, platform.clock, platform.log, platform.journal),
       m_link(std::make_unique<MdbLink>(*this)),
       m_dispenser(std::make_unique<BillDispenser>(*this)),
-      m_cash(std::make_unique<CashPayment>(*this)),
       m_hoppers(std::make_unique<Hoppers>(*this)),
-      m_card(std::make_unique<CardPayment>(*this)),
       m_health(std::make_unique<DeviceHealth>(m_platform.journal, m_platform.log)),
-      m_recovery(std::make_unique<Recovery>(*this)) {
-    Scheduler& s = m_platform.scheduler;
-    const auto tick = [this](std::string_view name, void (Setup::*routine)()) {
-        return [this, name, routine] { guarded(name, [this, routine] { (this->*routine)(); }); };
-    };
-    m_monitor =
-        s.createTimer("Monitor", kMonitorIntervalMs, false, tick("Monitor", &Setup::Monitor_Timer));
-    m_pollTimer = s.createTimer("pollTimer", kPollIntervalMs, false,
-                                tick("pollTimer", &Setup::pollTimer_Timer));
-    m_changeTimer = s.createTimer("changeTimer", kChangeIntervalMs, false,
-                                  tick("changeTimer", &Setup::changeTimer_Timer));
-    m_clickTimer = s.createTimer("clickTimer", kClickIntervalMs, false,
-                                 tick("clickTimer", &Setup::clickTimer_Timer));
-    m_ccTimer = s.createTimer("ccTimer", kCardWatchIntervalMs, false,
-                              tick("ccTimer", &Setup::ccTimer_Timer));
-}
+      m_recovery(std::make_unique<Recovery>(*this)),
+      m_monitor(m_platform.scheduler.createTimer(
+          "Monitor", kMonitorIntervalMs, false,
+          [this] { guarded("Monitor", [this] { Monitor_Timer(); }); })),
+      m_cash(std::make_unique<CashPayment>(*this)),
+      m_card(std::make_unique<CardPayment>(*this)) {}
 
 Setup::~Setup() = default;
 
@@ -279,22 +261,6 @@ void Setup::comPorts_Click() {
     }
 }
 
-void Setup::comPorts1_Click() {
-    comPorts_Click();
-}
-
-void Setup::CoinAcceptorEnabled_Click() {
-    comPorts_Click();
-}
-
-void Setup::billValidatorEnabled_Click() {
-    comPorts_Click();
-}
-
-void Setup::pinPadEnabled_Click() {
-    comPorts_Click();
-}
-
 void Setup::billDispenserEnabled_Click() {
     if (m_state.loaded) {
         InitEquipment();
@@ -336,10 +302,6 @@ void Setup::Save_Click() {
     }
 }
 
-void Setup::Cancel_Click() {
-    Exit();
-}
-
 void Setup::Form_Unload() {
     Exit();
 }
@@ -374,8 +336,8 @@ void Setup::Exit() {
     m_platform.journal.append({.kind = journal_kind::kEngineEnd, .device = "engine"});
     m_platform.log.notice("engine: ended", {"engine", 0});
     m_ended = true;
-    for (Timer* t : {m_monitor.get(), m_pollTimer.get(), m_changeTimer.get(), m_clickTimer.get(),
-                     m_ccTimer.get()}) {
+    for (Timer* t : {m_monitor.get(), &m_cash->pollTimer(), &m_cash->changeTimer(),
+                     &m_card->clickTimer(), &m_card->ccTimer()}) {
         t->setEnabled(false);
     }
     m_platform.scheduler.quit(0);
@@ -474,14 +436,14 @@ void Setup::Monitor_Timer() {
     if (st.amountDue.isZero()) {
         if (requested(store::mailbox::kDue)) {
             step([this] { m_console.setText("due", mailbox(store::mailbox::kDue)); });
-            step([this] { hostPayment(); });
+            step([this] { paymentClick("host"); });
         }
     }
 
     if (st.amountDue.isZero()) {
         if (requested(store::mailbox::kDueCC)) {
             step([this] { m_console.setText("due", mailbox(store::mailbox::kDueCC)); });
-            step([this] { m_clickTimer->setEnabled(true); });
+            step([this] { m_card->clickTimer().setEnabled(true); });
         }
     }
 
@@ -508,7 +470,7 @@ void Setup::Monitor_Timer() {
     step([&] { cancel = mailbox(store::mailbox::kCancel); });
     if (!cancel.empty() && caption == "Stop Payment...") {
         step([&] { st.cancelKeepsCredit = cancel == "2" ? 1 : 0; });
-        step([this] { hostPayment(); });
+        step([this] { paymentClick("host"); });
     } else {
         step([&] { caption = m_console.text("enablePaymentCC"); });
         step([&] { cancel = mailbox(store::mailbox::kCancel); });
@@ -642,14 +604,6 @@ bool Setup::holdDuringPayout(const std::function<void()>& action) {
 
 // --- Device routines --------------------------------------------------------------------------
 
-void Setup::enablePayment_Click() {
-    paymentClick("operator");
-}
-
-void Setup::hostPayment() {
-    paymentClick("host");
-}
-
 void Setup::paymentClick(std::string_view requester) {
     // A click held back during a payout keeps what it meant when it was made: a stop of the
     // payment then running. If that payment has ended meanwhile, the stop has nothing left to
@@ -670,55 +624,11 @@ void Setup::paymentClick(std::string_view requester) {
     m_cash->enablePayment_Click(requester);
 }
 
-void Setup::pollTimer_Timer() {
-    m_cash->pollTimer_Timer();
-}
-
-Money Setup::DispenseChange(Money amount) {
-    return m_cash->DispenseChange(amount);
-}
-
-void Setup::changeTimer_Timer() {
-    m_cash->changeTimer_Timer();
-}
-
-void Setup::bvRecovery() {
-    m_cash->bvRecovery();
-}
-
-void Setup::bdDispenseBills_Click() {
-    m_dispenser->bdDispenseBills_Click();
-}
-
-void Setup::bdDispenserRefill_Click() {
-    m_dispenser->bdDispenserRefill_Click();
-}
-
-void Setup::hDispenseCoins_Click() {
-    m_hoppers->hDispenseCoins_Click();
-}
-
 void Setup::enablePaymentCC_Click() {
     if (holdDuringPayout([this] { enablePaymentCC_Click(); })) {
         return;
     }
     m_card->enablePaymentCC_Click();
-}
-
-void Setup::clickTimer_Timer() {
-    m_card->clickTimer_Timer();
-}
-
-void Setup::ccTimer_Timer() {
-    m_card->ccTimer_Timer();
-}
-
-void Setup::ccReadCard_Click() {
-    m_card->ccReadCard_Click();
-}
-
-void Setup::ccPrinters_Click() {
-    m_card->ccPrinters_Click();
 }
 
 // --- Operator input from a view ---------------------------------------------------------------
@@ -744,21 +654,22 @@ void Setup::operatorEdit(const std::string& name, const std::string& text, int v
         m_console.setText(name, text);
     }
     // Check boxes and lists raise their click when the operator changes them.
-    static const std::vector<std::pair<std::string_view, void (Setup::*)()>> handlers = {
-        {"comPorts", &Setup::comPorts_Click},
-        {"comPorts1", &Setup::comPorts1_Click},
-        {"CoinAcceptorEnabled", &Setup::CoinAcceptorEnabled_Click},
-        {"billValidatorEnabled", &Setup::billValidatorEnabled_Click},
-        {"pinPadEnabled", &Setup::pinPadEnabled_Click},
-        {"billDispenserEnabled", &Setup::billDispenserEnabled_Click},
-        {"hoppersEnabled", &Setup::hoppersEnabled_Click},
-        {"bDispType", &Setup::bDispType_Click},
-        {"ccPrinters", &Setup::ccPrinters_Click},
+    using Handler = void (*)(Setup&);
+    static const std::vector<std::pair<std::string_view, Handler>> handlers = {
+        {"comPorts", [](Setup& s) { s.comPorts_Click(); }},
+        {"comPorts1", [](Setup& s) { s.comPorts_Click(); }},
+        {"CoinAcceptorEnabled", [](Setup& s) { s.comPorts_Click(); }},
+        {"billValidatorEnabled", [](Setup& s) { s.comPorts_Click(); }},
+        {"pinPadEnabled", [](Setup& s) { s.comPorts_Click(); }},
+        {"billDispenserEnabled", [](Setup& s) { s.billDispenserEnabled_Click(); }},
+        {"hoppersEnabled", [](Setup& s) { s.hoppersEnabled_Click(); }},
+        {"bDispType", [](Setup& s) { s.bDispType_Click(); }},
+        {"ccPrinters", [](Setup& s) { s.m_card->ccPrinters_Click(); }},
     };
     for (const auto& [control, handler] : handlers) {
         if (control == name) {
             // The handler's own trap has reported what the operator needs to know.
-            guarded(name, [this, handler = handler] { trapped([&] { (this->*handler)(); }); });
+            guarded(name, [this, handler = handler] { trapped([&] { handler(*this); }); });
             return;
         }
     }
@@ -776,15 +687,16 @@ void Setup::operatorClick(const std::string& name) {
     if (!f.enabled || f.kind != FieldKind::Button) {
         return;  // a disabled button cannot be pressed
     }
-    static const std::vector<std::pair<std::string_view, void (Setup::*)()>> buttons = {
-        {"Save", &Setup::Save_Click},
-        {"Cancel", &Setup::Cancel_Click},
-        {"enablePayment", &Setup::enablePayment_Click},
-        {"enablePaymentCC", &Setup::enablePaymentCC_Click},
-        {"bdDispenseBills", &Setup::bdDispenseBills_Click},
-        {"bdDispenserRefill", &Setup::bdDispenserRefill_Click},
-        {"hDispenseCoins", &Setup::hDispenseCoins_Click},
-        {"ccReadCard", &Setup::ccReadCard_Click},
+    using Handler = void (*)(Setup&);
+    static const std::vector<std::pair<std::string_view, Handler>> buttons = {
+        {"Save", [](Setup& s) { s.Save_Click(); }},
+        {"Cancel", [](Setup& s) { s.Exit(); }},
+        {"enablePayment", [](Setup& s) { s.paymentClick("operator"); }},
+        {"enablePaymentCC", [](Setup& s) { s.enablePaymentCC_Click(); }},
+        {"bdDispenseBills", [](Setup& s) { s.m_dispenser->bdDispenseBills_Click(); }},
+        {"bdDispenserRefill", [](Setup& s) { s.m_dispenser->bdDispenserRefill_Click(); }},
+        {"hDispenseCoins", [](Setup& s) { s.m_hoppers->hDispenseCoins_Click(); }},
+        {"ccReadCard", [](Setup& s) { s.m_card->ccReadCard_Click(); }},
     };
     for (const auto& [control, handler] : buttons) {
         if (control == name) {
@@ -795,7 +707,7 @@ void Setup::operatorClick(const std::string& name) {
                 holdDuringPayout([this, name] { operatorClick(name); })) {
                 return;
             }
-            guarded(name, [this, handler = handler] { trapped([&] { (this->*handler)(); }); });
+            guarded(name, [this, handler = handler] { trapped([&] { handler(*this); }); });
             return;
         }
     }

@@ -76,7 +76,6 @@ struct EngineState {
     // When the running payment last credited a bill (seconds since midnight); none before its
     // first bill, so a bill from an earlier payment (or yesterday) can never hide one.
     std::optional<double> lastBillTime;
-    std::array<int, 5> commandBytes{};
 
     std::array<Money, 17> coinValue{};
     std::array<int, 17> tubeCount{};
@@ -104,23 +103,14 @@ public:
     bool startUp();
     void Form_Load();
     void Save_Click();
-    void Cancel_Click();  // the console's "Cancel" button: Exit
-    void Form_Unload();   // the console window closes: Exit
+    void Form_Unload();  // the console window closes: Exit
     void Exit();
     bool ended() const { return m_ended; }
 
-    // Port and device handlers (operator clicks on the console).
-    void comPorts_Click();
-    void comPorts1_Click();
-    void CoinAcceptorEnabled_Click();
-    void billValidatorEnabled_Click();
-    void pinPadEnabled_Click();
-    void billDispenserEnabled_Click();
-    void hoppersEnabled_Click();
-    void bDispType_Click();
-
     // --- Host command monitor ---------------------------------------------------------------
     void Monitor_Timer();
+    // How often the monitor reads the host's requests.
+    static constexpr int kMonitorIntervalMs = 500;
     // How often the monitor rewrites the heartbeat "Status"/"Engine" (the local time of its
     // tick), by which hosts tell a live engine from one that has stopped.
     static constexpr double kHeartbeatSeconds = 5;
@@ -137,21 +127,8 @@ public:
 
     // --- Device routines --------------------------------------------------------------------
     void InitEquipment();
-    void enablePayment_Click();
-    void pollTimer_Timer();
-    // Pays `amount` back (bill dispenser, tubes, hoppers) and returns what actually left the
-    // kiosk; never more than `amount`.
-    Money DispenseChange(Money amount);
-    void changeTimer_Timer();
-    void bvRecovery();
-    void bdDispenseBills_Click();
-    void bdDispenserRefill_Click();
-    void hDispenseCoins_Click();
+    // Starts or cancels the card payment; held back while the changer pays out.
     void enablePaymentCC_Click();
-    void clickTimer_Timer();
-    void ccTimer_Timer();
-    void ccReadCard_Click();
-    void ccPrinters_Click();
 
     // An operator edit from a view: sets the field, then runs the control's click handler when
     // it has one (check boxes and lists raise their click when changed).
@@ -172,10 +149,6 @@ public:
     DeviceHealth& health() { return *m_health; }
 
     Timer& monitorTimer() { return *m_monitor; }
-    Timer& pollTimer() { return *m_pollTimer; }
-    Timer& changeTimer() { return *m_changeTimer; }
-    Timer& clickTimer() { return *m_clickTimer; }
-    Timer& ccTimer() { return *m_ccTimer; }
 
     // Reads and writes of the application's settings (application "KSX"). A write the store
     // refuses is kept and written again once the store takes writes (never thrown: store
@@ -212,8 +185,12 @@ public:
     void guarded(std::string_view what, const std::function<void()>& action);
 
 private:
-    // The cash payment's start/stop as the host monitor runs it (journalled as the host's).
-    void hostPayment();
+    // Port and device handlers (operator changes on the console).
+    void comPorts_Click();
+    void billDispenserEnabled_Click();
+    void hoppersEnabled_Click();
+    void bDispType_Click();
+    // The cash payment's start/stop; `requester` ("host" or "operator") goes in the journal.
     void paymentClick(std::string_view requester);
     void noteRefusedAmount(std::string_view key, const std::string& text, bool accepted);
     // Runs `action` now, or holds it back while the payout wait runs; true when held back.
@@ -248,19 +225,16 @@ private:
     std::atomic<bool> m_terminationRequested = false;
     std::atomic<double> m_terminationStartedAt = 0;
 
+    // Timers fire in the order they were made when they fall due together: the recovery's, the
+    // monitor, then the cash payment's and the card payment's.
     std::unique_ptr<MdbLink> m_link;
     std::unique_ptr<BillDispenser> m_dispenser;
-    std::unique_ptr<CashPayment> m_cash;
     std::unique_ptr<Hoppers> m_hoppers;
-    std::unique_ptr<CardPayment> m_card;
     std::unique_ptr<DeviceHealth> m_health;
     std::unique_ptr<Recovery> m_recovery;
-
     std::unique_ptr<Timer> m_monitor;
-    std::unique_ptr<Timer> m_pollTimer;
-    std::unique_ptr<Timer> m_changeTimer;
-    std::unique_ptr<Timer> m_clickTimer;
-    std::unique_ptr<Timer> m_ccTimer;
+    std::unique_ptr<CashPayment> m_cash;
+    std::unique_ptr<CardPayment> m_card;
 };
 
 }  // namespace kestrix

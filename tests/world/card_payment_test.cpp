@@ -115,7 +115,7 @@ TEST(CardPayment, OutcomesReachTheHostAndTheJournalWithTheCardMasked) {
         EXPECT_EQ(k.mailbox(mb::kStatus), row.status);
         EXPECT_EQ(k.mailbox(mb::kCredit), row.credit);
         EXPECT_EQ(k.mailbox(mb::kReferenceCC), "");
-        EXPECT_EQ(k.engine().ccTimer().enabled(), row.watching);
+        EXPECT_EQ(k.engine().card().ccTimer().enabled(), row.watching);
         EXPECT_EQ(k.printer().documents().size(), row.voucher ? 1u : 0u);
 
         // The sale's rows: started by the host, its result, its end with the status shown.
@@ -225,7 +225,7 @@ TEST(CardPayment, NothingToChargeOrNoPinPadOnlyRunsTheCommonEnd) {
         EXPECT_EQ(k.engineWrites(),
                   (std::vector<std::string>{"Status/DueCC=0", "Status/ReferenceCC="}));
         EXPECT_EQ(k.pinPad().salesRun(), 0);
-        EXPECT_FALSE(k.engine().ccTimer().enabled());
+        EXPECT_FALSE(k.engine().card().ccTimer().enabled());
     }
     CardKiosk disabled;
     disabled.set(store::section::kPinPad, "PPE", "0");
@@ -291,7 +291,7 @@ TEST(CardPayment, OperatorStartedSaleIsNotCancelledByItsOwnRequestEcho) {
     EXPECT_EQ(k.mailbox(mb::kStatus), "Credit Card Approved");
     k.runFor(5);
     EXPECT_EQ(k.pinPad().salesRun(), 1);
-    EXPECT_FALSE(k.engine().clickTimer().enabled());
+    EXPECT_FALSE(k.engine().card().clickTimer().enabled());
 }
 
 // The simulated pin pad library, recording the calls of a payment; the chosen call fails as the
@@ -377,7 +377,7 @@ TEST(CardPayment, ALostLibraryIsReportedOnceAndTheNextRequestWindsThePaymentUp) 
 
     // The watch reading a lost library reports it once.
     library.failing = "displayMessage";
-    engine.ccTimer().setEnabled(true);
+    engine.card().ccTimer().setEnabled(true);
     k.runFor(3);
     EXPECT_EQ(k.messageBox().shown().size(), 2u);
     library.failing.clear();
@@ -411,7 +411,7 @@ TEST(PinPadTest, AReadShowsTheCardOrTheErrorAndTouchesNeitherMailboxNorPrinter) 
                       "Card read error DescError = The chip could not be read CodError =  R05\n");
         }
         EXPECT_EQ(k.text("ccReadCard"), "Read Card");
-        EXPECT_EQ(k.engine().ccTimer().enabled(), !fails);
+        EXPECT_EQ(k.engine().card().ccTimer().enabled(), !fails);
         EXPECT_TRUE(k.engineWrites().empty());
         EXPECT_TRUE(k.printer().documents().empty());
         EXPECT_EQ(k.pinPad().salesRun(), 0);

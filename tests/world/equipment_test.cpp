@@ -447,7 +447,7 @@ TEST(BillDispenser, AQuantityIsPaidBillByBillAndStopsOnAnError) {
     ASSERT_TRUE(k.start());
     k.dispenser().setBills(2);
     k.engine().console().setText("bdQtyBills", "5");
-    k.engine().bdDispenseBills_Click();
+    k.engine().dispenser().bdDispenseBills_Click();
     EXPECT_EQ(k.dispenser().billsDelivered(), 2);
     EXPECT_EQ(k.text("bdBillsDispensed"), "2");
     EXPECT_EQ(k.text("bdStatus"), "ERR");
@@ -456,17 +456,17 @@ TEST(BillDispenser, AQuantityIsPaidBillByBillAndStopsOnAnError) {
     EXPECT_TRUE(k.engine().console().enabled("bdDispenseBills"));
 
     // In error nothing is paid until a status read clears it; the refill's status does.
-    k.engine().bdDispenseBills_Click();
+    k.engine().dispenser().bdDispenseBills_Click();
     EXPECT_EQ(k.dispenser().billsDelivered(), 2);
     k.dispenser().setBills(100);
-    k.engine().bdDispenserRefill_Click();
+    k.engine().dispenser().bdDispenserRefill_Click();
     EXPECT_EQ(k.text("bdStatus"), "OK");
     EXPECT_EQ(k.mailbox("BDDispensed"), "0");
 
     // A slow dispenser answers after the engine's first read: it asks again until it has it.
     k.control("fault dispenser slow on");
     k.engine().console().setText("bdQtyBills", "1");
-    k.engine().bdDispenseBills_Click();
+    k.engine().dispenser().bdDispenseBills_Click();
     EXPECT_EQ(k.dispenser().billsDelivered(), 3);
     EXPECT_EQ(k.mailbox("BDDispensed"), "1");
 }
@@ -476,13 +476,13 @@ TEST(BillDispenser, NothingToPayPaysNothingAndAVanishedPortIsAnError) {
     ASSERT_TRUE(k.start());
     for (const char* qty : {"0", "two", "-3"}) {
         k.engine().console().setText("bdQtyBills", qty);
-        k.engine().bdDispenseBills_Click();
+        k.engine().dispenser().bdDispenseBills_Click();
         EXPECT_EQ(k.mailbox("BDDispensed"), "0") << qty;
     }
     EXPECT_EQ(k.dispenser().billsDelivered(), 0);
     k.engine().console().setText("bdQtyBills", "1");
     k.dispenserPort().unplug();
-    k.engine().bdDispenseBills_Click();
+    k.engine().dispenser().bdDispenseBills_Click();
     EXPECT_EQ(k.text("bdStatus"), "ERR");
     EXPECT_EQ(k.mailbox("BDDispensed"), "0");
     EXPECT_TRUE(k.engine().console().enabled("bdDispenserRefill"));

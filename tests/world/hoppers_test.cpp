@@ -85,7 +85,7 @@ struct HopperRig : test::Kiosk {
     // Pays `amount` through the console's button routine; returns hDispensed.
     std::string dispense(const std::string& amount) {
         console().setText("hToDispense", amount);
-        engine().hDispenseCoins_Click();
+        engine().hoppers().hDispenseCoins_Click();
         return console().text("hDispensed");
     }
     int dispenseCommandsSent(int address) {

@@ -156,7 +156,7 @@ void CardPayment::paymentClick() {
     for (int i = 1; i <= kPinPadDisplays; ++i) {
         c.setText(pinPadDisplay(i), "");
     }
-    m_setup.ccTimer().setEnabled(true);
+    ccTimer().setEnabled(true);
     m_dueAmount = *amount;
     m_credit = Money();
 
@@ -207,7 +207,7 @@ void CardPayment::runSale() {
         m_setup.writeMailbox(store::mailbox::kReferenceCC, "");
         printVoucher(
             [&](Printer& p) { voucher::printPinPadError(p, details.description, details.code); });
-        m_setup.ccTimer().setEnabled(false);
+        ccTimer().setEnabled(false);
         // The read reached the library: its operation is closed like any other.
         lib.closeOperation();
         return;
@@ -341,8 +341,17 @@ void CardPayment::commonEnd() {
     c.setEnabled("enablePaymentCC", true);
     // While the sale ran, the monitor saw the payment's own "DueCC" and may have armed the click
     // timer; with the `due` box still holding the amount, that tick would charge it again.
-    m_setup.clickTimer().setEnabled(false);
+    clickTimer().setEnabled(false);
 }
+
+CardPayment::CardPayment(Setup& setup)
+    : m_setup(setup),
+      m_clickTimer(setup.platform().scheduler.createTimer(
+          "clickTimer", kClickIntervalMs, false,
+          [this] { m_setup.guarded("clickTimer", [this] { clickTimer_Timer(); }); })),
+      m_ccTimer(setup.platform().scheduler.createTimer("ccTimer", kWatchIntervalMs, false, [this] {
+          m_setup.guarded("ccTimer", [this] { ccTimer_Timer(); });
+      })) {}
 
 void CardPayment::clickTimer_Timer() {
     if (m_inTestRead) {
@@ -354,7 +363,7 @@ void CardPayment::clickTimer_Timer() {
     }
     // During a sale the monitor sees the payment's own "DueCC" and enables this timer again;
     // that is not a new request (and must not be taken for a cancel).
-    m_setup.clickTimer().setEnabled(false);
+    clickTimer().setEnabled(false);
 }
 
 void CardPayment::ccTimer_Timer() {
@@ -402,7 +411,7 @@ void CardPayment::testRead() {
     }
     Console& c = console();
     PaymentLibrary& lib = library();
-    m_setup.ccTimer().setEnabled(true);
+    ccTimer().setEnabled(true);
     if (c.text("ccReadCard") != kReadCaption) {
         lib.cancelOperation();
         c.setText("ccReadCard", std::string(kReadCaption));
@@ -422,7 +431,7 @@ void CardPayment::testRead() {
     const std::string readError = lib.readCard();
     if (!readError.empty()) {
         c.setText("ccPantallaPP", pinPadErrorMessage(lib.errorDetails()));
-        m_setup.ccTimer().setEnabled(false);
+        ccTimer().setEnabled(false);
     } else {
         c.setText("ccNumTarjeta", card::maskedCardNumber(lib.cardNumber()));
         c.setText("ccTarjetahabiente", lib.cardHolder());

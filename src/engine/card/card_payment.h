@@ -3,12 +3,14 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "engine/money.h"
 #include "engine/platform/clock.h"
 #include "engine/platform/payment_library.h"
 #include "engine/platform/printer.h"
+#include "engine/platform/scheduler.h"
 
 namespace kestrix {
 
@@ -21,12 +23,21 @@ class Setup;
 // keep such a nested click from starting a second use of the library.
 class CardPayment {
 public:
-    explicit CardPayment(Setup& setup) : m_setup(setup) {}
+    // How often the host's card request is looked at (`clickTimer`) and the pin pad's display
+    // is read while a card is used (`ccTimer`).
+    static constexpr int kClickIntervalMs = 200;
+    static constexpr int kWatchIntervalMs = 200;
+
+    explicit CardPayment(Setup& setup);
     // Equipment initialisation's pin pad query: fills the pin pad fields and "On Line".
     void queryPinPad();
     void enablePaymentCC_Click();
+    // Starts the host's card payment, once no operator's test read holds the library.
     void clickTimer_Timer();
+    // The watch on the pin pad while a card is read or sold.
     void ccTimer_Timer();
+    Timer& clickTimer() { return *m_clickTimer; }
+    Timer& ccTimer() { return *m_ccTimer; }
     void ccReadCard_Click();
     void ccPrinters_Click();
 
@@ -72,6 +83,8 @@ private:
     std::int64_t m_paymentId = 0;  // the sale's journal id while it runs
     std::string m_maskedCard;      // the card read, masked
     std::string m_result;          // the sale's result as journalled
+    std::unique_ptr<Timer> m_clickTimer;
+    std::unique_ptr<Timer> m_ccTimer;
 };
 
 }  // namespace kestrix

@@ -35,7 +35,14 @@ constexpr int kBillTypes = 16;
 
 }  // namespace
 
-CashPayment::CashPayment(Setup& setup) : m_setup(setup) {}
+CashPayment::CashPayment(Setup& setup)
+    : m_setup(setup),
+      m_pollTimer(setup.platform().scheduler.createTimer(
+          "pollTimer", kPollIntervalMs, false,
+          [this] { m_setup.guarded("pollTimer", [this] { pollTimer_Timer(); }); })),
+      m_changeTimer(setup.platform().scheduler.createTimer(
+          "changeTimer", kPayoutWatchIntervalMs, false,
+          [this] { m_setup.guarded("changeTimer", [this] { changeTimer_Timer(); }); })) {}
 
 void CashPayment::setStatus(std::string_view text) {
     m_setup.console().setText("statusDisplay", std::string(text));
@@ -133,7 +140,7 @@ void CashPayment::enablePayment_Click(std::string_view requester) {
         // A payment broken off half-way (in practice the MDB port has gone) is ended here so the
         // console and the host are not left with a payment that nobody polls; what was credited
         // stays published, and the next start initialises the equipment first.
-        if (st.amountDue.positive() || m_setup.pollTimer().enabled()) {
+        if (st.amountDue.positive() || pollTimer().enabled()) {
             st.pollTimedOut = true;
             abandonPayment("Error: Coin Acceptor");
         }
@@ -154,7 +161,7 @@ void CashPayment::endForExit() {
 void CashPayment::abandonAfterInternalError() {
     EngineState& st = m_setup.state();
     m_setup.writeMailbox(store::mailbox::kKsxError, "1");
-    if (st.amountDue.positive() || m_setup.pollTimer().enabled()) {
+    if (st.amountDue.positive() || pollTimer().enabled()) {
         abandonPayment("Internal Error");
     }
 }
@@ -162,7 +169,7 @@ void CashPayment::abandonAfterInternalError() {
 void CashPayment::abandonPayment(std::string_view statusText) {
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
-    m_setup.pollTimer().setEnabled(false);
+    pollTimer().setEnabled(false);
     // Acceptance may still be on, and nobody will poll the devices now: a coin or bill taken
     // from here on would never be credited. Settle what can still be settled, then one reset
     // each, if the link still works.
@@ -228,7 +235,7 @@ void CashPayment::startPayment(Money due, std::string_view requester) {
         return;
     }
     c.setText("creditDisplay", "$0.00");
-    m_setup.pollTimer().setEnabled(true);
+    pollTimer().setEnabled(true);
     c.setText("enablePayment", "Stop Payment...");
 }
 
@@ -245,7 +252,6 @@ bool CashPayment::enableCoinTypes() {
     const int manual = payment::baseTwo("11111111");
     const int data[4] = {high, low, manual, manual};
     const int check = payment::checkByteOf(kCoinTypeCommand, data);
-    st.commandBytes = {high, low, manual, manual, check};
 
     Command coinType = Command::words(payment::commandWords(kCoinTypeCommand, data, check));
     for (std::size_t i = 0; i < coinType.writes().size(); ++i) {
@@ -286,7 +292,7 @@ bool CashPayment::enableCoinTypes() {
     return true;
 }
 
-void CashPayment::loadBillTypes() {
+std::string CashPayment::loadBillTypes() {
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
     // The stored settings, not unsaved check marks on the console, decide what is accepted. A
@@ -309,19 +315,15 @@ void CashPayment::loadBillTypes() {
     const int high = mdb::payment::baseTwo(mdb::payment::flagDigits(c, &Console::btEnabled, 16, 9));
     const int low = mdb::payment::baseTwo(mdb::payment::flagDigits(c, &Console::btEnabled, 8, 1));
     const int data[4] = {high, low, escrow, escrow};
-    st.commandBytes = {high, low, escrow, escrow,
-                       mdb::payment::checkByteOf(kBillTypeCommand, data)};
+    return mdb::payment::commandWords(kBillTypeCommand, data,
+                                      mdb::payment::checkByteOf(kBillTypeCommand, data));
 }
 
 bool CashPayment::enableBillTypes() {
     using namespace mdb;
-    EngineState& st = m_setup.state();
     MdbLink& link = m_setup.link();
-    loadBillTypes();
-    const auto& b = st.commandBytes;
-    const int data[4] = {b[0], b[1], b[2], b[3]};
     // Zero-second pauses after data bytes 1, 3 and 5 split the frame into bursts.
-    Command billType = Command::words(payment::commandWords(kBillTypeCommand, data, b[4]));
+    Command billType = Command::words(loadBillTypes());
     billType.pauseAfter(1, 0).pauseAfter(3, 0).pauseAfter(5, 0);
     const Exchange ex = link.exchange(billType, payment_use::kBillType, mdb::notNak);
     if (!ex.answered) {
@@ -480,7 +482,7 @@ void CashPayment::stopPayment() {
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
 
-    m_setup.pollTimer().setEnabled(false);
+    pollTimer().setEnabled(false);
     settleAcceptance();
     const bool linkOpen = m_setup.link().isOpen();
     if (c.checked("billValidatorEnabled") && !st.bvNeedsInit && linkOpen) {

@@ -2,12 +2,14 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "../money.h"
+#include "../platform/scheduler.h"
 #include "poll_events.h"
 
 namespace kestrix {
@@ -39,16 +41,20 @@ public:
     // Starts a payment for the amount in `due`, or stops the running one. `requester` ("host"
     // or "operator") is recorded in the journal.
     void enablePayment_Click(std::string_view requester = "operator");
-    // One poll of both devices while a payment runs.
+    // One poll of both devices while a payment runs, every kPollIntervalMs.
     void pollTimer_Timer();
+    static constexpr int kPollIntervalMs = 200;
+    Timer& pollTimer() { return *m_pollTimer; }
     // Pays `amount` back from the bill dispenser, the tubes and the hoppers, in that order, and
     // returns what actually left the kiosk (never more than `amount`). "ChangeDispensed" shows
     // it; what no source could pay is journalled as unpaid.
     Money DispenseChange(Money amount);
     // A payout asked for outside a payment (the host's "Change"), journalled as its own payment.
     void payChange(Money amount, std::string_view requester);
-    // One tick of the watch on the coin changer's payout.
+    // One tick of the watch on the coin changer's payout, every kPayoutWatchIntervalMs.
     void changeTimer_Timer();
+    static constexpr int kPayoutWatchIntervalMs = 200;
+    Timer& changeTimer() { return *m_changeTimer; }
     // Brings the bill validator back without a full initialisation; sets bvNeedsInit on failure.
     void bvRecovery();
 
@@ -86,8 +92,8 @@ private:
     void abandonPayment(std::string_view statusText);
     bool enableCoinTypes();
     bool enableBillTypes();
-    // Check boxes and bill values from the stored settings, and the BILL TYPE data bytes.
-    void loadBillTypes();
+    // Check boxes and bill values from the stored settings; returns the BILL TYPE command's words.
+    std::string loadBillTypes();
 
     // Acceptance off on both devices, then POLL until neither reports anything for a while,
     // crediting what comes: a RESET after this drops nothing.
@@ -131,9 +137,10 @@ private:
     double m_watchBoundSeconds = 0;
     int m_watchSilentPolls = 0;
     Watch m_watchOutcome = Watch::Done;
-    // Change of the running payment that no source could pay.
     // What the last DispenseChange asked of devices that gave no account of it.
     Money m_lastUnknown;
+    std::unique_ptr<Timer> m_pollTimer;
+    std::unique_ptr<Timer> m_changeTimer;
 };
 
 }  // namespace kestrix

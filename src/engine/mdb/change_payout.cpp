@@ -270,7 +270,7 @@ CashPayment::Watch CashPayment::payOutFromTubes(int units) {
 
     // The changer pays at its own pace; changeTimer watches it while the console goes on.
     st.payoutBusy = true;
-    m_setup.changeTimer().setEnabled(true);
+    changeTimer().setEnabled(true);
     m_setup.yieldUntil([this, &st] {
         if (st.payoutBusy && m_setup.pastDeadline()) {
             endWatch(Watch::Interrupted);
@@ -283,14 +283,14 @@ CashPayment::Watch CashPayment::payOutFromTubes(int units) {
 void CashPayment::endWatch(Watch outcome) {
     m_watchOutcome = outcome;
     m_setup.state().payoutBusy = false;
-    m_setup.changeTimer().setEnabled(false);
+    changeTimer().setEnabled(false);
 }
 
 void CashPayment::changeTimer_Timer() {
     using namespace mdb;
     MdbLink& link = m_setup.link();
     if (!m_setup.state().payoutBusy) {
-        m_setup.changeTimer().setEnabled(false);
+        changeTimer().setEnabled(false);
         return;
     }
     const bool ok = trapped([&] {

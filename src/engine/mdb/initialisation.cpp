@@ -108,24 +108,24 @@ bool initChanger(Setup& s) {
     link.settle();
     // The changer's "I was reset" report is taken at once, so it never stands in front of a
     // coin in a later reply.
-    const Exchange poll = link.exchange(Command::whole(frames::changerPoll()),
-                                             payment_use::kChangerPollAfterReset);
+    const Exchange poll =
+        link.exchange(Command::whole(frames::changerPoll()), payment_use::kChangerPollAfterReset);
     if (poll.answered && poll.reply.message() && !poll.reply.isBareAck()) {
         link.sendAck();
     }
 
     // The commands after the RESET are trusted to be answered, within their attempts: a changer
     // that answers its RESET and then nothing is absent all the same.
-    const Exchange setup = link.exchange(Command::whole(frames::changerSetup()),
-                                              use::kChangerSetup, readable);
+    const Exchange setup =
+        link.exchange(Command::whole(frames::changerSetup()), use::kChangerSetup, readable);
     if (!setup.answered) {
         return false;
     }
     link.acknowledge(setup.reply);
     fillChangerSetup(s, setup.reply.data());
 
-    const Exchange id = link.exchange(commands::changerIdentification(),
-                                           use::kChangerIdentification, readable);
+    const Exchange id =
+        link.exchange(commands::changerIdentification(), use::kChangerIdentification, readable);
     if (!id.answered) {
         return false;
     }
@@ -137,8 +137,7 @@ bool initChanger(Setup& s) {
 
     // Right after a reset the changer may answer TUBE STATUS with a bare acknowledgement: ask
     // again until the counts come.
-    const std::optional<TubeCounts> tubes =
-        readTubeStatus(s, use::kChangerTubeStatus);
+    const std::optional<TubeCounts> tubes = readTubeStatus(s, use::kChangerTubeStatus);
     if (!tubes) {
         return false;
     }
@@ -153,8 +152,7 @@ bool initValidator(Setup& s) {
     MdbLink& link = s.link();
     Console& c = s.console();
 
-    const Exchange reset =
-        link.exchange(commands::validatorReset(), use::kValidatorReset);
+    const Exchange reset = link.exchange(commands::validatorReset(), use::kValidatorReset);
     if (!reset.answered) {
         return false;
     }
@@ -191,8 +189,8 @@ bool initValidator(Setup& s) {
     c.setText("bvSecurityLevels", r.hexJoined(8, 9) + "H");
     c.setText("bvEscrowCapability", r.hex(10) == "ff" ? "YES" : "NO");
 
-    const Exchange id = link.exchange(commands::validatorIdentification(),
-                                           use::kValidatorIdentification, readable);
+    const Exchange id =
+        link.exchange(commands::validatorIdentification(), use::kValidatorIdentification, readable);
     if (!id.answered) {
         return false;
     }

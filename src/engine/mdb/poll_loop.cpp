@@ -279,7 +279,7 @@ void CashPayment::completePayment() {
     Console& c = m_setup.console();
     EngineState& st = m_setup.state();
 
-    m_setup.pollTimer().setEnabled(false);
+    pollTimer().setEnabled(false);
     // A coin or bill that arrives while the payment completes is credited (and paid back as
     // change) instead of being dropped by the resets.
     settleAcceptance();

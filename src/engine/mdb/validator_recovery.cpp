@@ -4,14 +4,11 @@
 #include "../errors.h"
 #include "../setup.h"
 #include "cash_payment.h"
-#include "cash_payment_bytes.h"
 #include "link.h"
 
 namespace kestrix {
 
 namespace {
-
-constexpr std::uint8_t kBillTypeCommand = 0x34;
 
 // One send of a recovery row's command (its read limit, its wait, its ACK when unanswered).
 mdb::LinkUse once(const mdb::LinkUse& use) {
@@ -78,11 +75,8 @@ void CashPayment::bvRecovery() {
         c.BlinkTx();
         link.settle();
 
-        loadBillTypes();
-        const auto& b = st.commandBytes;
-        const int data[4] = {b[0], b[1], b[2], b[3]};
         // Three bursts: zero-second pauses after the first and third data bytes.
-        Command billType = Command::words(payment::commandWords(kBillTypeCommand, data, b[4]));
+        Command billType = Command::words(loadBillTypes());
         billType.pauseAfter(1, 0).pauseAfter(3, 0);
         // A reply that begins with "ff" is the validator's NAK: not an answer.
         const Exchange enabled = stage(billType, use::kRecoveryBillType, mdb::notNak);
