@@ -37,8 +37,8 @@ constexpr double kDispenserOpenSeconds = 0.5;
 constexpr double kDispenserSetupSeconds = 1.0;
 constexpr double kHoppersOpenSeconds = 0.1;
 
-constexpr int kTubeSlots = 5;
-constexpr int kCoinTypes = 16;
+using mdb::kCoinTypes;
+using mdb::kTubeSlots;
 
 constexpr std::string_view kNotAvailable = "N/A";
 

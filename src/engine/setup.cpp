@@ -186,10 +186,10 @@ void Setup::loadSettings() {
         }
         if (s.key == "BVE") {
             // The tube keys are an export for the host; a fresh run starts them at zero.
-            for (int slot = 1; slot <= 5; ++slot) {
+            for (int slot = 1; slot <= mdb::kTubeSlots; ++slot) {
                 saveSetting(store::section::kCoinAcceptor, store::key::tubeCoinType(slot), "0");
             }
-            for (int slot = 1; slot <= 5; ++slot) {
+            for (int slot = 1; slot <= mdb::kTubeSlots; ++slot) {
                 saveSetting(store::section::kCoinAcceptor, store::key::tubeCoinQty(slot), "0");
             }
         }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "console.h"
+#include "mdb/numbering.h"
 #include "money.h"
 #include "platform/clock.h"
 #include "platform/instance.h"
@@ -77,10 +78,10 @@ struct EngineState {
     // first bill, so a bill from an earlier payment (or yesterday) can never hide one.
     std::optional<double> lastBillTime;
 
-    std::array<Money, 17> coinValue{};
-    std::array<int, 17> tubeCount{};
-    std::array<Money, 6> tubeSlotCoin{};
-    std::array<Money, 17> billValue{};
+    mdb::NumberedFromOne<Money, mdb::kCoinTypes> coinValue{};
+    mdb::NumberedFromOne<int, mdb::kCoinTypes> tubeCount{};
+    mdb::NumberedFromOne<Money, mdb::kTubeSlots> tubeSlotCoin{};
+    mdb::NumberedFromOne<Money, mdb::kBillTypes> billValue{};
 
     // The journal's id of the running payment (cash, card or payout); 0 when none runs.
     std::int64_t paymentId = 0;

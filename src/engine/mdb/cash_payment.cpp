@@ -31,7 +31,6 @@ constexpr std::string_view kCassetteRemoved = "1500 0200";
 
 constexpr double kStopChangerResetSeconds = 0.5;
 constexpr double kMessageSeconds = 1.0;
-constexpr int kBillTypes = 16;
 
 }  // namespace
 
@@ -297,7 +296,7 @@ std::string CashPayment::loadBillTypes() {
     EngineState& st = m_setup.state();
     // The stored settings, not unsaved check marks on the console, decide what is accepted. A
     // store that cannot be read leaves the boxes as they were loaded.
-    for (int n = 1; n <= kBillTypes; ++n) {
+    for (int n = 1; n <= mdb::kBillTypes; ++n) {
         trapped([&] {
             const std::string stored = m_setup.getSetting(
                 store::section::kBillValidator, "BillType" + std::to_string(n) + "_Enabled");

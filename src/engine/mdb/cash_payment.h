@@ -11,6 +11,7 @@
 #include "../money.h"
 #include "../platform/scheduler.h"
 #include "poll_events.h"
+#include "tubes.h"
 
 namespace kestrix {
 
@@ -114,9 +115,9 @@ private:
     bool changerUsable() const;
     // Pays from the tubes; `unknown` collects what was asked of a changer that gave no account.
     Money payFromTubes(Money owed, Money& unknown);
-    TubePayout payOnce(int units, const std::array<int, 17>& before);
+    TubePayout payOnce(int units, const mdb::TubeCounts& before);
     Watch payOutFromTubes(int units);
-    std::optional<std::array<int, 17>> payoutStatus();
+    std::optional<mdb::TubeCounts> payoutStatus();
     void endWatch(Watch outcome);
 
     bool cancelRequested();

@@ -177,7 +177,7 @@ Money CashPayment::payFromTubes(Money owed, Money& unknown) {
     return paid;
 }
 
-CashPayment::TubePayout CashPayment::payOnce(int units, const std::array<int, 17>& before) {
+CashPayment::TubePayout CashPayment::payOnce(int units, const mdb::TubeCounts& before) {
     using namespace mdb;
     EngineState& st = m_setup.state();
     const auto scaling =
@@ -334,7 +334,7 @@ void CashPayment::changeTimer_Timer() {
     }
 }
 
-std::optional<std::array<int, 17>> CashPayment::payoutStatus() {
+std::optional<mdb::TubeCounts> CashPayment::payoutStatus() {
     using namespace mdb;
     MdbLink& link = m_setup.link();
     std::optional<TubeCounts> counts;

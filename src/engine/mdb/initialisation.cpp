@@ -17,9 +17,6 @@ namespace kestrix::mdb {
 
 namespace {
 
-constexpr int kTubeSlots = 5;
-constexpr int kCoinTypes = 16;
-
 // Hexadecimal text as decimal text; "" when there are no digits.
 std::string decimalOf(const std::string& hexText) {
     return hexText.empty() ? std::string() : ConvertBaseNToDec(hexText, 16);

@@ -7,8 +7,6 @@
 namespace kestrix::mdb {
 
 namespace {
-constexpr int kTubeSlots = 5;
-constexpr int kCoinTypes = 16;
 // Bytes 1 and 2 of a tube status are the tube-full flags; the counts follow.
 constexpr std::size_t kFirstCount = 2;
 }  // namespace

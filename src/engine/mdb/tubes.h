@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "../money.h"
+#include "numbering.h"
 
 namespace kestrix {
 
@@ -16,7 +17,7 @@ struct LinkUse;
 
 // Coins in the tube of each console coin type (1..16), as TUBE STATUS reports them; index 0 is
 // unused.
-using TubeCounts = std::array<int, 17>;
+using TubeCounts = NumberedFromOne<int, kCoinTypes>;
 
 // Reads the changer's tube status with `use`. A changer may answer with a bare acknowledgement
 // (right after a reset) or with a reply that cannot be read (a wrong check byte, garbage on the
