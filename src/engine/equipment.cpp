@@ -142,7 +142,7 @@ void Setup::InitEquipment() {
 
         if (c.checked("CoinAcceptorEnabled") || c.checked("billValidatorEnabled")) {
             m_state.portName = kMdbPort;
-            m_link->open();
+            m_link->open(c.text("comPorts"));
             m_health->working("mdb");
             if (m_state.pollTimedOut || m_state.bvNeedsInit) {
                 m_cash->collectReports();

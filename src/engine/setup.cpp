@@ -34,7 +34,8 @@ bool sameName(std::string_view a, std::string_view b) {
 Setup::Setup(Platform platform)
     : m_platform(platform),
       m_storeWriter(platform.store, platform.clock, platform.log, platform.journal),
-      m_link(std::make_unique<MdbLink>(*this)),
+      m_link(std::make_unique<MdbLink>(m_platform.mdbPort, m_platform.clock, m_console,
+                                       [this] { return pastDeadline(); })),
       m_dispenser(std::make_unique<BillDispenser>(*this)),
       m_hoppers(std::make_unique<Hoppers>(*this)),
       m_health(std::make_unique<DeviceHealth>(m_platform.journal, m_platform.log)),
@@ -320,7 +321,8 @@ void Setup::Exit() {
     trapped([this] { m_cash->endForExit(); });
     trapped([this] { m_card->cancelForExit(); });
     try {
-        m_link->shutDownDevices();
+        m_link->shutDownDevices(m_console.checked("CoinAcceptorEnabled"),
+                                m_console.checked("billValidatorEnabled"));
     } catch (const std::exception&) {
         // A failing step (a port already gone) silently skips the rest of the devices. The
         // process ends all the same: an engine asked to exit that stays up would hold the

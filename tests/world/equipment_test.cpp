@@ -496,7 +496,7 @@ TEST(MdbLink, ACompleteReplyIsTakenAtOnceAndTheRestGoesToTheNextExchange) {
     wireScripted(k, mdb);
     MdbLink& link = k.engine().link();
     k.console().setText("comPorts", "1");
-    link.open();
+    link.open("1");
     mdb.script(0x0B, {"0001 0b00 0b01 "});
     link.write(mdb::Command::whole(mdb::frames::changerPoll()));
     const mdb::Reply first = link.collect(mdb::kNoReadLimit);

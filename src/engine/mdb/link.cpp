@@ -1,48 +1,50 @@
 #include "link.h"
 
+#include "../console.h"
 #include "../errors.h"
 #include "../formulas.h"
-#include "../setup.h"
+#include "../platform/clock.h"
+#include "../platform/serial_port.h"
 
 namespace kestrix {
 
-MdbLink::MdbLink(Setup& setup) : m_setup(setup) {}
+MdbLink::MdbLink(SerialPort& port, Clock& clock, Console& indicators,
+                 std::function<bool()> pastDeadline)
+    : m_port(port),
+      m_clock(clock),
+      m_indicators(indicators),
+      m_pastDeadline(std::move(pastDeadline)) {}
 
-void MdbLink::open() {
-    SerialPort& port = m_setup.platform().mdbPort;
-    if (port.isOpen()) {
-        port.close();
+void MdbLink::open(std::string_view portText) {
+    if (m_port.isOpen()) {
+        m_port.close();
     }
     // The port list holds the port number as text; junk there is a run-time error that the
     // caller's trap reports as a port error.
-    const int portNumber = strictInt(m_setup.console().text("comPorts"));
-    port.open(portNumber, kLineSettings);
+    m_port.open(strictInt(portText), kLineSettings);
 }
 
 bool MdbLink::isOpen() const {
-    return m_setup.platform().mdbPort.isOpen();
+    return m_port.isOpen();
 }
 
 void MdbLink::write(const mdb::Command& command) {
-    SerialPort& port = m_setup.platform().mdbPort;
     for (const mdb::Command::Write& w : command.writes()) {
-        port.write(w.bytes);
+        m_port.write(w.bytes);
         if (w.pauseAfterSeconds) {
-            m_setup.pause(*w.pauseAfterSeconds);
+            Pause(m_clock, *w.pauseAfterSeconds);
         }
     }
 }
 
 mdb::Reply MdbLink::collect(mdb::ReadLimit limit) {
-    SerialPort& port = m_setup.platform().mdbPort;
-    Console& console = m_setup.console();
     mdb::Reply reply;
     for (;;) {
-        reply.append(port.read());
-        console.BlinkRx();
+        reply.append(m_port.read());
+        m_indicators.BlinkRx();
         ++reply.m_reads;
         // Past termination's deadline no wait goes on, whatever its limit.
-        if ((limit.bounded() && reply.m_reads > limit.completeBy) || m_setup.pastDeadline()) {
+        if ((limit.bounded() && reply.m_reads > limit.completeBy) || m_pastDeadline()) {
             reply.m_limitEnded = true;
             return reply;
         }
@@ -56,17 +58,17 @@ bool MdbLink::acknowledge(const mdb::Reply& reply) {
     if (!reply.endsComplete()) {
         return false;
     }
-    m_setup.platform().mdbPort.write(mdb::frames::ack());
-    m_setup.console().BlinkTx();
+    m_port.write(mdb::frames::ack());
+    m_indicators.BlinkTx();
     return true;
 }
 
 void MdbLink::sendAck() {
-    m_setup.platform().mdbPort.write(mdb::frames::ack());
+    m_port.write(mdb::frames::ack());
 }
 
 void MdbLink::settle(double seconds) {
-    m_setup.pause(seconds);
+    Pause(m_clock, seconds);
 }
 
 mdb::Exchange MdbLink::exchange(const mdb::Command& command, const mdb::LinkUse& use,
@@ -76,9 +78,9 @@ mdb::Exchange MdbLink::exchange(const mdb::Command& command, const mdb::LinkUse&
         write(command);
         ++ex.attempts;
         if (use.waitBeforeReadSeconds > 0) {
-            m_setup.pause(use.waitBeforeReadSeconds);
+            Pause(m_clock, use.waitBeforeReadSeconds);
         }
-        m_setup.console().BlinkTx();
+        m_indicators.BlinkTx();
         ex.reply = collect(use.limit);
         if (ex.reply.answered() && (!accept || accept(ex.reply))) {
             ex.answered = true;
@@ -87,37 +89,36 @@ mdb::Exchange MdbLink::exchange(const mdb::Command& command, const mdb::LinkUse&
         if (use.ackAfterUnanswered) {
             sendAck();
         }
-        if (ex.attempts >= use.attempts || m_setup.pastDeadline()) {
+        if (ex.attempts >= use.attempts || m_pastDeadline()) {
             return ex;
         }
         if (use.pauseBeforeResendSeconds > 0) {
-            m_setup.pause(use.pauseBeforeResendSeconds);
+            Pause(m_clock, use.pauseBeforeResendSeconds);
         }
     }
 }
 
-void MdbLink::shutDownDevices() {
-    Console& console = m_setup.console();
-    if (console.checked("CoinAcceptorEnabled")) {
+void MdbLink::shutDownDevices(bool changer, bool validator) {
+    if (changer) {
         const mdb::Exchange ex =
             exchange(mdb::Command::whole(mdb::frames::changerReset()), mdb::use::kExitChangerReset);
         acknowledge(ex.reply);
-        console.BlinkTx();
+        m_indicators.BlinkTx();
         settle();
     }
-    if (console.checked("billValidatorEnabled")) {
+    if (validator) {
         const mdb::Exchange reset = exchange(mdb::Command::whole(mdb::frames::validatorReset()),
                                              mdb::use::kExitValidatorReset);
         if (!reset.answered) {
             return;  // a validator that does not answer its reset will not answer its POLL
         }
         acknowledge(reset.reply);
-        console.BlinkTx();
+        m_indicators.BlinkTx();
         settle();
         const mdb::Exchange poll = exchange(mdb::Command::whole(mdb::frames::validatorPoll()),
                                             mdb::use::kExitValidatorPoll);
         acknowledge(poll.reply);
-        console.BlinkTx();
+        m_indicators.BlinkTx();
         settle();
     }
 }

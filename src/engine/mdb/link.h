@@ -40,7 +40,9 @@
 
 namespace kestrix {
 
-class Setup;
+class Clock;
+class Console;
+class SerialPort;
 
 namespace mdb {
 
@@ -58,11 +60,14 @@ class MdbLink {
 public:
     static constexpr std::string_view kLineSettings = "9600,N,8,1";
 
-    explicit MdbLink(Setup& setup);
+    // `indicators` flashes the console's transmit and receive lights; past `pastDeadline` (the
+    // engine's termination bound) no wait goes on.
+    MdbLink(SerialPort& port, Clock& clock, Console& indicators,
+            std::function<bool()> pastDeadline);
 
-    // Opens MSComm1 on the port in `comPorts` (closing it first if open). The port text must be a
-    // whole number: anything else is a run-time error, as is a port that cannot be opened.
-    void open();
+    // Opens MSComm1 on the port named by `portText` (closing it first if open). The text must be
+    // a whole number: anything else is a run-time error, as is a port that cannot be opened.
+    void open(std::string_view portText);
     bool isOpen() const;
 
     // Writes the command (with its pauses), without the indicator.
@@ -84,12 +89,15 @@ public:
     mdb::Exchange exchange(const mdb::Command& command, const mdb::LinkUse& use,
                            const std::function<bool(const mdb::Reply&)>& accept = {});
 
-    // The MDB part of Exit: resets the changer, then resets the validator (without end) and takes
-    // its first poll. Devices whose check box is clear get nothing.
-    void shutDownDevices();
+    // The MDB part of Exit: resets the changer, then resets the validator and takes its first
+    // poll, each device only when it is enabled.
+    void shutDownDevices(bool changer, bool validator);
 
 private:
-    Setup& m_setup;
+    SerialPort& m_port;
+    Clock& m_clock;
+    Console& m_indicators;
+    std::function<bool()> m_pastDeadline;
 };
 
 }  // namespace kestrix
