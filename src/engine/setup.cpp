@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 
 #include "bounds.h"
 #include "card/card_payment.h"
@@ -543,11 +542,7 @@ void Setup::publishHeartbeat() {
         now - m_lastHeartbeat < kHeartbeatSeconds) {
         return;
     }
-    const LocalDateTime t = m_platform.clock.now();
-    char text[32];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.year, t.month, t.day,
-                  t.hour, t.minute, t.second);
-    writeMailbox(store::mailbox::kEngine, text);
+    writeMailbox(store::mailbox::kEngine, formatTime(m_platform.clock.now(), "%Y-%m-%d %H:%M:%S"));
     m_lastHeartbeat = now;
 }
 

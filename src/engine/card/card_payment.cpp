@@ -1,7 +1,5 @@
 #include "card_payment.h"
 
-#include <cstdio>
-
 #include "card_number.h"
 #include "engine/errors.h"
 #include "engine/formulas.h"
@@ -43,12 +41,6 @@ private:
     bool& m_flag;
 };
 
-std::string twoDigits(int value) {
-    char text[8];
-    std::snprintf(text, sizeof text, "%02d", value % 100);
-    return text;
-}
-
 }  // namespace
 
 std::string CardPayment::pinPadDisplay(int index) {
@@ -76,8 +68,7 @@ std::string CardPayment::buildReference(const std::string& adapterAddress,
         }
     }
     reference += '_';
-    reference += twoDigits(now.year) + twoDigits(now.month) + twoDigits(now.day);
-    reference += twoDigits(now.hour) + twoDigits(now.minute) + twoDigits(now.second);
+    reference += formatTime(now, "%y%m%d%H%M%S");
     return reference;
 }
 

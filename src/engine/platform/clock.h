@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 namespace kestrix {
 
 // Local calendar date and time, for texts such as the card transaction reference.
@@ -11,6 +13,9 @@ struct LocalDateTime {
     int minute = 0;
     int second = 0;
 };
+
+// The date and time in a strftime pattern ("%Y-%m-%d %H:%M:%S").
+std::string formatTime(const LocalDateTime& t, const char* pattern);
 
 // The engine's view of time. Engine thread only.
 class Clock {
