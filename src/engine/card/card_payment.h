@@ -41,11 +41,8 @@ public:
     void ccReadCard_Click();
     void ccPrinters_Click();
 
-    // The amount of the payment in progress (zero when none).
-    Money dueAmount() const { return m_dueAmount; }
     // Exit: a sale in progress is asked to stop (the library ends it as denied).
     void cancelForExit();
-    bool saleInProgress() const { return m_inSale; }
     bool testReadInProgress() const { return m_inTestRead; }
 
     // The six displays the start of a payment clears, by index 1..6.
