@@ -83,15 +83,6 @@ void clearDisplays(Console& c) {
     c.setText("ccOnLine", "No");
 }
 
-// Closes the port if open and opens it on the port number in `portList`.
-void openLink(SerialPort& port, const Console& c, std::string_view portList,
-              std::string_view settings) {
-    if (port.isOpen()) {
-        port.close();
-    }
-    port.open(strictInt(c.text(portList)), settings);
-}
-
 }  // namespace
 
 void Setup::InitEquipment() {
@@ -117,7 +108,7 @@ void Setup::InitEquipment() {
 
         if (c.checked("billDispenserEnabled")) {
             m_state.portName = kDispenserPort;
-            openLink(m_platform.dispenserPort, c, "comPorts1", BillDispenser::kLineSettings);
+            m_dispenser->openPort(c.text("comPorts1"));
             pause(kDispenserOpenSeconds);
             int billType = strictInt(c.text("bDispType"));
             m_dispenser->initBillDispenser(billType);
@@ -135,7 +126,7 @@ void Setup::InitEquipment() {
 
         if (c.checked("hoppersEnabled")) {
             m_state.portName = kHoppersPort;
-            m_hoppers->openPort(strictInt(c.text("comPorts2")));
+            m_hoppers->openPort(c.text("comPorts2"));
             m_health->working("hoppers");
             pause(kHoppersOpenSeconds);
         }

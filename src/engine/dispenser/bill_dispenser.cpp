@@ -190,6 +190,14 @@ DispenseAnswer decodeDispenseAnswer(std::string_view bytes) {
 
 // --- The dispenser routines ----------------------------------------------------------------------
 
+void BillDispenser::openPort(std::string_view portText) {
+    SerialPort& port = m_setup.platform().dispenserPort;
+    if (port.isOpen()) {
+        port.close();
+    }
+    port.open(strictInt(portText), kLineSettings);
+}
+
 void BillDispenser::sendAckTwice() {
     SerialPort& port = m_setup.platform().dispenserPort;
     port.write(bd::ackFrame());

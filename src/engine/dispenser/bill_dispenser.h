@@ -80,6 +80,10 @@ public:
 
     explicit BillDispenser(Setup& setup) : m_setup(setup) {}
 
+    // Opens MSComm2 on the port named by `portText` (closing it first if open). The text must be
+    // a whole number (else KsxError); a port that cannot be opened throws PortError.
+    void openPort(std::string_view portText);
+
     // Sets the dispenser up for the bill type (20, 50, 100, 200, 500 or 1000; any other type gets
     // no set-up) and reads its version, sizes and cassette state into the console. Writes nothing
     // to the store. Port errors are thrown to the caller's trap.

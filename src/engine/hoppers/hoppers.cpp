@@ -73,12 +73,12 @@ Money Hoppers::dispense(Money amount) {
     return m_paid;
 }
 
-void Hoppers::openPort(int portNumber) {
+void Hoppers::openPort(std::string_view portText) {
     SerialPort& port = m_setup.platform().hoppersPort;
     if (port.isOpen()) {
         port.close();
     }
-    port.open(portNumber, kLineSettings);
+    port.open(strictInt(portText), kLineSettings);
 }
 
 bool Hoppers::ensurePortOpen() {
@@ -90,7 +90,7 @@ bool Hoppers::ensurePortOpen() {
     // port dropped since. One attempt to open it again, on the configured port.
     try {
         const double number = leadingNumber(m_setup.console().text("comPorts2"));
-        openPort(static_cast<int>(std::clamp(number, 0.0, 65535.0)));
+        openPort(std::to_string(static_cast<int>(std::clamp(number, 0.0, 65535.0))));
         m_setup.pause(Hoppers::kAfterResetSeconds);
     } catch (const PortError&) {
         return false;

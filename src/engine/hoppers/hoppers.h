@@ -70,9 +70,9 @@ public:
     Hoppers(const Hoppers&) = delete;
     Hoppers& operator=(const Hoppers&) = delete;
 
-    // Opens the hoppers interface on `portNumber` (closing it first if open). A port that cannot
-    // be opened throws PortError.
-    void openPort(int portNumber);
+    // Opens the hoppers interface on the port named by `portText` (closing it first if open). The
+    // text must be a whole number (else KsxError); a port that cannot be opened throws PortError.
+    void openPort(std::string_view portText);
 
     // The console's "Dispense Coins": pays the amount in `hToDispense`, leaves what was paid in
     // `hDispensed`.
