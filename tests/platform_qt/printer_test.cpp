@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <string>
 
+#include "engine/card/voucher.h"
 #include "platform_qt/engine_lock.h"
 #include "platform_qt/lock_file_instance.h"
 #include "platform_qt/qt_printer.h"
@@ -32,6 +33,26 @@ QString run(const QString& program, const QStringList& args) {
 
 QString pdfText(const std::string& file) {
     return run("pdftotext", {"-layout", QString::fromStdString(file), "-"});
+}
+
+// A word of a PDF and its box, as pdftotext -bbox gives them.
+struct Word {
+    QString text;
+    double xMin, yMin, xMax, yMax;
+};
+
+std::vector<Word> pdfWords(const std::string& file, double& pageWidth) {
+    const QString html = run("pdftotext", {"-bbox", QString::fromStdString(file), "-"});
+    pageWidth =
+        QRegularExpression(R"re(<page width="([0-9.]+)")re").match(html).captured(1).toDouble();
+    std::vector<Word> words;
+    const QRegularExpression word(
+        R"re(<word xMin="([0-9.]+)" yMin="([0-9.]+)" xMax="([0-9.]+)" yMax="([0-9.]+)">([^<]*)</word>)re");
+    for (const auto& m : word.globalMatch(html)) {
+        words.push_back({m.captured(5), m.captured(1).toDouble(), m.captured(2).toDouble(),
+                         m.captured(3).toDouble(), m.captured(4).toDouble()});
+    }
+    return words;
 }
 
 QStringList pdfFiles(const std::string& dir) {
@@ -117,6 +138,31 @@ TEST(QtPrinter, HostileDocumentsPrintWhole) {
     EXPECT_TRUE(text.contains("line 399"));
     EXPECT_TRUE(text.contains("two"));
     EXPECT_TRUE(text.contains("lines"));
+}
+
+// A voucher on the kiosk's paper: its box whole, nothing past the page's edge, and the details
+// of an error at half the size of its heading.
+TEST(QtPrinter, AnErrorVoucherFitsThePageWithItsDetailsAtHalfSize) {
+    const std::string dir = test::makeTempDir("ksx-vouchers");
+    QtPrinter printer({dir});
+    printer.select(dir);
+    voucher::printCommunicationError(printer, "Sin respuesta del autorizador", "T01");
+    double pageWidth = 0;
+    const std::vector<Word> words = pdfWords(printer.lastFile(), pageWidth);
+    ASSERT_GT(pageWidth, 0);
+    int starLines = 0;
+    const Word* heading = nullptr;
+    const Word* detail = nullptr;
+    for (const Word& w : words) {
+        EXPECT_GE(w.xMin, 0) << w.text.toStdString();
+        EXPECT_LE(w.xMax, pageWidth) << w.text.toStdString();
+        starLines += w.text.toStdString() == voucher::kStarLine ? 1 : 0;
+        heading = w.text == "ERROR" && heading == nullptr ? &w : heading;
+        detail = w.text == QString::fromUtf8("Código") ? &w : detail;
+    }
+    EXPECT_EQ(starLines, 4) << "each star line on one line";
+    ASSERT_TRUE(heading && detail) << pdfText(printer.lastFile()).toStdString();
+    EXPECT_NEAR((detail->yMax - detail->yMin) / (heading->yMax - heading->yMin), 0.5, 0.1);
 }
 
 TEST(QtPrinter, MissingFontsFallBackToInstalledLookAlikes) {
