@@ -181,70 +181,6 @@ TEST(FleetJournalFile, ReadsTheJournalTheEngineWrites) {
     EXPECT_FALSE(notes["hoppers"].recovered);
 }
 
-// A cash payment on the virtual kiosk: the retained state shows the kiosk's devices and tubes as
-// its console does.
-TEST(FleetPublisher, TheStateFollowsTheConsoleOfTheVirtualKiosk) {
-    Broker broker;
-    Subscriber sub(broker.port());
-    test::TestJournal journal;
-    const std::string dir = test::makeTempDir("ksx-fleet");
-    fleet::Publisher publisher(configFor("127.0.0.1", broker.port(), "virtual"),
-                               std::make_unique<JournalReader>(journal), dir + "/marker", nullptr,
-                               quick());
-
-    sim::VirtualKiosk kiosk;
-    kiosk.configureAllDevices();
-    kestrix::Setup& engine = kiosk.engine();
-    fleet::KioskView& view = publisher.view();
-    engine.console().setChangeListener(
-        [&view, &engine](const Field& f) { view.noteField(f, &engine.hoppers()); });
-    for (const Field& f : engine.console().fields()) {
-        view.noteField(f);
-    }
-    publisher.start();
-    ASSERT_TRUE(kiosk.start());
-    kiosk.hostWrite("Due", "12.5");
-    ASSERT_TRUE(
-        kiosk.runUntil([&] { return kiosk.mailbox("Status") == "Insert Coins or Bills..."; }, 30));
-    kiosk.insertBill(1);  // 20
-    ASSERT_TRUE(
-        kiosk.runUntil([&] { return kiosk.mailbox("Status") == "Payment Completed"; }, 120));
-
-    const std::string tubes = kiosk.mailbox("Tubes");
-    const auto state = sub.waitFor(
-        "kestrix/virtual/state",
-        [&](const Subscriber::Message& m) {
-            return m.retained || m.json()["tubes"].toObject()["totalMinor"].toDouble() ==
-                                     static_cast<double>(Money::parse(tubes)->minor());
-        },
-        10s);
-    ASSERT_TRUE(state) << "tubes " << tubes;
-    const QJsonObject s = state->json();
-    EXPECT_EQ(s["version"].toString(), "5.0.0");
-    EXPECT_TRUE(s["online"].toBool());
-    for (const char* device : {"changer", "validator", "dispenser", "pinpad"}) {
-        EXPECT_EQ(s["devices"].toObject()[device].toObject()["status"].toString(), "ok") << device;
-    }
-    EXPECT_TRUE(s["pinPad"].toObject()["onLine"].toBool());
-    EXPECT_EQ(s["cassette"].toObject()["level"].toString(),
-              QString::fromStdString(engine.console().text("bdCasetteStatus")));
-    int counted = 0;
-    for (const auto& slot : s["tubes"].toObject()["slots"].toArray()) {
-        counted += slot.toObject()["count"].toInt();
-    }
-    int consoleCount = 0;
-    for (int n = 1; n <= 5; ++n) {
-        consoleCount += std::stoi(engine.console().text(Console::tubeCoinQty(n)));
-    }
-    EXPECT_EQ(counted, consoleCount);
-
-    // A request for a fresh state is answered even when nothing changed.
-    const std::size_t states = sub.messages("kestrix/virtual/state").size();
-    sub.publish("kestrix/virtual/state/request", "");
-    EXPECT_TRUE(test::eventually(
-        [&] { return sub.messages("kestrix/virtual/state").size() > states; }, 5s));
-}
-
 // The hoppers have no level sensor the engine reads: the state shows what their last dispense
 // showed, hopper by hopper.
 TEST(FleetState, HopperLevelsFromTheirLastDispense) {
@@ -448,9 +384,9 @@ TEST(FleetTable, OneLinePerKioskFromTheRetainedStates) {
     EXPECT_NE(second.find("LOW"), std::string::npos) << table.out;
 }
 
-// The real engine program with the fleet enabled in its store: its devices reach the retained
-// state, a card payment reaches the broker as one event from the journal, and when the engine is
-// killed the broker publishes its last will.
+// The real engine program with the fleet enabled in its store: its devices and tubes reach the
+// retained state, a card payment reaches the broker as one event from the journal, and when the
+// engine is killed the broker publishes its last will.
 TEST(FleetEngine, APaymentIsOneEventAndAKilledEngineIsMarkedOffLine) {
     Broker broker;
     Subscriber sub(broker.port());
@@ -462,14 +398,37 @@ TEST(FleetEngine, APaymentIsOneEventAndAKilledEngineIsMarkedOffLine) {
     ASSERT_TRUE(sub.waitFor(
         "kestrix/engine/online", [](auto& m) { return m.payload == "true"; }, 10s))
         << kiosk.engine().err();
-    EXPECT_TRUE(sub.waitFor(
+    // The retained state shows the devices and the tubes as the engine published them.
+    const double tubesMinor =
+        static_cast<double>(Money::parse(kiosk.get("Status", "Tubes"))->minor());
+    const auto state = sub.waitFor(
         "kestrix/engine/state",
-        [](const Subscriber::Message& m) {
-            return m.json()["devices"].toObject()["validator"].toObject()["status"] == "ok";
+        [tubesMinor](const Subscriber::Message& m) {
+            return m.json()["devices"].toObject()["validator"].toObject()["status"] == "ok" &&
+                   m.json()["tubes"].toObject()["totalMinor"].toDouble() == tubesMinor;
         },
-        10s))
-        << kiosk.engine().err();
+        10s);
+    ASSERT_TRUE(state) << "tubes " << tubesMinor << "\n" << kiosk.engine().err();
+    const QJsonObject s = state->json();
+    EXPECT_EQ(s["version"].toString(), "5.0.0");
+    EXPECT_TRUE(s["online"].toBool());
+    for (const char* device : {"changer", "dispenser", "pinpad"}) {
+        EXPECT_EQ(s["devices"].toObject()[device].toObject()["status"].toString(), "ok") << device;
+    }
+    EXPECT_TRUE(s["pinPad"].toObject()["onLine"].toBool());
+    int slotCoins = 0;
+    int storeCoins = 0;
+    for (int n = 1; n <= 5; ++n) {
+        slotCoins += s["tubes"].toObject()["slots"].toArray()[n - 1].toObject()["count"].toInt();
+        storeCoins += std::stoi(kiosk.get("CoinAcceptor", "tubeCoinQty" + std::to_string(n)));
+    }
+    EXPECT_EQ(slotCoins, storeCoins);
     EXPECT_TRUE(std::filesystem::exists(kiosk.dir + "/KSX-fleet.seq"));
+    // A request for a fresh state is answered even when nothing changed.
+    const std::size_t states = sub.messages("kestrix/engine/state").size();
+    sub.publish("kestrix/engine/state/request", "");
+    EXPECT_TRUE(
+        test::eventually([&] { return sub.messages("kestrix/engine/state").size() > states; }, 5s));
 
     ASSERT_EQ(kiosk.ksxctl({"set", "Status", "DueCC", "12.5"}).status, 0);
     ASSERT_TRUE(test::eventually([&] { return kiosk.get("Status", "DueCC") == "0"; }, 60s));
