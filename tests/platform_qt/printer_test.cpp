@@ -5,7 +5,6 @@
 #include <QFile>
 #include <QFontDatabase>
 #include <QPrinterInfo>
-#include <QProcess>
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -17,22 +16,19 @@
 #include "platform_qt/engine_lock.h"
 #include "platform_qt/lock_file_instance.h"
 #include "platform_qt/qt_printer.h"
+#include "support/process.h"
 #include "support/support.h"
 
 namespace kestrix::qt {
 namespace {
 
-QString run(const QString& program, const QStringList& args) {
-    QProcess p;
-    p.start(program, args);
-    if (!p.waitForFinished(30000)) {
-        return {};
-    }
-    return QString::fromUtf8(p.readAllStandardOutput());
+// The output of a poppler tool on a PDF file.
+QString poppler(const std::string& tool, const std::vector<std::string>& args) {
+    return QString::fromStdString(test::run("/usr/bin/" + tool, args).out);
 }
 
 QString pdfText(const std::string& file) {
-    return run("pdftotext", {"-layout", QString::fromStdString(file), "-"});
+    return poppler("pdftotext", {"-layout", file, "-"});
 }
 
 // A word of a PDF and its box, as pdftotext -bbox gives them.
@@ -42,7 +38,7 @@ struct Word {
 };
 
 std::vector<Word> pdfWords(const std::string& file, double& pageWidth) {
-    const QString html = run("pdftotext", {"-bbox", QString::fromStdString(file), "-"});
+    const QString html = poppler("pdftotext", {"-bbox", file, "-"});
     pageWidth =
         QRegularExpression(R"re(<page width="([0-9.]+)")re").match(html).captured(1).toDouble();
     std::vector<Word> words;
@@ -91,7 +87,7 @@ TEST(QtPrinter, VouchersGoToADirectoryAsPdfWithSpanishTextAndLongLinesWhole) {
     EXPECT_TRUE(text.contains(QString::fromUtf8("Autorización 123")));
 
     // The font asked for (or its stand-in) is the one in the document, bold included.
-    const QString fonts = run("pdffonts", {QString::fromStdString(printer.lastFile())});
+    const QString fonts = poppler("pdffonts", {printer.lastFile()});
     EXPECT_TRUE(fonts.contains("Mono") || fonts.contains("Courier")) << fonts.toStdString();
     EXPECT_TRUE(fonts.contains("Bold")) << fonts.toStdString();
 
