@@ -61,6 +61,7 @@ TEST(View, RenderingNeverComesBackAsAnOperatorEdit) {
     c.setText("bDispType", "200");
     c.setText("comPorts", "3");
     c.setText("ccPassword", "secret");
+    c.setEnabled("enablePayment", false);
     e.guiRuns();
     EXPECT_TRUE(e.posted.empty());
     EXPECT_EQ(e.edit("due")->text(), "12.5");
@@ -68,6 +69,7 @@ TEST(View, RenderingNeverComesBackAsAnOperatorEdit) {
     EXPECT_EQ(qobject_cast<QComboBox*>(e.window->control("bDispType"))->currentData(), "200");
     EXPECT_EQ(qobject_cast<QComboBox*>(e.window->control("comPorts"))->currentData(), "3");
     EXPECT_EQ(e.edit("ccPassword")->text(), "secret");
+    EXPECT_FALSE(e.window->control("enablePayment")->isEnabled());
 }
 
 TEST(View, TypingIsNotOverwrittenByTheEchoOfAnEarlierKeystroke) {
