@@ -92,6 +92,7 @@ TEST(RealEngine, TheConsoleRendersTheEngineThreadPostsToItAndQuitsWhenItHasEnded
 
     // Closing the window is the engine's Exit; the console quits once the engine has ended.
     window->close();
+    EXPECT_TRUE(window->isVisible()) << "the window stays until the engine has ended";
     EXPECT_EQ(runUntilQuit(console), 0);
     EXPECT_FALSE(window->isVisible());
     EXPECT_EQ(engine.wait(), 0);

@@ -89,34 +89,6 @@ TEST(OnTheKiosk, DeviceBoxesAndPortListsReinitialiseThroughTheEngine) {
     EXPECT_TRUE(line(c, "mdbLinkStatus").startsWith("In use by the coin acceptor"));
 }
 
-TEST(OnTheKiosk, ReadCardTurnsIntoCancelAndBack) {
-    VirtualConsole c;
-    ASSERT_TRUE(c.start());
-    c.run(1);
-    // The operator presses "Cancel" as soon as it shows, while the pin pad waits for a card.
-    bool cancelled = false;
-    c.duringWaits = [&] {
-        if (!cancelled && c.shown("ccReadCard") == "Cancel") {
-            cancelled = true;
-            click(c, "ccReadCard");
-        }
-    };
-    click(c, "ccReadCard");
-    ASSERT_TRUE(c.runUntil([&] { return cancelled && c.shown("ccReadCard") == "Read Card"; }, 30));
-    EXPECT_EQ(c.shown("ccNumTarjeta"), "N/A");
-    EXPECT_EQ(c.shown("ccTarjetahabiente"), "N/A");
-
-    // Left alone, a read shows the card.
-    c.duringWaits = {};
-    c.run(2);
-    c.displayed.clear();
-    click(c, "ccReadCard");
-    ASSERT_TRUE(c.runUntil([&] { return c.showed("ccReadCard", "Read Card"); }, 120));
-    EXPECT_TRUE(c.showed("ccReadCard", "Cancel"));
-    EXPECT_NE(c.shown("ccNumTarjeta"), "N/A");
-    EXPECT_FALSE(c.shown("ccNumTarjeta").isEmpty());
-}
-
 TEST(OnTheKiosk, ACashPaymentByHandCompletesAndTheDisplaysShowIt) {
     VirtualConsole c;
     ASSERT_TRUE(c.start());

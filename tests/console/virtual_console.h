@@ -102,7 +102,7 @@ public:
 
     // Runs both loops until `done` holds; false when `maxSeconds` of virtual time passed first.
     // (`done` is looked at between slices of the outermost loop; a wait nested in an engine
-    // routine runs to its end first. Act inside such waits with `duringWaits`.)
+    // routine runs to its end first.)
     bool runUntil(const std::function<bool()>& done, double maxSeconds) {
         for (double t = 0; t < maxSeconds; t += kSliceSeconds) {
             if (done()) {
@@ -112,10 +112,6 @@ public:
         }
         return done();
     }
-
-    // Runs at each of the GUI's turns, also while the engine waits inside a routine (the
-    // operator acting while the engine is busy).
-    std::function<void()> duringWaits;
 
     // The text a control shows on screen.
     QString shown(const char* name) const { return shownText(window->control(name)); }
@@ -157,9 +153,6 @@ private:
     void guiTurn() {
         forwardMessages();
         QCoreApplication::processEvents();
-        if (duringWaits) {
-            duringWaits();
-        }
     }
     // The engine's messages reach the window as the console's message boxes would hand them.
     void forwardMessages() {

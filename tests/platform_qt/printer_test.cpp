@@ -5,7 +5,6 @@
 #include <QFile>
 #include <QFontDatabase>
 #include <QPrinterInfo>
-#include <QProcess>
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -13,25 +12,43 @@
 #include <filesystem>
 #include <string>
 
+#include "engine/card/voucher.h"
 #include "platform_qt/engine_lock.h"
 #include "platform_qt/lock_file_instance.h"
 #include "platform_qt/qt_printer.h"
+#include "support/process.h"
 #include "support/support.h"
 
 namespace kestrix::qt {
 namespace {
 
-QString run(const QString& program, const QStringList& args) {
-    QProcess p;
-    p.start(program, args);
-    if (!p.waitForFinished(30000)) {
-        return {};
-    }
-    return QString::fromUtf8(p.readAllStandardOutput());
+// The output of a poppler tool on a PDF file.
+QString poppler(const std::string& tool, const std::vector<std::string>& args) {
+    return QString::fromStdString(test::run("/usr/bin/" + tool, args).out);
 }
 
 QString pdfText(const std::string& file) {
-    return run("pdftotext", {"-layout", QString::fromStdString(file), "-"});
+    return poppler("pdftotext", {"-layout", file, "-"});
+}
+
+// A word of a PDF and its box, as pdftotext -bbox gives them.
+struct Word {
+    QString text;
+    double xMin, yMin, xMax, yMax;
+};
+
+std::vector<Word> pdfWords(const std::string& file, double& pageWidth) {
+    const QString html = poppler("pdftotext", {"-bbox", file, "-"});
+    pageWidth =
+        QRegularExpression(R"re(<page width="([0-9.]+)")re").match(html).captured(1).toDouble();
+    std::vector<Word> words;
+    const QRegularExpression word(
+        R"re(<word xMin="([0-9.]+)" yMin="([0-9.]+)" xMax="([0-9.]+)" yMax="([0-9.]+)">([^<]*)</word>)re");
+    for (const auto& m : word.globalMatch(html)) {
+        words.push_back({m.captured(5), m.captured(1).toDouble(), m.captured(2).toDouble(),
+                         m.captured(3).toDouble(), m.captured(4).toDouble()});
+    }
+    return words;
 }
 
 QStringList pdfFiles(const std::string& dir) {
@@ -70,7 +87,7 @@ TEST(QtPrinter, VouchersGoToADirectoryAsPdfWithSpanishTextAndLongLinesWhole) {
     EXPECT_TRUE(text.contains(QString::fromUtf8("Autorización 123")));
 
     // The font asked for (or its stand-in) is the one in the document, bold included.
-    const QString fonts = run("pdffonts", {QString::fromStdString(printer.lastFile())});
+    const QString fonts = poppler("pdffonts", {printer.lastFile()});
     EXPECT_TRUE(fonts.contains("Mono") || fonts.contains("Courier")) << fonts.toStdString();
     EXPECT_TRUE(fonts.contains("Bold")) << fonts.toStdString();
 
@@ -117,6 +134,31 @@ TEST(QtPrinter, HostileDocumentsPrintWhole) {
     EXPECT_TRUE(text.contains("line 399"));
     EXPECT_TRUE(text.contains("two"));
     EXPECT_TRUE(text.contains("lines"));
+}
+
+// A voucher on the kiosk's paper: its box whole, nothing past the page's edge, and the details
+// of an error at half the size of its heading.
+TEST(QtPrinter, AnErrorVoucherFitsThePageWithItsDetailsAtHalfSize) {
+    const std::string dir = test::makeTempDir("ksx-vouchers");
+    QtPrinter printer({dir});
+    printer.select(dir);
+    voucher::printCommunicationError(printer, "Sin respuesta del autorizador", "T01");
+    double pageWidth = 0;
+    const std::vector<Word> words = pdfWords(printer.lastFile(), pageWidth);
+    ASSERT_GT(pageWidth, 0);
+    int starLines = 0;
+    const Word* heading = nullptr;
+    const Word* detail = nullptr;
+    for (const Word& w : words) {
+        EXPECT_GE(w.xMin, 0) << w.text.toStdString();
+        EXPECT_LE(w.xMax, pageWidth) << w.text.toStdString();
+        starLines += w.text.toStdString() == voucher::kStarLine ? 1 : 0;
+        heading = w.text == "ERROR" && heading == nullptr ? &w : heading;
+        detail = w.text == QString::fromUtf8("Código") ? &w : detail;
+    }
+    EXPECT_EQ(starLines, 4) << "each star line on one line";
+    ASSERT_TRUE(heading && detail) << pdfText(printer.lastFile()).toStdString();
+    EXPECT_NEAR((detail->yMax - detail->yMin) / (heading->yMax - heading->yMin), 0.5, 0.1);
 }
 
 TEST(QtPrinter, MissingFontsFallBackToInstalledLookAlikes) {

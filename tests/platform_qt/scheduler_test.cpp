@@ -10,85 +10,38 @@
 
 #include "platform_qt/qt_scheduler.h"
 #include "platform_qt/steady_clock.h"
+#include "support/scheduler_contract.h"
 
 namespace kestrix::qt {
 namespace {
 
 using Steady = std::chrono::steady_clock;
+using test::SchedulerContract;
 
-TEST(QtScheduler, TimerTicksWhileEnabledAndNeverWhenDisabled) {
-    QtScheduler scheduler([](int) { ADD_FAILURE() << "nobody quits"; });
-    int ticks = 0;
-    int other = 0;
-    auto timer = scheduler.createTimer("pollTimer", 10, true, [&] { ++ticks; });
-    auto clock = scheduler.createTimer("Monitor", 10, false, [&] { ++other; });
-    EXPECT_EQ(timer->name(), "pollTimer");
-    EXPECT_TRUE(timer->enabled());
-    scheduler.yieldUntil([&] { return ticks >= 3; });
-
-    timer->setEnabled(false);
-    const int frozen = ticks;
-    clock->setEnabled(true);
-    scheduler.yieldUntil([&] { return other >= 5; });
-    EXPECT_EQ(ticks, frozen);
-
-    timer->setInterval(0);
-    timer->setEnabled(true);
-    other = 0;
-    scheduler.yieldUntil([&] { return other >= 5; });
-    EXPECT_EQ(ticks, frozen) << "an interval of 0 never fires";
-}
-
-// A tick that blocks the engine for many intervals is followed by one late tick, not by a burst
-// of the missed ones.
-TEST(QtScheduler, LateTicksCoalesce) {
-    QtScheduler scheduler([](int) {});
-    std::vector<Steady::time_point> at;
-    Steady::time_point blockEnd;
-    auto timer = scheduler.createTimer("changeTimer", 20, true, [&] {
-        at.push_back(Steady::now());
-        if (at.size() == 1) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(300));
-            blockEnd = Steady::now();
-        }
-    });
-    scheduler.yieldUntil([&] { return at.size() >= 4; });
-    int soonAfterBlock = 0;
-    for (const auto& t : at) {
-        if (t >= blockEnd && t - blockEnd < std::chrono::milliseconds(30)) {
-            ++soonAfterBlock;
-        }
+// The Qt scheduler in real time; its quit is reported to the program once, with its code.
+class QtUnderTest : public test::SchedulerUnderTest {
+public:
+    Scheduler& scheduler() override { return m_scheduler; }
+    double seconds() override {
+        return std::chrono::duration<double>(Steady::now() - m_start).count();
     }
-    // 14 intervals were missed; at most the late tick and one regular one fit in 30 ms.
-    EXPECT_LE(soonAfterBlock, 2);
-}
+    void block(double seconds) override {
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    }
+    bool quitRequested() override { return m_scheduler.quitRequested(); }
+    int exitCode() override {
+        return m_reported == std::vector<int>{m_scheduler.exitCode()} ? m_scheduler.exitCode() : -1;
+    }
 
-// The change payout's wait runs inside a timer tick; the loop it runs must not fire that same
-// timer again, while other timers and posted clicks go on.
-TEST(QtScheduler, NestedWaitNeverReentersTheTickItIsIn) {
-    QtScheduler scheduler([](int) {});
-    int depth = 0;
-    int reentries = 0;
-    int outerTicks = 0;
-    int otherTicks = 0;
-    bool postedRan = false;
-    auto other = scheduler.createTimer("Monitor", 5, true, [&] { ++otherTicks; });
-    auto timer = scheduler.createTimer("pollTimer", 5, true, [&] {
-        if (depth > 0) {
-            ++reentries;
-            return;
-        }
-        ++depth;
-        if (++outerTicks == 1) {
-            scheduler.post([&] { postedRan = true; });
-            scheduler.yieldUntil([&] { return otherTicks >= 10 && postedRan; });
-        }
-        --depth;
-    });
-    scheduler.yieldUntil([&] { return outerTicks >= 3; });
-    EXPECT_EQ(reentries, 0);
-    EXPECT_TRUE(postedRan);
-}
+private:
+    Steady::time_point m_start = Steady::now();
+    std::vector<int> m_reported;
+    QtScheduler m_scheduler{[this](int code) { m_reported.push_back(code); }};
+};
+
+INSTANTIATE_TEST_SUITE_P(Qt, SchedulerContract, ::testing::Values(test::SchedulerFactory([] {
+                             return std::make_unique<QtUnderTest>();
+                         })));
 
 TEST(QtScheduler, PostsFromAnotherThreadRunInOrderOnTheSchedulersThread) {
     QtScheduler scheduler([](int) {});
@@ -114,21 +67,6 @@ TEST(QtScheduler, PostsFromAnotherThreadRunInOrderOnTheSchedulersThread) {
     }
 }
 
-// Enabling a timer again starts its interval afresh, so a timer that keeps being re-enabled
-// sooner than its interval never fires.
-TEST(QtScheduler, EnablingRestartsTheInterval) {
-    QtScheduler scheduler([](int) {});
-    int slowTicks = 0;
-    int fastTicks = 0;
-    auto slow = scheduler.createTimer("clickTimer", 3000, true, [&] { ++slowTicks; });
-    auto fast = scheduler.createTimer("fast", 10, true, [&] {
-        ++fastTicks;
-        slow->setEnabled(true);
-    });
-    scheduler.yieldUntil([&] { return fastTicks >= 20; });
-    EXPECT_EQ(slowTicks, 0);
-}
-
 TEST(QtScheduler, ErrorsInTicksStayInsideAndTimersMayEndThemselves) {
     QtScheduler scheduler([](int) {});
     int throwing = 0;
@@ -146,18 +84,6 @@ TEST(QtScheduler, ErrorsInTicksStayInsideAndTimersMayEndThemselves) {
     scheduler.yieldUntil([&] { return throwing >= 3 && !selfEnding; });
     EXPECT_EQ(selfEndingTicks, 1);
 }
-
-TEST(QtScheduler, QuitEndsAWaitAndIsReported) {
-    std::vector<int> codes;
-    QtScheduler scheduler([&](int code) { codes.push_back(code); });
-    EXPECT_FALSE(scheduler.quitRequested());
-    scheduler.post([&] { scheduler.quit(7); });
-    scheduler.yieldUntil([] { return false; });
-    EXPECT_TRUE(scheduler.quitRequested());
-    EXPECT_EQ(scheduler.exitCode(), 7);
-    EXPECT_EQ(codes, std::vector<int>{7});
-}
-
 TEST(SteadyClock, TimeOfDayAndSleep) {
     SteadyClock clock;
     const LocalDateTime now = clock.now();

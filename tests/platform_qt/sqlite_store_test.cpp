@@ -34,12 +34,12 @@ TEST(SqliteStore, TwoConnectionsSeeEachOthersWritesAtOnce) {
     }
 }
 
-// What only SQLite could get wrong: text that is SQL, and bytes that are not UTF-8 (the registry
-// takes UTF-16 text and the store contract covers the texts every store keeps).
-TEST(SqliteStore, SqlAndNonUtf8BytesComeBackUnchanged) {
+// What only SQLite could get wrong: text that is SQL, and bytes that are not UTF-8 or are NUL (the
+// registry takes UTF-16 text and the store contract covers the texts every store keeps).
+TEST(SqliteStore, SqlNulAndNonUtf8BytesComeBackUnchanged) {
     SqliteStore store(freshStore());
     std::string bytes;
-    for (int c = 1; c < 256; ++c) {
+    for (int c = 0; c < 256; ++c) {
         bytes += static_cast<char>(c);
     }
     for (const std::string& value : {std::string("'; DROP TABLE settings; --"), bytes}) {
