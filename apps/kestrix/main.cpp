@@ -4,18 +4,22 @@
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QFile>
 #include <QGuiApplication>
 #include <QTimer>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "engine/bounds.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
 #include "platform_qt/engine_host.h"
+#include "platform_qt/helper_printer.h"
 #include "platform_qt/lock_file_instance.h"
 #include "platform_qt/sqlite_store.h"
 #include "platform_qt/stderr_log.h"
@@ -171,9 +175,54 @@ int refuse(const Options& opt, const std::string& storePath, long pid) {
     return kExitRefused;
 }
 
+// The voucher printer of the headless engine (HelperPrinter): `kestrix --print-voucher` reads
+// one voucher document on standard input, prints it, writes the PDF file it made (if any) on
+// standard output and ends: 0 printed, 1 not printed (the reason on standard error, as the
+// operator is shown it), 2 not a document. Fonts and the print system's client live only as
+// long as this process.
+constexpr const char* kPrintVoucherMode = "--print-voucher";
+
+int printVoucher(int argc, char* argv[]) {
+    // Nothing is shown: the offscreen platform needs no display, whatever the session has.
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    // Only the reason a voucher did not print goes to the engine, not Qt's chatter about fonts.
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+    QGuiApplication app(argc, argv);
+    QFile in;
+    if (!in.open(stdin, QIODevice::ReadOnly)) {
+        std::fputs("the voucher document cannot be read\n", stderr);
+        return 2;
+    }
+    const QByteArray document = in.readAll();
+    std::string file;
+    std::string error;
+    const int status = kestrix::qt::printVoucherDocument(document.toStdString(), file, error);
+    if (status != 0) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+    } else if (!file.empty()) {
+        std::printf("%s\n", file.c_str());
+    }
+    return status;
+}
+
+// How the engine starts its voucher printer: this very program. On Linux through /proc/self/exe,
+// which is the file this process was started from even after a package upgrade replaced it, so
+// the helper always matches the engine.
+std::vector<std::string> voucherHelperCommand() {
+#ifdef __linux__
+    const std::string self = "/proc/self/exe";
+#else
+    const std::string self = QCoreApplication::applicationFilePath().toStdString();
+#endif
+    return {self, kPrintVoucherMode};
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    if (argc == 2 && std::strcmp(argv[1], kPrintVoucherMode) == 0) {
+        return printVoucher(argc, argv);
+    }
     Options opt;
     if (const std::optional<int> done = parseOptions(argc, argv, opt)) {
         return *done;
@@ -201,13 +250,11 @@ int main(int argc, char* argv[]) {
     }
 #endif
     if (!app) {
-        // Headless still lays out vouchers with fonts, which needs a GUI application object; the
-        // offscreen platform needs no display.
+        // Headless, no GUI application object: its platform and fonts would be most of the
+        // engine's memory, and they are needed only to lay out a voucher, which a helper
+        // process does (HelperPrinter).
         opt.headless = true;
-        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
-            qputenv("QT_QPA_PLATFORM", "offscreen");
-        }
-        app = std::make_unique<QGuiApplication>(argc, argv);
+        app = std::make_unique<QCoreApplication>(argc, argv);
     }
     QCoreApplication::setApplicationName("kestrix");
     QCoreApplication::setApplicationVersion(KESTRIX_VERSION);
@@ -265,6 +312,9 @@ int main(int argc, char* argv[]) {
     words.removeFirst();
     engineOptions.commandLine = words.join(' ').toStdString();
     engineOptions.log = log;
+    if (opt.headless) {
+        engineOptions.voucherHelper = voucherHelperCommand();
+    }
 
     std::shared_ptr<kestrix::MessageBox> messages;
 #ifdef KESTRIX_HAVE_CONSOLE

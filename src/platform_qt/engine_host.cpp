@@ -11,6 +11,7 @@
 #include "engine/platform/message_box.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
+#include "helper_printer.h"
 #include "lock_file_instance.h"
 #include "payment_library_factory.h"
 #include "qt_network_info.h"
@@ -160,8 +161,18 @@ void EngineHost::run() {
         }
         // A "Printer" setting that names a directory is a PDF voucher printer (kiosks without a
         // printer, tests): it is listed with the installed printers, so the load selects it.
-        QtPrinter printer(
-            {store.get(kestrix::store::kApp, kestrix::store::section::kPinPad, "Printer", "")});
+        const std::string printerSetting =
+            store.get(kestrix::store::kApp, kestrix::store::section::kPinPad, "Printer", "");
+        std::unique_ptr<Printer> printer;
+        if (m_options.voucherHelper.empty()) {
+            printer = std::make_unique<QtPrinter>(std::vector<std::string>{printerSetting});
+        } else {
+            printer = std::make_unique<HelperPrinter>(
+                m_options.voucherHelper.front(),
+                std::vector<std::string>(m_options.voucherHelper.begin() + 1,
+                                         m_options.voucherHelper.end()),
+                std::vector<std::string>{printerSetting});
+        }
         QtNetworkInfo network;
         std::unique_ptr<PaymentLibrary> library = makePaymentLibrary(store, clock, scheduler);
         const PortResolver resolver = storePortResolver(store);
@@ -180,7 +191,7 @@ void EngineHost::run() {
         Log& log = m_options.log != nullptr ? *m_options.log : nullLog();
         std::unique_ptr<SqliteJournal> journal = openJournal(store, m_options.storePath, log);
         {
-            Setup setup(Platform{clock, scheduler, store, messageBox, printer, network, *instance,
+            Setup setup(Platform{clock, scheduler, store, messageBox, *printer, network, *instance,
                                  *library, mdbPort, dispenserPort, hoppersPort,
                                  journal ? static_cast<Journal&>(*journal) : nullJournal(), log});
             const Hoppers* hoppers = &setup.hoppers();

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "engine/console.h"
 
@@ -32,6 +33,10 @@ struct EngineOptions {
     // The single-instance lock, when the program has taken it before anything else; otherwise
     // the engine takes it (a LockFileInstance on the store) before it changes the store.
     std::shared_ptr<Instance> instance;
+    // The command that prints a voucher in a process of its own (HelperPrinter): the program,
+    // then its arguments. Empty: vouchers are printed in this process (QtPrinter), which needs
+    // a QGuiApplication.
+    std::vector<std::string> voucherHelper;
 };
 
 // Runs the engine (the Setup object, its timers and every device adapter) on its own thread with
