@@ -1,11 +1,9 @@
 // kestrix: the device engine. Runs the engine on its own thread, with the operator console as
 // its window, or headless as a service.
 
-#include <QApplication>
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QFile>
-#include <QGuiApplication>
 #include <QTimer>
 #include <cstdio>
 #include <cstdlib>
@@ -28,7 +26,18 @@
 #include "sim/pty_kiosk.h"
 #include "sim/seed.h"
 
+#ifdef __linux__
+#include <unistd.h>
+#endif
+
+#ifdef KESTRIX_HAVE_PRINT
+#include <QGuiApplication>
+
+#include "platform_qt/qt_printer.h"
+#endif
+
 #ifdef KESTRIX_HAVE_CONSOLE
+#include <QApplication>
 #include <QMessageBox>
 
 #include "console/console_app.h"
@@ -175,13 +184,12 @@ int refuse(const Options& opt, const std::string& storePath, long pid) {
     return kExitRefused;
 }
 
+#ifdef KESTRIX_HAVE_PRINT
 // The voucher printer of the headless engine (HelperPrinter): `kestrix --print-voucher` reads
 // one voucher document on standard input, prints it, writes the PDF file it made (if any) on
-// standard output and ends: 0 printed, 1 not printed (the reason on standard error, as the
-// operator is shown it), 2 not a document. Fonts and the print system's client live only as
-// long as this process.
-constexpr const char* kPrintVoucherMode = "--print-voucher";
-
+// standard output and ends (voucher_document::kExit...; the reason it did not print on standard
+// error, as the operator is shown it). Fonts and the print system's client live only as long as
+// this process.
 int printVoucher(int argc, char* argv[]) {
     // Nothing is shown: the offscreen platform needs no display, whatever the session has.
     qputenv("QT_QPA_PLATFORM", "offscreen");
@@ -191,38 +199,70 @@ int printVoucher(int argc, char* argv[]) {
     QFile in;
     if (!in.open(stdin, QIODevice::ReadOnly)) {
         std::fputs("the voucher document cannot be read\n", stderr);
-        return 2;
+        return kestrix::qt::voucher_document::kExitNotADocument;
     }
     const QByteArray document = in.readAll();
     std::string file;
     std::string error;
     const int status = kestrix::qt::printVoucherDocument(document.toStdString(), file, error);
-    if (status != 0) {
+    if (status != kestrix::qt::voucher_document::kExitPrinted) {
         std::fprintf(stderr, "%s\n", error.c_str());
     } else if (!file.empty()) {
         std::printf("%s\n", file.c_str());
     }
     return status;
 }
-
-// How the engine starts its voucher printer: this very program. On Linux through /proc/self/exe,
-// which is the file this process was started from even after a package upgrade replaced it, so
-// the helper always matches the engine.
-std::vector<std::string> voucherHelperCommand() {
-#ifdef __linux__
-    const std::string self = "/proc/self/exe";
-#else
-    const std::string self = QCoreApplication::applicationFilePath().toStdString();
 #endif
-    return {self, kPrintVoucherMode};
+
+#if defined(KESTRIX_HAVE_CONSOLE) && defined(__linux__)
+// The directory of this program's file, found before any application object exists.
+std::string programDirectory() {
+    std::string path(4096, '\0');
+    const ssize_t n = ::readlink("/proc/self/exe", path.data(), path.size());
+    if (n <= 0 || static_cast<std::size_t>(n) >= path.size()) {
+        return {};
+    }
+    path.resize(static_cast<std::size_t>(n));
+    return path.substr(0, path.rfind('/'));
+}
+
+// A headless engine runs as kestrix-headless, the same engine built without the console and the
+// printer: the GUI libraries it would never use stay out of its memory (a third of it). The
+// process (its id, its arguments) stays the same. Returns only when that program cannot be
+// started; this one then runs headless itself.
+void becomeHeadlessProgram(char* argv[]) {
+    const std::string dir = programDirectory();
+    if (dir.empty()) {
+        return;
+    }
+    const std::string program = dir + "/kestrix-headless";
+    ::execv(program.c_str(), argv);
+}
+#endif
+
+// How the headless engine prints vouchers: a `kestrix --print-voucher` process per voucher.
+std::vector<std::string> voucherHelperCommand() {
+#if defined(KESTRIX_HAVE_PRINT) && defined(__linux__)
+    // This very program, through the file it was started from (still there after a package
+    // upgrade replaced it), so the helper always matches the engine.
+    const std::string program = "/proc/self/exe";
+#elif defined(KESTRIX_HAVE_PRINT)
+    const std::string program = QCoreApplication::applicationFilePath().toStdString();
+#else
+    // The console program beside this one.
+    const std::string program = QCoreApplication::applicationDirPath().toStdString() + "/kestrix";
+#endif
+    return {program, kestrix::qt::kPrintVoucherOption};
 }
 
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    if (argc == 2 && std::strcmp(argv[1], kPrintVoucherMode) == 0) {
+#ifdef KESTRIX_HAVE_PRINT
+    if (argc == 2 && std::strcmp(argv[1], kestrix::qt::kPrintVoucherOption) == 0) {
         return printVoucher(argc, argv);
     }
+#endif
     Options opt;
     if (const std::optional<int> done = parseOptions(argc, argv, opt)) {
         return *done;
@@ -243,6 +283,11 @@ int main(int argc, char* argv[]) {
         qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
         std::fputs("kestrix: no display found; running headless\n", stderr);
         opt.headless = true;
+    }
+#endif
+#ifdef __linux__
+    if (opt.headless) {
+        becomeHeadlessProgram(argv);
     }
 #endif
     if (!opt.headless) {
@@ -313,8 +358,22 @@ int main(int argc, char* argv[]) {
     engineOptions.commandLine = words.join(' ').toStdString();
     engineOptions.log = log;
     if (opt.headless) {
-        engineOptions.voucherHelper = voucherHelperCommand();
+        const std::vector<std::string> helper = voucherHelperCommand();
+        engineOptions.makePrinter = [helper](const std::string& printerSetting) {
+            return std::make_unique<kestrix::qt::HelperPrinter>(
+                helper.front(), std::vector<std::string>(helper.begin() + 1, helper.end()),
+                std::vector<std::string>{printerSetting});
+        };
     }
+#ifdef KESTRIX_HAVE_PRINT
+    else {
+        // The console's process has the GUI application already: it prints in-process.
+        engineOptions.makePrinter = [](const std::string& printerSetting) {
+            return std::make_unique<kestrix::qt::QtPrinter>(
+                std::vector<std::string>{printerSetting});
+        };
+    }
+#endif
 
     std::shared_ptr<kestrix::MessageBox> messages;
 #ifdef KESTRIX_HAVE_CONSOLE

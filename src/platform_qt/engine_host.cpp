@@ -15,7 +15,6 @@
 #include "lock_file_instance.h"
 #include "payment_library_factory.h"
 #include "qt_network_info.h"
-#include "qt_printer.h"
 #include "qt_scheduler.h"
 #include "qt_serial_port.h"
 #include "sim/seed.h"
@@ -164,13 +163,12 @@ void EngineHost::run() {
         const std::string printerSetting =
             store.get(kestrix::store::kApp, kestrix::store::section::kPinPad, "Printer", "");
         std::unique_ptr<Printer> printer;
-        if (m_options.voucherHelper.empty()) {
-            printer = std::make_unique<QtPrinter>(std::vector<std::string>{printerSetting});
+        if (m_options.makePrinter) {
+            printer = m_options.makePrinter(printerSetting);
         } else {
             printer = std::make_unique<HelperPrinter>(
-                m_options.voucherHelper.front(),
-                std::vector<std::string>(m_options.voucherHelper.begin() + 1,
-                                         m_options.voucherHelper.end()),
+                QCoreApplication::applicationDirPath().toStdString() + "/kestrix",
+                std::vector<std::string>{kPrintVoucherOption},
                 std::vector<std::string>{printerSetting});
         }
         QtNetworkInfo network;

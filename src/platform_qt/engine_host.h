@@ -14,6 +14,7 @@ class Setup;
 class MessageBox;
 class Log;
 class Instance;
+class Printer;
 }  // namespace kestrix
 
 namespace kestrix::qt {
@@ -33,10 +34,9 @@ struct EngineOptions {
     // The single-instance lock, when the program has taken it before anything else; otherwise
     // the engine takes it (a LockFileInstance on the store) before it changes the store.
     std::shared_ptr<Instance> instance;
-    // The command that prints a voucher in a process of its own (HelperPrinter): the program,
-    // then its arguments. Empty: vouchers are printed in this process (QtPrinter), which needs
-    // a QGuiApplication.
-    std::vector<std::string> voucherHelper;
+    // Makes the voucher printer, given the store's "Printer" setting. Empty: vouchers are
+    // printed by a HelperPrinter running the `kestrix` program beside this one.
+    std::function<std::unique_ptr<Printer>(const std::string& printerSetting)> makePrinter;
 };
 
 // Runs the engine (the Setup object, its timers and every device adapter) on its own thread with

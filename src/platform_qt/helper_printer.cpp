@@ -9,27 +9,9 @@
 #include <stdexcept>
 #include <utility>
 
-#include "qt_printer.h"
-
 namespace kestrix::qt {
 
-namespace {
-
-// The document on the helper's standard input: records of a tag, the value's length in decimal,
-// a colon, the value's bytes and a line break. Texts go as they are (a card library's bytes,
-// line breaks and all).
-constexpr char kDirectory = 'd';
-constexpr char kPrinterName = 'p';
-constexpr char kFontName = 'f';
-constexpr char kFontBold = 'b';
-constexpr char kFontSize = 's';
-constexpr char kLine = 'l';
-
-// Once killed, the helper is given this long to be gone before the engine moves on.
-constexpr int kReapMs = 2000;
-
-constexpr int kExitNotPrinted = 1;
-constexpr int kExitNotADocument = 2;
+namespace voucher_document {
 
 void append(std::string& document, char tag, const std::string& value) {
     document += tag;
@@ -39,22 +21,13 @@ void append(std::string& document, char tag, const std::string& value) {
     document += '\n';
 }
 
-bool isDirectory(const std::string& name) {
-    return !name.empty() && QFileInfo(QString::fromStdString(name)).isDir();
-}
-
-struct Record {
-    char tag = 0;
-    std::string value;
-};
-
-// Splits a document into its records; false when it is not one.
 bool parse(const std::string& document, std::vector<Record>& records) {
     std::size_t at = 0;
     while (at < document.size()) {
         Record r;
         r.tag = document[at++];
         const std::size_t colon = document.find(':', at);
+        // A length of more than nine digits is no voucher's.
         if (colon == std::string::npos || colon == at || colon - at > 9) {
             return false;
         }
@@ -74,6 +47,19 @@ bool parse(const std::string& document, std::vector<Record>& records) {
         records.push_back(std::move(r));
     }
     return true;
+}
+
+}  // namespace voucher_document
+
+namespace {
+
+using namespace voucher_document;
+
+// Once killed, the helper is given this long to be gone before the engine moves on.
+constexpr int kReapMs = 2000;
+
+bool isDirectory(const std::string& name) {
+    return !name.empty() && QFileInfo(QString::fromStdString(name)).isDir();
 }
 
 std::string trimmed(const QByteArray& bytes) {
@@ -184,56 +170,6 @@ void HelperPrinter::endDoc() {
         throw std::runtime_error(reason);
     }
     m_lastFile = trimmed(helper.readAllStandardOutput());
-}
-
-int printVoucherDocument(const std::string& document, std::string& writtenFile,
-                         std::string& error) {
-    std::vector<Record> records;
-    if (!parse(document, records)) {
-        error = "the voucher document cannot be read";
-        return kExitNotADocument;
-    }
-    std::vector<std::string> directories;
-    for (const Record& r : records) {
-        if (r.tag == kDirectory) {
-            directories.push_back(r.value);
-        }
-    }
-    try {
-        QtPrinter printer(directories);
-        for (const Record& r : records) {
-            switch (r.tag) {
-                case kPrinterName:
-                    printer.select(r.value);
-                    break;
-                case kFontName:
-                    printer.setFontName(r.value);
-                    break;
-                case kFontBold:
-                    printer.setFontBold(r.value == "1");
-                    break;
-                case kFontSize: {
-                    bool ok = false;
-                    const double points = QByteArray::fromStdString(r.value).toDouble(&ok);
-                    if (ok) {
-                        printer.setFontSize(points);
-                    }
-                    break;
-                }
-                case kLine:
-                    printer.printLine(r.value);
-                    break;
-                default:
-                    break;
-            }
-        }
-        printer.endDoc();
-        writtenFile = printer.lastFile();
-    } catch (const std::runtime_error& e) {
-        error = e.what();
-        return kExitNotPrinted;
-    }
-    return 0;
 }
 
 }  // namespace kestrix::qt

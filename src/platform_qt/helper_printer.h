@@ -9,7 +9,8 @@ namespace kestrix::qt {
 
 // The voucher printer of the headless engine: the document is collected here and laid out and
 // printed by a short-lived helper process (the engine's own program started with
-// --print-voucher, which reads the document on its standard input). Fonts, the GUI platform and the
+// --print-voucher, which reads the document on its standard input; printVoucherDocument in
+// qt_printer.h). Fonts, the GUI platform and the
 // print system's client are loaded only in that process and only while a voucher prints, so the
 // engine that runs for months keeps none of them resident.
 //
@@ -23,6 +24,9 @@ namespace kestrix::qt {
 // endDoc throws std::runtime_error with the helper's own message when the voucher cannot be
 // printed, and when the helper cannot start, crashes or has not finished within the bound (it
 // is then killed): the card payment reports it as it reports any failing printer.
+// The option that starts the `kestrix` program as the voucher helper.
+inline constexpr const char* kPrintVoucherOption = "--print-voucher";
+
 class HelperPrinter : public Printer {
 public:
     // How long the engine waits for one voucher. Laying it out and handing it to the spooler
@@ -58,10 +62,34 @@ private:
     std::string m_lastFile;
 };
 
-// The helper's side, in a program that has a QGuiApplication: prints a document written by
-// HelperPrinter with QtPrinter. Returns the exit status the helper ends with: 0 printed
-// (`writtenFile` is the PDF file, for a directory), 1 not printed, 2 not a document; `error`
-// says why.
-int printVoucherDocument(const std::string& document, std::string& writtenFile, std::string& error);
+// The document HelperPrinter writes on the helper's standard input: records of a tag, the
+// value's length in decimal, a colon, the value's bytes and a line break. Texts go as they are
+// (a card library's bytes, line breaks and all). The known directories and the printer come
+// first, then the font changes and lines in the order they were made.
+namespace voucher_document {
+
+inline constexpr char kDirectory = 'd';
+inline constexpr char kPrinterName = 'p';
+inline constexpr char kFontName = 'f';
+inline constexpr char kFontBold = 'b';
+inline constexpr char kFontSize = 's';
+inline constexpr char kLine = 'l';
+
+// The helper's exit status: printed, not printed (the reason on its standard error), or what
+// it was given is not a document.
+inline constexpr int kExitPrinted = 0;
+inline constexpr int kExitNotPrinted = 1;
+inline constexpr int kExitNotADocument = 2;
+
+struct Record {
+    char tag = 0;
+    std::string value;
+};
+
+void append(std::string& document, char tag, const std::string& value);
+// Splits a document into its records; false when it is not one.
+bool parse(const std::string& document, std::vector<Record>& records);
+
+}  // namespace voucher_document
 
 }  // namespace kestrix::qt
