@@ -192,6 +192,17 @@ void EngineHost::run() {
             Setup setup(Platform{clock, scheduler, store, messageBox, *printer, network, *instance,
                                  *library, mdbPort, dispenserPort, hoppersPort,
                                  journal ? static_cast<Journal&>(*journal) : nullJournal(), log});
+            // A voucher the helper could not print is reported as a failing printer is: the
+            // reason in a message box under the console's caption. The listener goes before
+            // the engine object does.
+            auto* helperPrinter = dynamic_cast<HelperPrinter*>(printer.get());
+            if (helperPrinter != nullptr) {
+                helperPrinter->setFailureListener([&messageBox, &setup](const std::string& why) {
+                    messageBox.show(why, setup.console().text("Setup"));
+                });
+            }
+            const std::unique_ptr<HelperPrinter, void (*)(HelperPrinter*)> listenerReset(
+                helperPrinter, [](HelperPrinter* p) { p->setFailureListener({}); });
             const Hoppers* hoppers = &setup.hoppers();
             setup.console().setChangeListener([this, fleetView, hoppers](const Field& f) {
                 emit fieldChanged(f);

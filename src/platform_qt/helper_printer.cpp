@@ -4,7 +4,9 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QStringList>
+#include <QTimer>
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 #include <utility>
@@ -54,9 +56,6 @@ bool parse(const std::string& document, std::vector<Record>& records) {
 namespace {
 
 using namespace voucher_document;
-
-// Once killed, the helper is given this long to be gone before the engine moves on.
-constexpr int kReapMs = 2000;
 
 bool isDirectory(const std::string& name) {
     return !name.empty() && QFileInfo(QString::fromStdString(name)).isDir();
@@ -127,7 +126,6 @@ void HelperPrinter::endDoc() {
     m_document.clear();
     const bool hasLines = m_hasLines;
     m_hasLines = false;
-    m_lastFile.clear();
     if (!hasLines) {
         return;
     }
@@ -140,36 +138,101 @@ void HelperPrinter::endDoc() {
     }
     append(document, kPrinterName, m_current);
     document += body;
+    m_queue.push_back(std::move(document));
+    if (m_helper == nullptr) {
+        startNext();
+    }
+}
 
+void HelperPrinter::startNext() {
+    if (m_ending || m_queue.empty()) {
+        return;
+    }
+    const std::string document = std::move(m_queue.front());
+    m_queue.pop_front();
     QStringList arguments;
     for (const std::string& a : m_arguments) {
         arguments << QString::fromStdString(a);
     }
-    QProcess helper;
-    helper.start(QString::fromStdString(m_program), arguments);
-    if (!helper.waitForStarted(m_timeoutMs)) {
-        throw std::runtime_error("the voucher printer could not be started (" + m_program +
-                                 "): " + helper.errorString().toStdString());
-    }
-    helper.write(document.data(), static_cast<qint64>(document.size()));
-    helper.closeWriteChannel();
-    if (!helper.waitForFinished(m_timeoutMs)) {
-        helper.kill();
-        helper.waitForFinished(kReapMs);
-        throw std::runtime_error("the voucher printer did not finish within " +
-                                 QString::number(m_timeoutMs / 1000.0).toStdString() + " seconds");
-    }
-    if (helper.exitStatus() != QProcess::NormalExit) {
-        throw std::runtime_error("the voucher printer ended abnormally (" + m_program + ")");
-    }
-    if (helper.exitCode() != 0) {
-        std::string reason = trimmed(helper.readAllStandardError());
-        if (reason.empty()) {
-            reason = "the voucher printer ended with status " + std::to_string(helper.exitCode());
+    m_timedOut = false;
+    m_helper = std::make_unique<QProcess>();
+    QProcess* helper = m_helper.get();
+    QObject::connect(helper, &QProcess::errorOccurred, helper,
+                     [this, helper](QProcess::ProcessError e) {
+                         // Only a helper that never started ends here; any other error also ends in
+                         // finished.
+                         if (e == QProcess::FailedToStart) {
+                             done("the voucher printer could not be started (" + m_program +
+                                      "): " + helper->errorString().toStdString(),
+                                  {});
+                         }
+                     });
+    QObject::connect(
+        helper, &QProcess::finished, helper,
+        [this, helper](int exitCode, QProcess::ExitStatus status) {
+            if (m_timedOut) {
+                done("the voucher printer did not finish within " +
+                         QString::number(m_timeoutMs / 1000.0).toStdString() + " seconds",
+                     {});
+            } else if (status != QProcess::NormalExit) {
+                done("the voucher printer ended abnormally (" + m_program + ")", {});
+            } else if (exitCode != kExitPrinted) {
+                std::string reason = trimmed(helper->readAllStandardError());
+                if (reason.empty()) {
+                    reason = "the voucher printer ended with status " + std::to_string(exitCode);
+                }
+                done(reason, {});
+            } else {
+                done({}, trimmed(helper->readAllStandardOutput()));
+            }
+        });
+    m_bound = std::make_unique<QTimer>();
+    m_bound->setSingleShot(true);
+    QObject::connect(m_bound.get(), &QTimer::timeout, helper, [this, helper] {
+        m_timedOut = true;
+        helper->kill();
+    });
+    m_bound->start(m_timeoutMs);
+    helper->start(QString::fromStdString(m_program), arguments);
+    // Kept by the process object until the helper has started, then written to it.
+    helper->write(document.data(), static_cast<qint64>(document.size()));
+    helper->closeWriteChannel();
+}
+
+void HelperPrinter::done(const std::string& failure, const std::string& file) {
+    m_bound.reset();
+    // Called from the process object's own signal: it is deleted once that has returned.
+    m_helper.release()->deleteLater();
+    m_lastFile = file;
+    if (!failure.empty()) {
+        if (m_onFailure) {
+            m_onFailure(failure);
+        } else {
+            std::fprintf(stderr, "kestrix: voucher not printed: %s\n", failure.c_str());
         }
-        throw std::runtime_error(reason);
     }
-    m_lastFile = trimmed(helper.readAllStandardOutput());
+    startNext();
+}
+
+HelperPrinter::~HelperPrinter() {
+    m_ending = true;
+    m_onFailure = {};
+    if (m_helper != nullptr) {
+        QProcess* helper = m_helper.get();
+        if (!helper->waitForFinished(kEndWaitMs) && m_helper != nullptr) {
+            std::fputs("kestrix: a voucher was still printing at the end: stopped\n", stderr);
+            helper->disconnect();
+            helper->kill();
+            helper->waitForFinished(kEndWaitMs);
+        }
+    }
+    for (std::size_t i = 0; i < m_queue.size(); ++i) {
+        std::fputs("kestrix: a voucher not yet printed at the end is dropped\n", stderr);
+    }
+    if (m_helper != nullptr) {
+        m_helper->disconnect();
+        m_helper.reset();
+    }
 }
 
 }  // namespace kestrix::qt

@@ -1,18 +1,31 @@
 #pragma once
 
+#include <deque>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "engine/platform/printer.h"
+
+class QProcess;
+class QTimer;
 
 namespace kestrix::qt {
 
 // The voucher printer of the headless engine: the document is collected here and laid out and
 // printed by a short-lived helper process (the engine's own program started with
 // --print-voucher, which reads the document on its standard input; printVoucherDocument in
-// qt_printer.h). Fonts, the GUI platform and the
-// print system's client are loaded only in that process and only while a voucher prints, so the
-// engine that runs for months keeps none of them resident.
+// qt_printer.h). Fonts, the GUI platform and the print system's client are loaded only in that
+// process and only while a voucher prints, so the engine that runs for months keeps none of
+// them resident.
+//
+// endDoc hands the document over and returns at once: the engine does not wait for the
+// voucher, so a card payment's result is written as soon as it is known, whatever the printer
+// does. Vouchers print one after the other in the order they were ended. A voucher that does not
+// print (the helper's own reason; a helper that cannot start, crashes, or has not finished
+// within the bound and is then killed) is told to the failure listener, on the thread that
+// made the printer (the engine's), once its event loop runs.
 //
 // Printer names are taken as given: a directory is a PDF voucher printer (as for QtPrinter);
 // any other name is checked by the helper when it prints, which uses the system's default
@@ -20,22 +33,29 @@ namespace kestrix::qt {
 // its default then. installedPrinters() lists the names given to the constructor and those
 // selected since, without asking the print system: only the console shows the list, and the
 // console prints in-process.
-//
-// endDoc throws std::runtime_error with the helper's own message when the voucher cannot be
-// printed, and when the helper cannot start, crashes or has not finished within the bound (it
-// is then killed): the card payment reports it as it reports any failing printer.
 // The option that starts the `kestrix` program as the voucher helper.
 inline constexpr const char* kPrintVoucherOption = "--print-voucher";
 
 class HelperPrinter : public Printer {
 public:
-    // How long the engine waits for one voucher. Laying it out and handing it to the spooler
-    // takes well under a second; a helper stuck on a print system that does not answer must
-    // not hold the engine (and the host's result) for longer than this.
+    // How long one voucher may take. Laying it out and handing it to the spooler takes well
+    // under a second; a helper stuck on a print system that does not answer is killed then.
     static constexpr int kPrintTimeoutMs = 15000;
+    // How long the engine's end waits for a voucher still printing.
+    static constexpr int kEndWaitMs = 2000;
+
+    using FailureListener = std::function<void(const std::string& reason)>;
 
     HelperPrinter(std::string program, std::vector<std::string> arguments,
                   std::vector<std::string> printerNames = {}, int timeoutMs = kPrintTimeoutMs);
+    // Waits at most kEndWaitMs for the voucher printing, then kills it; vouchers not yet begun
+    // are dropped (each with a line on standard error).
+    ~HelperPrinter() override;
+    HelperPrinter(const HelperPrinter&) = delete;
+    HelperPrinter& operator=(const HelperPrinter&) = delete;
+
+    // Without a listener a failure goes to standard error.
+    void setFailureListener(FailureListener listener) { m_onFailure = std::move(listener); }
 
     std::vector<std::string> installedPrinters() override;
     void select(const std::string& name) override;
@@ -46,11 +66,16 @@ public:
     void printLine(const std::string& text) override;
     void endDoc() override;
 
-    // What the helper said it wrote (the PDF file, for a directory); empty otherwise.
+    // Whether a voucher is printing or waiting to.
+    bool busy() const { return m_helper != nullptr || !m_queue.empty(); }
+    // What the helper said it wrote for the last voucher printed (the PDF file, for a
+    // directory); empty otherwise.
     const std::string& lastFile() const { return m_lastFile; }
 
 private:
     void add(char tag, const std::string& value);
+    void startNext();
+    void done(const std::string& failure, const std::string& file);
 
     std::string m_program;
     std::vector<std::string> m_arguments;
@@ -59,6 +84,12 @@ private:
     std::string m_current;
     std::string m_document;
     bool m_hasLines = false;
+    std::deque<std::string> m_queue;
+    std::unique_ptr<QProcess> m_helper;
+    std::unique_ptr<QTimer> m_bound;
+    bool m_timedOut = false;
+    bool m_ending = false;
+    FailureListener m_onFailure;
     std::string m_lastFile;
 };
 
