@@ -3,7 +3,6 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QFile>
 #include <QTimer>
 #include <cstdio>
 #include <cstdlib>
@@ -31,6 +30,7 @@
 #endif
 
 #ifdef KESTRIX_HAVE_PRINT
+#include <QFile>
 #include <QGuiApplication>
 
 #include "platform_qt/qt_printer.h"

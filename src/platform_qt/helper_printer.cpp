@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <stdexcept>
 #include <utility>
 
 namespace kestrix::qt {
