@@ -72,6 +72,11 @@ double cpuSeconds(pid_t pid) {
     return total;
 }
 
+// qt_wake is built beside this program.
+std::string qtWakeBinary() {
+    return (std::filesystem::canonical("/proc/self/exe").parent_path() / "qt_wake").string();
+}
+
 double threadCpuSeconds(pid_t tid) {
     std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/schedstat");
     double ns = 0;
@@ -160,7 +165,8 @@ private:
         double start, measured, floor;
     };
     std::vector<Timeline> m_timeline;
-    double m_engineIdle = 0, m_simIdle = 0, m_bareWake = 0, m_enginePaying = 0, m_simPaying = 0;
+    double m_engineIdle = 0, m_simIdle = 0, m_bareWake = 0, m_qtWake = 0, m_enginePaying = 0,
+           m_simPaying = 0;
     double m_idleSeconds = 0, m_payingSeconds = 0, m_consoleSeconds = 0;
     long m_rssHeadless = 0, m_rssHeadlessPeak = 0, m_rssConsole = 0, m_rssConsolePeak = 0;
     std::string m_consoleDisplay;
@@ -246,7 +252,10 @@ void Bench::run(double cpuWindow, int coins) {
     const pid_t sim = m_sim->pid();
 
     // Idle: devices enabled, no payment. A thread of this program that only wakes every 500 ms
-    // tells what waking alone costs on this machine.
+    // tells what waking alone costs on this machine; qt_wake, a Qt program that only runs a
+    // 500 ms timer on an event loop of its own thread as the engine runs its monitor, what that
+    // costs through Qt: the floor under the idle engine.
+    ChildProcess qtWake(qtWakeBinary(), {}, {});
     sleepFor(2);
     {
         std::atomic<bool> stop{false};
@@ -261,13 +270,14 @@ void Bench::run(double cpuWindow, int coins) {
             sleepFor(0.001);
         }
         const double e0 = cpuSeconds(engine), s0 = cpuSeconds(sim), w0 = threadCpuSeconds(wakerTid),
-                     t0 = now();
+                     q0 = cpuSeconds(qtWake.pid()), t0 = now();
         sleepFor(cpuWindow);
         const double t1 = now();
         m_idleSeconds = t1 - t0;
         m_engineIdle = (cpuSeconds(engine) - e0) / m_idleSeconds * 100;
         m_simIdle = (cpuSeconds(sim) - s0) / m_idleSeconds * 100;
         m_bareWake = (threadCpuSeconds(wakerTid) - w0) / m_idleSeconds * 100;
+        m_qtWake = (cpuSeconds(qtWake.pid()) - q0) / m_idleSeconds * 100;
         stop = true;
         waker.join();
         m_rssHeadless = statusKb(engine, "VmRSS");
@@ -391,6 +401,7 @@ void Bench::saveMoments() const {
         << m_enginePaying << ' ' << m_simPaying << ' ' << m_idleSeconds << ' ' << m_payingSeconds
         << ' ' << m_consoleSeconds << ' ' << m_rssHeadless << ' ' << m_rssHeadlessPeak << ' '
         << m_rssConsole << ' ' << m_rssConsolePeak << ' ' << m_consoleDisplay << '\n';
+    out << "qtWake " << m_qtWake << '\n';
 }
 
 void Bench::reanalyse() {
@@ -405,7 +416,9 @@ void Bench::reanalyse() {
             continue;
         }
         in >> t;
-        if (what == "spawned") {
+        if (what == "qtWake") {
+            m_qtWake = t;
+        } else if (what == "spawned") {
             m_spawned = t;
         } else if (what == "standardDue") {
             m_standardDue = t;
@@ -615,6 +628,7 @@ std::string Bench::json() const {
     w["timeline"] = std::move(timeline);
     w["resources"] = {{"engine_idle_percent", m_engineIdle},
                       {"bare_wake_percent", m_bareWake},
+                      {"qt_wake_percent", m_qtWake},
                       {"idle_seconds", m_idleSeconds},
                       {"engine_paying_percent", m_enginePaying},
                       {"paying_seconds", m_payingSeconds},

@@ -73,6 +73,11 @@ def summary_table(kiosk, world, micro):
             f"| the same machine: a thread that only wakes every 500 ms | (reference) | "
             f"{r['bare_wake_percent']:.3f} % | |"
         )
+        if "qt_wake_percent" in r:
+            rows.append(
+                f"| the same machine: a Qt event loop whose only work is a 500 ms timer | "
+                f"(reference: the idle engine's floor) | {r['qt_wake_percent']:.3f} % | |"
+            )
         rows.append(
             f"| engine CPU paying ({r['paying_seconds']:.0f} s of a payment taking coins) | "
             f"≤ 0.5 % | {r['engine_paying_percent']:.3f} % | "

@@ -1,21 +1,22 @@
 // kestrix: the device engine. Runs the engine on its own thread, with the operator console as
 // its window, or headless as a service.
 
-#include <QApplication>
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QGuiApplication>
 #include <QTimer>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "engine/bounds.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
 #include "platform_qt/engine_host.h"
+#include "platform_qt/helper_printer.h"
 #include "platform_qt/lock_file_instance.h"
 #include "platform_qt/sqlite_store.h"
 #include "platform_qt/stderr_log.h"
@@ -24,7 +25,19 @@
 #include "sim/pty_kiosk.h"
 #include "sim/seed.h"
 
+#ifdef __linux__
+#include <unistd.h>
+#endif
+
+#ifdef KESTRIX_HAVE_PRINT
+#include <QFile>
+#include <QGuiApplication>
+
+#include "platform_qt/qt_printer.h"
+#endif
+
 #ifdef KESTRIX_HAVE_CONSOLE
+#include <QApplication>
 #include <QMessageBox>
 
 #include "console/console_app.h"
@@ -171,9 +184,85 @@ int refuse(const Options& opt, const std::string& storePath, long pid) {
     return kExitRefused;
 }
 
+#ifdef KESTRIX_HAVE_PRINT
+// The voucher printer of the headless engine (HelperPrinter): `kestrix --print-voucher` reads
+// one voucher document on standard input, prints it, writes the PDF file it made (if any) on
+// standard output and ends (voucher_document::kExit...; the reason it did not print on standard
+// error, as the operator is shown it). Fonts and the print system's client live only as long as
+// this process.
+int printVoucher(int argc, char* argv[]) {
+    // Nothing is shown: the offscreen platform needs no display, whatever the session has.
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    // Only the reason a voucher did not print goes to the engine, not Qt's chatter about fonts.
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+    QGuiApplication app(argc, argv);
+    QFile in;
+    if (!in.open(stdin, QIODevice::ReadOnly)) {
+        std::fputs("the voucher document cannot be read\n", stderr);
+        return kestrix::qt::voucher_document::kExitNotADocument;
+    }
+    const QByteArray document = in.readAll();
+    std::string file;
+    std::string error;
+    const int status = kestrix::qt::printVoucherDocument(document.toStdString(), file, error);
+    if (status != kestrix::qt::voucher_document::kExitPrinted) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+    } else if (!file.empty()) {
+        std::printf("%s\n", file.c_str());
+    }
+    return status;
+}
+#endif
+
+#if defined(KESTRIX_HAVE_CONSOLE) && defined(__linux__)
+// The directory of this program's file, found before any application object exists.
+std::string programDirectory() {
+    std::string path(4096, '\0');
+    const ssize_t n = ::readlink("/proc/self/exe", path.data(), path.size());
+    if (n <= 0 || static_cast<std::size_t>(n) >= path.size()) {
+        return {};
+    }
+    path.resize(static_cast<std::size_t>(n));
+    return path.substr(0, path.rfind('/'));
+}
+
+// A headless engine runs as kestrix-headless, the same engine built without the console and the
+// printer: the GUI libraries it would never use stay out of its memory (a third of it). The
+// process (its id, its arguments) stays the same. Returns only when that program cannot be
+// started; this one then runs headless itself.
+void becomeHeadlessProgram(char* argv[]) {
+    const std::string dir = programDirectory();
+    if (dir.empty()) {
+        return;
+    }
+    const std::string program = dir + "/kestrix-headless";
+    ::execv(program.c_str(), argv);
+}
+#endif
+
+// How the headless engine prints vouchers: a `kestrix --print-voucher` process per voucher.
+std::vector<std::string> voucherHelperCommand() {
+#if defined(KESTRIX_HAVE_PRINT) && defined(__linux__)
+    // This very program, through the file it was started from (still there after a package
+    // upgrade replaced it), so the helper always matches the engine.
+    const std::string program = "/proc/self/exe";
+#elif defined(KESTRIX_HAVE_PRINT)
+    const std::string program = QCoreApplication::applicationFilePath().toStdString();
+#else
+    // The console program beside this one.
+    const std::string program = QCoreApplication::applicationDirPath().toStdString() + "/kestrix";
+#endif
+    return {program, kestrix::qt::kPrintVoucherOption};
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
+#ifdef KESTRIX_HAVE_PRINT
+    if (argc == 2 && std::strcmp(argv[1], kestrix::qt::kPrintVoucherOption) == 0) {
+        return printVoucher(argc, argv);
+    }
+#endif
     Options opt;
     if (const std::optional<int> done = parseOptions(argc, argv, opt)) {
         return *done;
@@ -196,18 +285,21 @@ int main(int argc, char* argv[]) {
         opt.headless = true;
     }
 #endif
+#ifdef __linux__
+    if (opt.headless) {
+        becomeHeadlessProgram(argv);
+    }
+#endif
     if (!opt.headless) {
         app = std::make_unique<QApplication>(argc, argv);
     }
 #endif
     if (!app) {
-        // Headless still lays out vouchers with fonts, which needs a GUI application object; the
-        // offscreen platform needs no display.
+        // Headless, no GUI application object: its platform and fonts would be most of the
+        // engine's memory, and they are needed only to lay out a voucher, which a helper
+        // process does (HelperPrinter).
         opt.headless = true;
-        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
-            qputenv("QT_QPA_PLATFORM", "offscreen");
-        }
-        app = std::make_unique<QGuiApplication>(argc, argv);
+        app = std::make_unique<QCoreApplication>(argc, argv);
     }
     QCoreApplication::setApplicationName("kestrix");
     QCoreApplication::setApplicationVersion(KESTRIX_VERSION);
@@ -265,6 +357,23 @@ int main(int argc, char* argv[]) {
     words.removeFirst();
     engineOptions.commandLine = words.join(' ').toStdString();
     engineOptions.log = log;
+    if (opt.headless) {
+        const std::vector<std::string> helper = voucherHelperCommand();
+        engineOptions.makePrinter = [helper](const std::string& printerSetting) {
+            return std::make_unique<kestrix::qt::HelperPrinter>(
+                helper.front(), std::vector<std::string>(helper.begin() + 1, helper.end()),
+                std::vector<std::string>{printerSetting});
+        };
+    }
+#ifdef KESTRIX_HAVE_PRINT
+    else {
+        // The console's process has the GUI application already: it prints in-process.
+        engineOptions.makePrinter = [](const std::string& printerSetting) {
+            return std::make_unique<kestrix::qt::QtPrinter>(
+                std::vector<std::string>{printerSetting});
+        };
+    }
+#endif
 
     std::shared_ptr<kestrix::MessageBox> messages;
 #ifdef KESTRIX_HAVE_CONSOLE

@@ -11,10 +11,10 @@
 #include "engine/platform/message_box.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
+#include "helper_printer.h"
 #include "lock_file_instance.h"
 #include "payment_library_factory.h"
 #include "qt_network_info.h"
-#include "qt_printer.h"
 #include "qt_scheduler.h"
 #include "qt_serial_port.h"
 #include "sim/seed.h"
@@ -160,8 +160,17 @@ void EngineHost::run() {
         }
         // A "Printer" setting that names a directory is a PDF voucher printer (kiosks without a
         // printer, tests): it is listed with the installed printers, so the load selects it.
-        QtPrinter printer(
-            {store.get(kestrix::store::kApp, kestrix::store::section::kPinPad, "Printer", "")});
+        const std::string printerSetting =
+            store.get(kestrix::store::kApp, kestrix::store::section::kPinPad, "Printer", "");
+        std::unique_ptr<Printer> printer;
+        if (m_options.makePrinter) {
+            printer = m_options.makePrinter(printerSetting);
+        } else {
+            printer = std::make_unique<HelperPrinter>(
+                QCoreApplication::applicationDirPath().toStdString() + "/kestrix",
+                std::vector<std::string>{kPrintVoucherOption},
+                std::vector<std::string>{printerSetting});
+        }
         QtNetworkInfo network;
         std::unique_ptr<PaymentLibrary> library = makePaymentLibrary(store, clock, scheduler);
         const PortResolver resolver = storePortResolver(store);
@@ -180,9 +189,20 @@ void EngineHost::run() {
         Log& log = m_options.log != nullptr ? *m_options.log : nullLog();
         std::unique_ptr<SqliteJournal> journal = openJournal(store, m_options.storePath, log);
         {
-            Setup setup(Platform{clock, scheduler, store, messageBox, printer, network, *instance,
+            Setup setup(Platform{clock, scheduler, store, messageBox, *printer, network, *instance,
                                  *library, mdbPort, dispenserPort, hoppersPort,
                                  journal ? static_cast<Journal&>(*journal) : nullJournal(), log});
+            // A voucher the helper could not print is reported as a failing printer is: the
+            // reason in a message box under the console's caption. The listener goes before
+            // the engine object does.
+            auto* helperPrinter = dynamic_cast<HelperPrinter*>(printer.get());
+            if (helperPrinter != nullptr) {
+                helperPrinter->setFailureListener([&messageBox, &setup](const std::string& why) {
+                    messageBox.show(why, setup.console().text("Setup"));
+                });
+            }
+            const std::unique_ptr<HelperPrinter, void (*)(HelperPrinter*)> listenerReset(
+                helperPrinter, [](HelperPrinter* p) { p->setFailureListener({}); });
             const Hoppers* hoppers = &setup.hoppers();
             setup.console().setChangeListener([this, fleetView, hoppers](const Field& f) {
                 emit fieldChanged(f);

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "engine/console.h"
 
@@ -13,6 +14,7 @@ class Setup;
 class MessageBox;
 class Log;
 class Instance;
+class Printer;
 }  // namespace kestrix
 
 namespace kestrix::qt {
@@ -32,6 +34,9 @@ struct EngineOptions {
     // The single-instance lock, when the program has taken it before anything else; otherwise
     // the engine takes it (a LockFileInstance on the store) before it changes the store.
     std::shared_ptr<Instance> instance;
+    // Makes the voucher printer, given the store's "Printer" setting. Empty: vouchers are
+    // printed by a HelperPrinter running the `kestrix` program beside this one.
+    std::function<std::unique_ptr<Printer>(const std::string& printerSetting)> makePrinter;
 };
 
 // Runs the engine (the Setup object, its timers and every device adapter) on its own thread with

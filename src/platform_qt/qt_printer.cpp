@@ -1,5 +1,7 @@
 #include "qt_printer.h"
 
+#include "helper_printer.h"
+
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -314,6 +316,57 @@ void QtPrinter::printToPrinter(const std::vector<Line>& lines, const std::string
         throw std::runtime_error("cannot print on " + name);
     }
     m_lastFile.clear();
+}
+
+int printVoucherDocument(const std::string& document, std::string& writtenFile,
+                         std::string& error) {
+    using namespace voucher_document;
+    std::vector<Record> records;
+    if (!parse(document, records)) {
+        error = "the voucher document cannot be read";
+        return voucher_document::kExitNotADocument;
+    }
+    std::vector<std::string> directories;
+    for (const Record& r : records) {
+        if (r.tag == kDirectory) {
+            directories.push_back(r.value);
+        }
+    }
+    try {
+        QtPrinter printer(directories);
+        for (const Record& r : records) {
+            switch (r.tag) {
+                case kPrinterName:
+                    printer.select(r.value);
+                    break;
+                case kFontName:
+                    printer.setFontName(r.value);
+                    break;
+                case kFontBold:
+                    printer.setFontBold(r.value == "1");
+                    break;
+                case kFontSize: {
+                    bool ok = false;
+                    const double points = QByteArray::fromStdString(r.value).toDouble(&ok);
+                    if (ok) {
+                        printer.setFontSize(points);
+                    }
+                    break;
+                }
+                case kLine:
+                    printer.printLine(r.value);
+                    break;
+                default:
+                    break;
+            }
+        }
+        printer.endDoc();
+        writtenFile = printer.lastFile();
+    } catch (const std::runtime_error& e) {
+        error = e.what();
+        return voucher_document::kExitNotPrinted;
+    }
+    return kExitPrinted;
 }
 
 }  // namespace kestrix::qt

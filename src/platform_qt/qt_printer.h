@@ -68,4 +68,10 @@ private:
     std::string m_lastFile;
 };
 
+// The voucher helper's side (`kestrix --print-voucher`), in a program that has a
+// QGuiApplication: prints a document HelperPrinter wrote (voucher_document) with a QtPrinter.
+// Returns the status the helper ends with (voucher_document::kExit...): `writtenFile` is the
+// PDF file made for a directory, `error` why nothing was printed.
+int printVoucherDocument(const std::string& document, std::string& writtenFile, std::string& error);
+
 }  // namespace kestrix::qt

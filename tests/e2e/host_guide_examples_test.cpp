@@ -135,6 +135,10 @@ TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
             10s));
     }
     kiosk.stopCustomer();
+    // The headless engine prints a voucher after it has written the payment's result.
+    EXPECT_TRUE(test::eventually(
+        [&] { return kiosk.voucherFiles().size() >= static_cast<std::size_t>(cardApprovals); },
+        10s));
     EXPECT_EQ(kiosk.voucherFiles().size(), static_cast<std::size_t>(cardApprovals))
         << "one voucher per card payment";
     EXPECT_EQ(kiosk.get("Status", "KSX_Error"), "0");

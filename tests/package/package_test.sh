@@ -43,7 +43,7 @@ dpkg-deb --field "$deb" Depends | grep -q libqt6serialport6 || fail "Qt dependen
 
 root=$work/root
 dpkg -x "$deb" "$root"
-for f in usr/bin/kestrix usr/bin/kestrix-sim usr/bin/ksxctl; do
+for f in usr/bin/kestrix usr/bin/kestrix-headless usr/bin/kestrix-sim usr/bin/ksxctl; do
     [ -x "$root/$f" ] || fail "$f missing or not executable"
 done
 desktop=$root/usr/share/applications/kestrix.desktop
@@ -71,7 +71,7 @@ done
 "$root/usr/bin/kestrix" --version | grep -qx 'kestrix [0-9.]*' || fail "kestrix --version"
 
 # Hardened: relocations bound at start and read-only, fortified libc calls.
-for program in kestrix kestrix-sim ksxctl; do
+for program in kestrix kestrix-headless kestrix-sim ksxctl; do
     dynamic=$(readelf -d --dyn-syms -W "$root/usr/bin/$program")
     grep -q 'BIND_NOW' <<<"$dynamic" || fail "$program: not bound now"
     grep -q '__[a-z]*_chk@' <<<"$dynamic" || fail "$program: no fortified calls"
@@ -106,6 +106,9 @@ for _ in $(seq 1 300); do
     sleep 0.2
 done
 [ "$("$ksxctl" get Status BDStatus)" = OK ] || fail "the installed engine did not come up"
+# Headless, the engine runs as the program without the GUI libraries.
+[ "$(readlink "/proc/$engine/exe")" = "$root/usr/bin/kestrix-headless" ] ||
+    fail "the headless engine runs as $(readlink "/proc/$engine/exe")"
 
 # The customer: a coin of 10.00 whenever the payment asks for money, one at a time, until the
 # credit covers the due (a coin dropped while the payment completes is credited too, and would
