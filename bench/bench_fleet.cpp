@@ -75,8 +75,8 @@ std::unique_ptr<fleet::Publisher> publisherTo(int port) {
     c.enabled = true;
     c.broker = {false, "127.0.0.1", port};
     c.kioskId = "bench";
-    auto p = std::make_unique<fleet::Publisher>(
-        c, std::make_unique<NoJournal>(), "/dev/null", nullptr, fleet::PublisherTiming{});
+    auto p = std::make_unique<fleet::Publisher>(c, std::make_unique<NoJournal>(), "/dev/null",
+                                                nullptr, fleet::PublisherTiming{});
     return p;
 }
 

@@ -22,7 +22,7 @@ enum class FieldKind {
 
 // One console control as engine state.
 struct Field {
-    std::string name;   // the control's exact name, also the widget's objectName
+    std::string name;  // the control's exact name, also the widget's objectName
     FieldKind kind;
     std::string label;  // text of the label beside it on the console ("" when none)
     std::string text;   // text, caption, or combo text
