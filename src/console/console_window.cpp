@@ -44,7 +44,7 @@ bool operatorTyped(const std::string& name) {
         return true;
     }
     for (int n = 1; n <= 16; ++n) {
-        if (name == Console::btValue(n)) {
+        if (name == Console::btValue(n).str()) {
             return true;
         }
     }
@@ -133,8 +133,9 @@ ConsoleWindow::~ConsoleWindow() {
 
 // --- Construction -------------------------------------------------------------------------------
 
-QWidget* ConsoleWindow::make(const std::string& name) {
-    const Field& f = m_prototype.field(name);
+QWidget* ConsoleWindow::make(FieldName id) {
+    const Field& f = m_prototype.field(id);
+    const std::string name(id.str());
     QWidget* w = nullptr;
     switch (f.kind) {
         case FieldKind::TextBox:
@@ -207,9 +208,10 @@ QWidget* ConsoleWindow::make(const std::string& name) {
     return w;
 }
 
-QWidget* ConsoleWindow::addRow(QGridLayout* grid, int row, const std::string& name, int column) {
-    QWidget* w = make(name);
-    const Field& f = m_prototype.field(name);
+QWidget* ConsoleWindow::addRow(QGridLayout* grid, int row, FieldName id, int column) {
+    QWidget* w = make(id);
+    const Field& f = m_prototype.field(id);
+    const std::string name(id.str());
     const bool labelled = f.kind != FieldKind::CheckBox && f.kind != FieldKind::Button;
     if (labelled && !f.label.empty()) {
         auto* label = new QLabel(q(f.label));
@@ -235,10 +237,10 @@ QLabel* ConsoleWindow::statusLine(const QString& objectName) {
 QWidget* ConsoleWindow::buildGeneralTab() {
     auto* page = new QWidget;
     auto* layout = new QVBoxLayout(page);
-    const std::array<std::pair<QString, std::string>, 3> links = {{
-        {"MDB Interface Configuration", "comPorts"},
-        {"Bill Dispenser Configuration", "comPorts1"},
-        {"Hoppers Interface Configuration", "comPorts2"},
+    const std::array<std::pair<QString, FieldName>, 3> links = {{
+        {"MDB Interface Configuration", FieldName("comPorts")},
+        {"Bill Dispenser Configuration", FieldName("comPorts1")},
+        {"Hoppers Interface Configuration", FieldName("comPorts2")},
     }};
     const std::array<QString, 3> lineNames = {"mdbLinkStatus", "dispenserLinkStatus",
                                               "hoppersLinkStatus"};
@@ -262,8 +264,9 @@ QWidget* ConsoleWindow::buildCoinAcceptorTab() {
     auto* settings = new QGridLayout;
     addRow(settings, 0, "CoinAcceptorEnabled");
     int row = 1;
-    for (const char* name : {"caFeatureLevel", "caCountryCode", "caScalingFactor", "caDecimal",
-                             "caManufacturer", "caSerialNumber", "caModelNumber"}) {
+    for (FieldName name : std::initializer_list<FieldName>{
+             "caFeatureLevel", "caCountryCode", "caScalingFactor", "caDecimal", "caManufacturer",
+             "caSerialNumber", "caModelNumber"}) {
         addRow(settings, row++, name);
     }
     settings->setRowStretch(row, 1);
@@ -317,10 +320,10 @@ QWidget* ConsoleWindow::buildBillValidatorTab() {
     auto* settings = new QGridLayout;
     addRow(settings, 0, "billValidatorEnabled");
     int row = 1;
-    for (const char* name :
-         {"bvFeatureLevel", "bvCountryCode", "bvScalingFactor", "bvDecimalPlaces",
-          "bvStackerCapacity", "bvSecurityLevels", "bvEscrowCapability", "bvManufacturer",
-          "bvSerialNumber", "bvModelNumber", "bvSoftwareVersion"}) {
+    for (FieldName name : std::initializer_list<FieldName>{
+             "bvFeatureLevel", "bvCountryCode", "bvScalingFactor", "bvDecimalPlaces",
+             "bvStackerCapacity", "bvSecurityLevels", "bvEscrowCapability", "bvManufacturer",
+             "bvSerialNumber", "bvModelNumber", "bvSoftwareVersion"}) {
         addRow(settings, row++, name);
     }
     settings->setRowStretch(row, 1);
@@ -350,8 +353,9 @@ QWidget* ConsoleWindow::buildBillDispenserTab() {
     auto* settings = new QGridLayout;
     addRow(settings, 0, "billDispenserEnabled");
     int row = 1;
-    for (const char* name : {"bDispType", "bdSWVersion", "bdCasetteStatus", "bdMaxLenght",
-                             "bdMinLenght", "bdThickness", "bdStatus"}) {
+    for (FieldName name : std::initializer_list<FieldName>{
+             "bDispType", "bdSWVersion", "bdCasetteStatus", "bdMaxLenght", "bdMinLenght",
+             "bdThickness", "bdStatus"}) {
         addRow(settings, row++, name);
     }
     settings->setRowStretch(row, 1);
@@ -376,9 +380,10 @@ QWidget* ConsoleWindow::buildHoppersTab() {
     auto* page = new QWidget;
     auto* grid = new QGridLayout(page);
 
+    const std::array<FieldName, 2> coinValues = {"h1CoinValue", "h2CoinValue"};
     for (int n = 1; n <= 2; ++n) {
         auto* hopper = new QGridLayout;
-        addRow(hopper, 0, "h" + std::to_string(n) + "CoinValue");
+        addRow(hopper, 0, coinValues[static_cast<std::size_t>(n - 1)]);
         hopper->setColumnStretch(2, 1);
         grid->addWidget(frame(QString("Hopper No. %1").arg(n), hopper), 0, n - 1);
     }
@@ -405,8 +410,9 @@ QWidget* ConsoleWindow::buildCreditCardTab() {
     auto* settings = new QGridLayout;
     addRow(settings, 0, "pinPadEnabled");
     int row = 1;
-    for (const char* name : {"ccEMVFull", "ccModel", "ccSerialNumber", "ccTradeMark",
-                             "ccVersionApp", "ccCOM", "ccPrinter"}) {
+    for (FieldName name :
+         std::initializer_list<FieldName>{"ccEMVFull", "ccModel", "ccSerialNumber", "ccTradeMark",
+                                          "ccVersionApp", "ccCOM", "ccPrinter"}) {
         addRow(settings, row++, name);
     }
     settings->setRowStretch(row, 1);
@@ -414,8 +420,8 @@ QWidget* ConsoleWindow::buildCreditCardTab() {
 
     auto* business = new QGridLayout;
     row = 0;
-    for (const char* name :
-         {"ccUser", "ccPassword", "ccURL", "ccOnLine", "ccCompany", "ccBranch", "ccCountry"}) {
+    for (FieldName name : std::initializer_list<FieldName>{
+             "ccUser", "ccPassword", "ccURL", "ccOnLine", "ccCompany", "ccBranch", "ccCountry"}) {
         addRow(business, row++, name);
     }
     business->setRowStretch(row, 1);
@@ -704,7 +710,7 @@ void ConsoleWindow::updateTubeBar(int slot) {
         return;
     }
     QProgressBar* bar = m_tubeBars[static_cast<std::size_t>(slot - 1)];
-    const Field* qty = field(Console::tubeCoinQty(slot));
+    const Field* qty = field(std::string(Console::tubeCoinQty(slot).str()));
     bool ok = false;
     const double coins = qty != nullptr ? q(qty->text).toDouble(&ok) : 0;
     const int shown =

@@ -93,9 +93,9 @@ private:
     QWidget* buildHoppersTab();
     QWidget* buildCreditCardTab();
     QWidget* buildPaymentPanel();
-    QWidget* make(const std::string& name);
+    QWidget* make(kestrix::FieldName name);
     // The control's label (if it has one) in `column`, the control in the next one.
-    QWidget* addRow(QGridLayout* grid, int row, const std::string& name, int column = 0);
+    QWidget* addRow(QGridLayout* grid, int row, kestrix::FieldName name, int column = 0);
     QLabel* statusLine(const QString& objectName);
     QWidget* lampPair(const std::string& lit, const std::string& dark, const QString& caption);
 

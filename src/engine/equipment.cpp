@@ -59,16 +59,16 @@ std::string linkDevice(std::string_view portName) {
 // Every identification and state field of the pin pad, the changer, the validator and the
 // dispenser. The bill type values are the operator's and are left alone.
 void clearDisplays(Console& c) {
-    for (std::string_view name :
-         {"ccEMVFull",          "ccModel",         "ccSerialNumber",    "ccTradeMark",
-          "ccVersionApp",       "ccCOM",           "ccPrinter",         "ccCompany",
-          "ccBranch",           "ccCountry",       "caFeatureLevel",    "caCountryCode",
-          "caScalingFactor",    "caDecimal",       "caManufacturer",    "caSerialNumber",
-          "caModelNumber",      "tubesAmount",     "bvFeatureLevel",    "bvCountryCode",
-          "bvScalingFactor",    "bvDecimalPlaces", "bvStackerCapacity", "bvSecurityLevels",
-          "bvEscrowCapability", "bvManufacturer",  "bvSerialNumber",    "bvModelNumber",
-          "bvSoftwareVersion",  "bdSWVersion",     "bdCasetteStatus",   "bdMaxLenght",
-          "bdMinLenght",        "bdThickness",     "bdStatus"}) {
+    for (FieldName name : std::initializer_list<FieldName>{
+             "ccEMVFull",          "ccModel",         "ccSerialNumber",    "ccTradeMark",
+             "ccVersionApp",       "ccCOM",           "ccPrinter",         "ccCompany",
+             "ccBranch",           "ccCountry",       "caFeatureLevel",    "caCountryCode",
+             "caScalingFactor",    "caDecimal",       "caManufacturer",    "caSerialNumber",
+             "caModelNumber",      "tubesAmount",     "bvFeatureLevel",    "bvCountryCode",
+             "bvScalingFactor",    "bvDecimalPlaces", "bvStackerCapacity", "bvSecurityLevels",
+             "bvEscrowCapability", "bvManufacturer",  "bvSerialNumber",    "bvModelNumber",
+             "bvSoftwareVersion",  "bdSWVersion",     "bdCasetteStatus",   "bdMaxLenght",
+             "bdMinLenght",        "bdThickness",     "bdStatus"}) {
         c.setText(name, std::string(kNotAvailable));
     }
     for (int n = 1; n <= kCoinTypes; ++n) {
