@@ -17,7 +17,6 @@
 #include <QVBoxLayout>
 #include <algorithm>
 #include <cmath>
-#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -32,24 +31,6 @@ namespace kestrix::console {
 namespace {
 
 using Items = std::vector<std::pair<QString, QString>>;  // shown text, value
-
-// The text boxes the operator types into; the others show what the engine read from a device
-// and are read-only, so a technician cannot mistake a typed value for a device's answer.
-bool operatorTyped(const std::string& name) {
-    static const std::set<std::string> typed = {
-        "due",   "bdQtyBills", "hToDispense", "ccUser",    "ccPassword",
-        "ccURL", "ccCompany",  "ccBranch",    "ccCountry",
-    };
-    if (typed.count(name) != 0) {
-        return true;
-    }
-    for (int n = 1; n <= 16; ++n) {
-        if (name == Console::btValue(n).str()) {
-            return true;
-        }
-    }
-    return false;
-}
 
 bool isValueColumn(const std::string& name) {
     for (const char* prefix : {"ct", "bt", "tubeCoin"}) {
@@ -71,10 +52,6 @@ QString q(const std::string& s) {
 std::string s(const QString& q) {
     return q.toStdString();
 }
-
-// The bill values a dispenser cassette is set up for, and the coin values of the hoppers.
-const std::vector<const char*> kDispenserBills = {"20", "50", "100", "200", "500", "1000"};
-const std::vector<const char*> kHopperCoins = {"0.5", "1", "2", "5", "10", "20"};
 
 const char* levelColour(StatusLine::Level level) {
     switch (level) {
@@ -149,7 +126,9 @@ QWidget* ConsoleWindow::make(FieldName id) {
                 w = text;
             } else {
                 auto* edit = new QLineEdit;
-                if (operatorTyped(name)) {
+                // The boxes the engine fills from a device are read-only, so that a technician
+                // cannot mistake a typed value for a device's answer.
+                if (f.editable) {
                     connect(edit, &QLineEdit::textEdited, this,
                             [this, name](const QString& t) { sendEdit(name, s(t), 0); });
                 } else {
@@ -644,13 +623,10 @@ void ConsoleWindow::applyCombo(QComboBox* box, const Field& f) {
             }
             items.emplace_back(QString("%1   %2").arg(n).arg(q(device)), QString::number(n));
         }
-    } else if (f.name == "bDispType") {
-        for (const char* v : kDispenserBills) {
-            items.emplace_back(v, v);
-        }
-    } else if (f.name == "h1CoinValue" || f.name == "h2CoinValue") {
-        for (const char* v : kHopperCoins) {
-            items.emplace_back(v, v);
+    } else if (!f.choices.empty()) {
+        for (std::string_view v : f.choices) {
+            const QString value = QString::fromUtf8(v.data(), static_cast<qsizetype>(v.size()));
+            items.emplace_back(value, value);
         }
     } else {
         for (const std::string& item : f.items) {
