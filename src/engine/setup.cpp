@@ -465,17 +465,18 @@ void Setup::Monitor_Timer() {
         }
     }
 
-    std::string caption;
+    bool running = false;
     std::string cancel;
-    step([&] { caption = m_console.text("enablePayment"); });
+    step([&] { running = m_console.running(); });
     step([&] { cancel = mailbox(store::mailbox::kCancel); });
-    if (!cancel.empty() && caption == "Stop Payment...") {
+    if (!cancel.empty() && running) {
         step([&] { st.cancelKeepsCredit = cancel == "2" ? 1 : 0; });
         step([this] { paymentClick("host"); });
     } else {
-        step([&] { caption = m_console.text("enablePaymentCC"); });
+        std::string cardCaption;
+        step([&] { cardCaption = m_console.text("enablePaymentCC"); });
         step([&] { cancel = mailbox(store::mailbox::kCancel); });
-        if (!cancel.empty() && caption == "Cancel Payment...") {
+        if (!cancel.empty() && cardCaption == caption::kCancelPayment) {
             step([this] { enablePaymentCC_Click(); });
         } else {
             step([this] { writeMailbox(store::mailbox::kCancel, ""); });

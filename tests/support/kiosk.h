@@ -122,7 +122,7 @@ public:
         }
         return texts;
     }
-    bool paymentRunning() { return console().text("enablePayment") == "Stop Payment..."; }
+    bool paymentRunning() { return console().running(); }
     double credit() { return leadingNumber(mailbox(store::mailbox::kCredit)); }
 
     // The host asks for `due`; true once the payment runs and has polled once.
