@@ -47,8 +47,6 @@ void ConsoleApp::attach(qt::EngineHost& engine) {
         [&engine](std::function<void(Setup&)> action) { engine.post(std::move(action)); });
     ConsoleWindow* window = m_window.get();
     m_messages.setParentWindow(window);
-    connect(&m_messages, &MessageBoxes::shown, window,
-            [window](const QString& text, const QString&) { window->noteMessage(text); });
 
     connect(
         &engine, &qt::EngineHost::fieldChanged, window,
@@ -64,6 +62,9 @@ void ConsoleApp::attach(qt::EngineHost& engine) {
     connect(
         &engine, &qt::EngineHost::indicatorFlashed, window,
         [window](Indicator which) { window->flashIndicator(which); }, Qt::QueuedConnection);
+    connect(
+        &engine, &qt::EngineHost::deviceEvent, window,
+        [window](DeviceEvent event) { window->noteDeviceEvent(event); }, Qt::QueuedConnection);
     connect(
         &engine, &qt::EngineHost::startedUp, this,
         [this, window](bool ok) {

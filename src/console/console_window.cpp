@@ -707,8 +707,8 @@ void ConsoleWindow::settleIndicators() {
     }
 }
 
-void ConsoleWindow::noteMessage(const QString& text) {
-    m_status.noteMessage(s(text));
+void ConsoleWindow::noteDeviceEvent(DeviceEvent event) {
+    m_status.noteEvent(event);
     updateStatusLines();
 }
 

@@ -61,8 +61,8 @@ public:
     void flashIndicator(kestrix::Indicator which);
     // Ends the link lamps' blinks, leaving their steady state (for screenshots).
     void settleIndicators();
-    // A message the engine showed the operator (device absent, port error).
-    void noteMessage(const QString& text);
+    // A device problem the engine reported (device absent, port error).
+    void noteDeviceEvent(kestrix::DeviceEvent event);
     // Reads the devices behind the port numbers through the engine, for the port lists' labels.
     void refreshPortDevices();
     void setPortDevices(std::map<int, std::string> devices);

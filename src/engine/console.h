@@ -26,12 +26,26 @@ struct Field {
 
 enum class Indicator { Tx, Rx };
 
+// The device problems the engine reports to the operator in a message box, told to views as
+// events too, so that a view's summary of the devices does not hang on a message's wording.
+enum class DeviceEvent {
+    ChangerNotAnswering,    // no answer to its RESET: its box is cleared
+    ValidatorNotAnswering,  // no answer to its RESET: its box is cleared
+    // A port could not be opened (or went) during equipment initialisation: the devices
+    // initialised after it are not.
+    PinPadPortError,
+    DispenserPortError,
+    HoppersPortError,
+    MdbPortError,
+};
+
 // The engine's console: one field per control of the operator console, owned and changed by the
 // engine thread only. A view subscribes to changes and renders them; it never writes fields.
 class Console {
 public:
     using ChangeListener = std::function<void(const Field&)>;
     using IndicatorListener = std::function<void(Indicator)>;
+    using DeviceEventListener = std::function<void(DeviceEvent)>;
 
     Console();
     Console(const Console&) = delete;
@@ -60,7 +74,16 @@ public:
     void BlinkTx();
     void BlinkRx();
 
+    void reportDevice(DeviceEvent event) {
+        if (m_onDeviceEvent) {
+            m_onDeviceEvent(event);
+        }
+    }
+
     void setChangeListener(ChangeListener listener) { m_onChange = std::move(listener); }
+    void setDeviceEventListener(DeviceEventListener listener) {
+        m_onDeviceEvent = std::move(listener);
+    }
     void setIndicatorListener(IndicatorListener listener) { m_onIndicator = std::move(listener); }
 
     // Names of the control families; std::out_of_range for a number outside the family.
@@ -82,6 +105,7 @@ private:
     std::vector<Field> m_fields;
     ChangeListener m_onChange;
     IndicatorListener m_onIndicator;
+    DeviceEventListener m_onDeviceEvent;
 };
 
 }  // namespace kestrix

@@ -114,9 +114,9 @@ void KioskView::noteField(const Field& field, const Hoppers* hoppers) {
     m_dirty = true;
 }
 
-void KioskView::noteMessage(const std::string& text) {
+void KioskView::noteEvent(DeviceEvent event) {
     std::lock_guard lock(m_mutex);
-    m_status.noteMessage(text);
+    m_status.noteEvent(event);
     m_dirty = true;
 }
 

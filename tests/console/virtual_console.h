@@ -74,6 +74,8 @@ public:
                                    shownText(window->control(QString::fromStdString(f.name))));
         });
         console.setIndicatorListener([this](Indicator which) { window->flashIndicator(which); });
+        console.setDeviceEventListener(
+            [this](DeviceEvent event) { window->noteDeviceEvent(event); });
         for (const Field& f : console.fields()) {
             window->renderField(f);
         }
@@ -85,6 +87,7 @@ public:
         m_guiTimer.reset();
         kiosk.engine().console().setChangeListener({});
         kiosk.engine().console().setIndicatorListener({});
+        kiosk.engine().console().setDeviceEventListener({});
     }
 
     bool start() {
@@ -151,17 +154,8 @@ private:
     // The GUI thread's share of the time: its events (the engine's acknowledgements, the
     // operator's input) run every slice of virtual time, whatever the engine is doing.
     void guiTurn() {
-        forwardMessages();
         QCoreApplication::processEvents();
     }
-    // The engine's messages reach the window as the console's message boxes would hand them.
-    void forwardMessages() {
-        const auto& shownMessages = kiosk.messageBox().shown();
-        for (; m_messagesSeen < shownMessages.size(); ++m_messagesSeen) {
-            window->noteMessage(QString::fromStdString(shownMessages[m_messagesSeen].text));
-        }
-    }
-    std::size_t m_messagesSeen = 0;
     std::unique_ptr<Timer> m_guiTimer;
 };
 
