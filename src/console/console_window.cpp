@@ -22,8 +22,8 @@
 
 #include "console/gui_relay.h"
 #include "console/indicator_lamp.h"
+#include "engine/console_commands.h"
 #include "engine/settings/layout.h"
-#include "engine/setup.h"
 #include "platform_qt/qt_serial_port.h"
 
 namespace kestrix::console {
@@ -723,11 +723,11 @@ void ConsoleWindow::setPortDevices(std::map<int, std::string> devices) {
 
 void ConsoleWindow::refreshPortDevices() {
     const int last = kLastListedPort;
-    m_post([relay = m_relay, this, last](Setup& setup) {
+    m_post([relay = m_relay, this, last](ConsoleCommands& engine) {
         std::map<int, std::string> devices;
         try {
             for (int n = 0; n <= last; ++n) {
-                std::string path = setup.getSetting(store::section::kPorts, std::to_string(n), "");
+                std::string path = engine.setting(store::section::kPorts, std::to_string(n));
                 if (!path.empty()) {
                     devices.emplace(n, std::move(path));
                 }
@@ -765,16 +765,16 @@ void ConsoleWindow::closeEvent(QCloseEvent* event) {
     // Closing the console is the engine's Exit; the window goes when the engine has ended
     // (which may take a while: Exit waits for the bill validator to answer its reset).
     event->ignore();
-    m_post([](Setup& setup) { setup.Form_Unload(); });
+    m_post([](ConsoleCommands& engine) { engine.close(); });
 }
 
 // --- Operator input ----------------------------------------------------------------------------
 
 void ConsoleWindow::sendEdit(const std::string& name, const std::string& text, int value) {
     ++m_pendingEdits[name];
-    m_post([relay = m_relay, this, name, text, value](Setup& setup) {
+    m_post([relay = m_relay, this, name, text, value](ConsoleCommands& engine) {
         try {
-            setup.operatorEdit(name, text, value);
+            engine.edit(name, text, value);
         } catch (const std::exception&) {
             // The edit's handler reports its own failures on the console.
         }
@@ -783,9 +783,9 @@ void ConsoleWindow::sendEdit(const std::string& name, const std::string& text, i
 }
 
 void ConsoleWindow::sendClick(const std::string& name) {
-    m_post([name](Setup& setup) {
+    m_post([name](ConsoleCommands& engine) {
         try {
-            setup.operatorClick(name);
+            engine.click(name);
         } catch (const std::exception&) {
         }
     });

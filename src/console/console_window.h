@@ -21,7 +21,7 @@ class QProgressBar;
 class QTabWidget;
 
 namespace kestrix {
-class Setup;
+class ConsoleCommands;
 }
 
 namespace kestrix::console {
@@ -30,7 +30,7 @@ class GuiRelay;
 class IndicatorLamp;
 
 // Queues an action on the engine thread, after what is already queued there.
-using EnginePost = std::function<void(std::function<void(Setup&)>)>;
+using EnginePost = std::function<void(std::function<void(ConsoleCommands&)>)>;
 
 // The operator console: the form "Setup" with its six device tabs, the payment displays and the
 // link indicators. It is a view of the engine's Console and owns no engine state:
@@ -38,7 +38,7 @@ using EnginePost = std::function<void(std::function<void(Setup&)>)>;
 // - renderField() shows a field as the engine changed it (signals blocked, so a programmatic
 //   update never comes back as an operator edit);
 // - what the operator types, ticks, picks or presses is posted to the engine thread as
-//   Setup::operatorEdit / Setup::operatorClick, in the order it happened;
+//   ConsoleCommands::edit / ConsoleCommands::click, in the order it happened;
 // - while an edit of a control is on its way, the engine's echoes of that control are held back
 //   and the control is brought up to date once the engine has taken the edit, so typing is never
 //   overwritten by an echo of an earlier keystroke.

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "console/console_window.h"
+#include "engine/console_commands.h"
 #include "engine/setup.h"
 #include "sim/world/virtual_kiosk.h"
 
@@ -64,9 +65,13 @@ public:
         if (allDevices) {
             kiosk.configureAllDevices();
         }
-        window = std::make_unique<ConsoleWindow>([this](std::function<void(Setup&)> action) {
-            kiosk.scheduler().post([this, action = std::move(action)] { action(kiosk.engine()); });
-        });
+        window =
+            std::make_unique<ConsoleWindow>([this](std::function<void(ConsoleCommands&)> action) {
+                kiosk.scheduler().post([this, action = std::move(action)] {
+                    SetupCommands commands(kiosk.engine());
+                    action(commands);
+                });
+            });
         Console& console = kiosk.engine().console();
         console.setChangeListener([this](const Field& f) {
             window->renderField(f);
@@ -153,9 +158,7 @@ public:
 private:
     // The GUI thread's share of the time: its events (the engine's acknowledgements, the
     // operator's input) run every slice of virtual time, whatever the engine is doing.
-    void guiTurn() {
-        QCoreApplication::processEvents();
-    }
+    void guiTurn() { QCoreApplication::processEvents(); }
     std::unique_ptr<Timer> m_guiTimer;
 };
 
