@@ -5,6 +5,7 @@
 
 #include "console/gui_relay.h"
 #include "console/simulator_panel.h"
+#include "engine/console_commands.h"
 #include "engine/settings/layout.h"
 #include "engine/setup.h"
 #include "platform_qt/engine_host.h"
@@ -43,12 +44,16 @@ std::shared_ptr<kestrix::MessageBox> ConsoleApp::messageBox() {
 }
 
 void ConsoleApp::attach(qt::EngineHost& engine) {
-    m_window = std::make_unique<ConsoleWindow>(
-        [&engine](std::function<void(Setup&)> action) { engine.post(std::move(action)); });
+    // The view and the simulator panel reach the engine through its console commands only.
+    const auto post = [&engine](std::function<void(ConsoleCommands&)> action) {
+        engine.post([action = std::move(action)](Setup& setup) {
+            SetupCommands commands(setup);
+            action(commands);
+        });
+    };
+    m_window = std::make_unique<ConsoleWindow>(post);
     ConsoleWindow* window = m_window.get();
     m_messages.setParentWindow(window);
-    connect(&m_messages, &MessageBoxes::shown, window,
-            [window](const QString& text, const QString&) { window->noteMessage(text); });
 
     connect(
         &engine, &qt::EngineHost::fieldChanged, window,
@@ -64,6 +69,9 @@ void ConsoleApp::attach(qt::EngineHost& engine) {
     connect(
         &engine, &qt::EngineHost::indicatorFlashed, window,
         [window](Indicator which) { window->flashIndicator(which); }, Qt::QueuedConnection);
+    connect(
+        &engine, &qt::EngineHost::deviceEvent, window,
+        [window](DeviceEvent event) { window->noteDeviceEvent(event); }, Qt::QueuedConnection);
     connect(
         &engine, &qt::EngineHost::startedUp, this,
         [this, window](bool ok) {
@@ -100,21 +108,21 @@ void ConsoleApp::attach(qt::EngineHost& engine) {
         link.profile = sim::defaultProfile();
         // The simulated pin pad reads its steering from the store, which is the engine's.
         auto relay = m_relay;
-        link.readPinPad = [&engine, relay](const std::string& key,
-                                           std::function<void(std::string)> done) {
-            engine.post([relay, key, done = std::move(done)](Setup& setup) {
+        link.readPinPad = [post, relay](const std::string& key,
+                                        std::function<void(std::string)> done) {
+            post([relay, key, done = std::move(done)](ConsoleCommands& engine) {
                 std::string value;
                 try {
-                    value = setup.getSetting(store::section::kPinPadSimulator, key, "");
+                    value = engine.setting(store::section::kPinPadSimulator, key);
                 } catch (const std::exception&) {
                 }
                 relay->deliver([done, value] { done(value); });
             });
         };
-        link.writePinPad = [&engine](const std::string& key, const std::string& value) {
-            engine.post([key, value](Setup& setup) {
+        link.writePinPad = [post](const std::string& key, const std::string& value) {
+            post([key, value](ConsoleCommands& engine) {
                 try {
-                    setup.saveSetting(store::section::kPinPadSimulator, key, value);
+                    engine.saveSetting(store::section::kPinPadSimulator, key, value);
                 } catch (const std::exception&) {
                 }
             });

@@ -17,14 +17,13 @@
 #include <QVBoxLayout>
 #include <algorithm>
 #include <cmath>
-#include <set>
 #include <stdexcept>
 #include <utility>
 
 #include "console/gui_relay.h"
 #include "console/indicator_lamp.h"
+#include "engine/console_commands.h"
 #include "engine/settings/layout.h"
-#include "engine/setup.h"
 #include "platform_qt/qt_serial_port.h"
 
 namespace kestrix::console {
@@ -32,24 +31,6 @@ namespace kestrix::console {
 namespace {
 
 using Items = std::vector<std::pair<QString, QString>>;  // shown text, value
-
-// The text boxes the operator types into; the others show what the engine read from a device
-// and are read-only, so a technician cannot mistake a typed value for a device's answer.
-bool operatorTyped(const std::string& name) {
-    static const std::set<std::string> typed = {
-        "due",   "bdQtyBills", "hToDispense", "ccUser",    "ccPassword",
-        "ccURL", "ccCompany",  "ccBranch",    "ccCountry",
-    };
-    if (typed.count(name) != 0) {
-        return true;
-    }
-    for (int n = 1; n <= 16; ++n) {
-        if (name == Console::btValue(n)) {
-            return true;
-        }
-    }
-    return false;
-}
 
 bool isValueColumn(const std::string& name) {
     for (const char* prefix : {"ct", "bt", "tubeCoin"}) {
@@ -71,10 +52,6 @@ QString q(const std::string& s) {
 std::string s(const QString& q) {
     return q.toStdString();
 }
-
-// The bill values a dispenser cassette is set up for, and the coin values of the hoppers.
-const std::vector<const char*> kDispenserBills = {"20", "50", "100", "200", "500", "1000"};
-const std::vector<const char*> kHopperCoins = {"0.5", "1", "2", "5", "10", "20"};
 
 const char* levelColour(StatusLine::Level level) {
     switch (level) {
@@ -133,8 +110,9 @@ ConsoleWindow::~ConsoleWindow() {
 
 // --- Construction -------------------------------------------------------------------------------
 
-QWidget* ConsoleWindow::make(const std::string& name) {
-    const Field& f = m_prototype.field(name);
+QWidget* ConsoleWindow::make(FieldName id) {
+    const Field& f = m_prototype.field(id);
+    const std::string name(id.str());
     QWidget* w = nullptr;
     switch (f.kind) {
         case FieldKind::TextBox:
@@ -148,7 +126,9 @@ QWidget* ConsoleWindow::make(const std::string& name) {
                 w = text;
             } else {
                 auto* edit = new QLineEdit;
-                if (operatorTyped(name)) {
+                // The boxes the engine fills from a device are read-only, so that a technician
+                // cannot mistake a typed value for a device's answer.
+                if (f.editable) {
                     connect(edit, &QLineEdit::textEdited, this,
                             [this, name](const QString& t) { sendEdit(name, s(t), 0); });
                 } else {
@@ -207,9 +187,10 @@ QWidget* ConsoleWindow::make(const std::string& name) {
     return w;
 }
 
-QWidget* ConsoleWindow::addRow(QGridLayout* grid, int row, const std::string& name, int column) {
-    QWidget* w = make(name);
-    const Field& f = m_prototype.field(name);
+QWidget* ConsoleWindow::addRow(QGridLayout* grid, int row, FieldName id, int column) {
+    QWidget* w = make(id);
+    const Field& f = m_prototype.field(id);
+    const std::string name(id.str());
     const bool labelled = f.kind != FieldKind::CheckBox && f.kind != FieldKind::Button;
     if (labelled && !f.label.empty()) {
         auto* label = new QLabel(q(f.label));
@@ -235,10 +216,10 @@ QLabel* ConsoleWindow::statusLine(const QString& objectName) {
 QWidget* ConsoleWindow::buildGeneralTab() {
     auto* page = new QWidget;
     auto* layout = new QVBoxLayout(page);
-    const std::array<std::pair<QString, std::string>, 3> links = {{
-        {"MDB Interface Configuration", "comPorts"},
-        {"Bill Dispenser Configuration", "comPorts1"},
-        {"Hoppers Interface Configuration", "comPorts2"},
+    const std::array<std::pair<QString, FieldName>, 3> links = {{
+        {"MDB Interface Configuration", FieldName("comPorts")},
+        {"Bill Dispenser Configuration", FieldName("comPorts1")},
+        {"Hoppers Interface Configuration", FieldName("comPorts2")},
     }};
     const std::array<QString, 3> lineNames = {"mdbLinkStatus", "dispenserLinkStatus",
                                               "hoppersLinkStatus"};
@@ -262,8 +243,9 @@ QWidget* ConsoleWindow::buildCoinAcceptorTab() {
     auto* settings = new QGridLayout;
     addRow(settings, 0, "CoinAcceptorEnabled");
     int row = 1;
-    for (const char* name : {"caFeatureLevel", "caCountryCode", "caScalingFactor", "caDecimal",
-                             "caManufacturer", "caSerialNumber", "caModelNumber"}) {
+    for (FieldName name : std::initializer_list<FieldName>{
+             "caFeatureLevel", "caCountryCode", "caScalingFactor", "caDecimal", "caManufacturer",
+             "caSerialNumber", "caModelNumber"}) {
         addRow(settings, row++, name);
     }
     settings->setRowStretch(row, 1);
@@ -317,10 +299,10 @@ QWidget* ConsoleWindow::buildBillValidatorTab() {
     auto* settings = new QGridLayout;
     addRow(settings, 0, "billValidatorEnabled");
     int row = 1;
-    for (const char* name :
-         {"bvFeatureLevel", "bvCountryCode", "bvScalingFactor", "bvDecimalPlaces",
-          "bvStackerCapacity", "bvSecurityLevels", "bvEscrowCapability", "bvManufacturer",
-          "bvSerialNumber", "bvModelNumber", "bvSoftwareVersion"}) {
+    for (FieldName name : std::initializer_list<FieldName>{
+             "bvFeatureLevel", "bvCountryCode", "bvScalingFactor", "bvDecimalPlaces",
+             "bvStackerCapacity", "bvSecurityLevels", "bvEscrowCapability", "bvManufacturer",
+             "bvSerialNumber", "bvModelNumber", "bvSoftwareVersion"}) {
         addRow(settings, row++, name);
     }
     settings->setRowStretch(row, 1);
@@ -350,8 +332,9 @@ QWidget* ConsoleWindow::buildBillDispenserTab() {
     auto* settings = new QGridLayout;
     addRow(settings, 0, "billDispenserEnabled");
     int row = 1;
-    for (const char* name : {"bDispType", "bdSWVersion", "bdCasetteStatus", "bdMaxLenght",
-                             "bdMinLenght", "bdThickness", "bdStatus"}) {
+    for (FieldName name : std::initializer_list<FieldName>{
+             "bDispType", "bdSWVersion", "bdCasetteStatus", "bdMaxLenght", "bdMinLenght",
+             "bdThickness", "bdStatus"}) {
         addRow(settings, row++, name);
     }
     settings->setRowStretch(row, 1);
@@ -376,9 +359,10 @@ QWidget* ConsoleWindow::buildHoppersTab() {
     auto* page = new QWidget;
     auto* grid = new QGridLayout(page);
 
+    const std::array<FieldName, 2> coinValues = {"h1CoinValue", "h2CoinValue"};
     for (int n = 1; n <= 2; ++n) {
         auto* hopper = new QGridLayout;
-        addRow(hopper, 0, "h" + std::to_string(n) + "CoinValue");
+        addRow(hopper, 0, coinValues[static_cast<std::size_t>(n - 1)]);
         hopper->setColumnStretch(2, 1);
         grid->addWidget(frame(QString("Hopper No. %1").arg(n), hopper), 0, n - 1);
     }
@@ -405,8 +389,9 @@ QWidget* ConsoleWindow::buildCreditCardTab() {
     auto* settings = new QGridLayout;
     addRow(settings, 0, "pinPadEnabled");
     int row = 1;
-    for (const char* name : {"ccEMVFull", "ccModel", "ccSerialNumber", "ccTradeMark",
-                             "ccVersionApp", "ccCOM", "ccPrinter"}) {
+    for (FieldName name :
+         std::initializer_list<FieldName>{"ccEMVFull", "ccModel", "ccSerialNumber", "ccTradeMark",
+                                          "ccVersionApp", "ccCOM", "ccPrinter"}) {
         addRow(settings, row++, name);
     }
     settings->setRowStretch(row, 1);
@@ -414,8 +399,8 @@ QWidget* ConsoleWindow::buildCreditCardTab() {
 
     auto* business = new QGridLayout;
     row = 0;
-    for (const char* name :
-         {"ccUser", "ccPassword", "ccURL", "ccOnLine", "ccCompany", "ccBranch", "ccCountry"}) {
+    for (FieldName name : std::initializer_list<FieldName>{
+             "ccUser", "ccPassword", "ccURL", "ccOnLine", "ccCompany", "ccBranch", "ccCountry"}) {
         addRow(business, row++, name);
     }
     business->setRowStretch(row, 1);
@@ -638,13 +623,10 @@ void ConsoleWindow::applyCombo(QComboBox* box, const Field& f) {
             }
             items.emplace_back(QString("%1   %2").arg(n).arg(q(device)), QString::number(n));
         }
-    } else if (f.name == "bDispType") {
-        for (const char* v : kDispenserBills) {
-            items.emplace_back(v, v);
-        }
-    } else if (f.name == "h1CoinValue" || f.name == "h2CoinValue") {
-        for (const char* v : kHopperCoins) {
-            items.emplace_back(v, v);
+    } else if (!f.choices.empty()) {
+        for (std::string_view v : f.choices) {
+            const QString value = QString::fromUtf8(v.data(), static_cast<qsizetype>(v.size()));
+            items.emplace_back(value, value);
         }
     } else {
         for (const std::string& item : f.items) {
@@ -704,7 +686,7 @@ void ConsoleWindow::updateTubeBar(int slot) {
         return;
     }
     QProgressBar* bar = m_tubeBars[static_cast<std::size_t>(slot - 1)];
-    const Field* qty = field(Console::tubeCoinQty(slot));
+    const Field* qty = field(std::string(Console::tubeCoinQty(slot).str()));
     bool ok = false;
     const double coins = qty != nullptr ? q(qty->text).toDouble(&ok) : 0;
     const int shown =
@@ -725,8 +707,8 @@ void ConsoleWindow::settleIndicators() {
     }
 }
 
-void ConsoleWindow::noteMessage(const QString& text) {
-    m_status.noteMessage(s(text));
+void ConsoleWindow::noteDeviceEvent(DeviceEvent event) {
+    m_status.noteEvent(event);
     updateStatusLines();
 }
 
@@ -741,11 +723,11 @@ void ConsoleWindow::setPortDevices(std::map<int, std::string> devices) {
 
 void ConsoleWindow::refreshPortDevices() {
     const int last = kLastListedPort;
-    m_post([relay = m_relay, this, last](Setup& setup) {
+    m_post([relay = m_relay, this, last](ConsoleCommands& engine) {
         std::map<int, std::string> devices;
         try {
             for (int n = 0; n <= last; ++n) {
-                std::string path = setup.getSetting(store::section::kPorts, std::to_string(n), "");
+                std::string path = engine.setting(store::section::kPorts, std::to_string(n));
                 if (!path.empty()) {
                     devices.emplace(n, std::move(path));
                 }
@@ -783,16 +765,16 @@ void ConsoleWindow::closeEvent(QCloseEvent* event) {
     // Closing the console is the engine's Exit; the window goes when the engine has ended
     // (which may take a while: Exit waits for the bill validator to answer its reset).
     event->ignore();
-    m_post([](Setup& setup) { setup.Form_Unload(); });
+    m_post([](ConsoleCommands& engine) { engine.close(); });
 }
 
 // --- Operator input ----------------------------------------------------------------------------
 
 void ConsoleWindow::sendEdit(const std::string& name, const std::string& text, int value) {
     ++m_pendingEdits[name];
-    m_post([relay = m_relay, this, name, text, value](Setup& setup) {
+    m_post([relay = m_relay, this, name, text, value](ConsoleCommands& engine) {
         try {
-            setup.operatorEdit(name, text, value);
+            engine.edit(name, text, value);
         } catch (const std::exception&) {
             // The edit's handler reports its own failures on the console.
         }
@@ -801,9 +783,9 @@ void ConsoleWindow::sendEdit(const std::string& name, const std::string& text, i
 }
 
 void ConsoleWindow::sendClick(const std::string& name) {
-    m_post([name](Setup& setup) {
+    m_post([name](ConsoleCommands& engine) {
         try {
-            setup.operatorClick(name);
+            engine.click(name);
         } catch (const std::exception&) {
         }
     });

@@ -21,7 +21,7 @@ class QProgressBar;
 class QTabWidget;
 
 namespace kestrix {
-class Setup;
+class ConsoleCommands;
 }
 
 namespace kestrix::console {
@@ -30,7 +30,7 @@ class GuiRelay;
 class IndicatorLamp;
 
 // Queues an action on the engine thread, after what is already queued there.
-using EnginePost = std::function<void(std::function<void(Setup&)>)>;
+using EnginePost = std::function<void(std::function<void(ConsoleCommands&)>)>;
 
 // The operator console: the form "Setup" with its six device tabs, the payment displays and the
 // link indicators. It is a view of the engine's Console and owns no engine state:
@@ -38,7 +38,7 @@ using EnginePost = std::function<void(std::function<void(Setup&)>)>;
 // - renderField() shows a field as the engine changed it (signals blocked, so a programmatic
 //   update never comes back as an operator edit);
 // - what the operator types, ticks, picks or presses is posted to the engine thread as
-//   Setup::operatorEdit / Setup::operatorClick, in the order it happened;
+//   ConsoleCommands::edit / ConsoleCommands::click, in the order it happened;
 // - while an edit of a control is on its way, the engine's echoes of that control are held back
 //   and the control is brought up to date once the engine has taken the edit, so typing is never
 //   overwritten by an echo of an earlier keystroke.
@@ -61,8 +61,8 @@ public:
     void flashIndicator(kestrix::Indicator which);
     // Ends the link lamps' blinks, leaving their steady state (for screenshots).
     void settleIndicators();
-    // A message the engine showed the operator (device absent, port error).
-    void noteMessage(const QString& text);
+    // A device problem the engine reported (device absent, port error).
+    void noteDeviceEvent(kestrix::DeviceEvent event);
     // Reads the devices behind the port numbers through the engine, for the port lists' labels.
     void refreshPortDevices();
     void setPortDevices(std::map<int, std::string> devices);
@@ -93,9 +93,9 @@ private:
     QWidget* buildHoppersTab();
     QWidget* buildCreditCardTab();
     QWidget* buildPaymentPanel();
-    QWidget* make(const std::string& name);
+    QWidget* make(kestrix::FieldName name);
     // The control's label (if it has one) in `column`, the control in the next one.
-    QWidget* addRow(QGridLayout* grid, int row, const std::string& name, int column = 0);
+    QWidget* addRow(QGridLayout* grid, int row, kestrix::FieldName name, int column = 0);
     QLabel* statusLine(const QString& objectName);
     QWidget* lampPair(const std::string& lit, const std::string& dark, const QString& caption);
 

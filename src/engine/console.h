@@ -1,24 +1,14 @@
 #pragma once
 
-#include <deque>
 #include <functional>
+#include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
-namespace kestrix {
+#include "console_fields.h"
 
-enum class FieldKind {
-    TextBox,   // text the operator edits (or the engine fills)
-    Label,     // text only the engine sets
-    CheckBox,  // value 0 / 1
-    ComboBox,  // text with a list of items
-    Button,    // caption in `text`
-    Image,     // indicator; `visible` is its state
-    Tabs,      // the device tabs; `enabled` enables all six
-    Form,      // the console window itself; `visible` shows it
-};
+namespace kestrix {
 
 // One console control as engine state.
 struct Field {
@@ -29,10 +19,25 @@ struct Field {
     int value = 0;      // check box state
     bool enabled = true;
     bool visible = true;
-    std::vector<std::string> items;  // combo box entries
+    bool editable = false;                      // the operator types, ticks or picks it
+    std::span<const std::string_view> choices;  // a fixed list's values (bills, coins)
+    std::vector<std::string> items;             // a list's entries as the engine fills them
 };
 
 enum class Indicator { Tx, Rx };
+
+// The device problems the engine reports to the operator in a message box, told to views as
+// events too, so that a view's summary of the devices does not hang on a message's wording.
+enum class DeviceEvent {
+    ChangerNotAnswering,    // no answer to its RESET: its box is cleared
+    ValidatorNotAnswering,  // no answer to its RESET: its box is cleared
+    // A port could not be opened (or went) during equipment initialisation: the devices
+    // initialised after it are not.
+    PinPadPortError,
+    DispenserPortError,
+    HoppersPortError,
+    MdbPortError,
+};
 
 // The engine's console: one field per control of the operator console, owned and changed by the
 // engine thread only. A view subscribes to changes and renders them; it never writes fields.
@@ -40,56 +45,67 @@ class Console {
 public:
     using ChangeListener = std::function<void(const Field&)>;
     using IndicatorListener = std::function<void(Indicator)>;
+    using DeviceEventListener = std::function<void(DeviceEvent)>;
 
     Console();
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
 
-    // Throws std::out_of_range for a name that is not a control.
-    const Field& field(std::string_view name) const;
-    const Field* find(std::string_view name) const;
-    const std::deque<Field>& fields() const { return m_fields; }
+    const Field& field(FieldName name) const { return m_fields[name.index()]; }
+    // In the order of the form, indexed by FieldName::index().
+    const std::vector<Field>& fields() const { return m_fields; }
 
-    const std::string& text(std::string_view name) const { return field(name).text; }
-    int value(std::string_view name) const { return field(name).value; }
-    bool checked(std::string_view name) const { return field(name).value == 1; }
-    bool enabled(std::string_view name) const { return field(name).enabled; }
+    const std::string& text(FieldName name) const { return field(name).text; }
+    int value(FieldName name) const { return field(name).value; }
+    bool checked(FieldName name) const { return field(name).value == 1; }
+    bool enabled(FieldName name) const { return field(name).enabled; }
 
-    void setText(std::string_view name, std::string text);
-    void setValue(std::string_view name, int value);
-    void setChecked(std::string_view name, bool checked) { setValue(name, checked ? 1 : 0); }
-    void setEnabled(std::string_view name, bool enabled);
-    void setVisible(std::string_view name, bool visible);
-    void setItems(std::string_view name, std::vector<std::string> items);
+    void setText(FieldName name, std::string text);
+    void setValue(FieldName name, int value);
+    void setChecked(FieldName name, bool checked) { setValue(name, checked ? 1 : 0); }
+    void setEnabled(FieldName name, bool enabled);
+    void setVisible(FieldName name, bool visible);
+    void setItems(FieldName name, std::vector<std::string> items);
+
+    // A cash payment runs: its button offers to stop it.
+    bool running() const { return text("enablePayment") == caption::kStopPayment; }
 
     // The link indicators (gLEDtx, gLEDrx): each call is one flash for a view to show.
     void BlinkTx();
     void BlinkRx();
 
+    void reportDevice(DeviceEvent event) {
+        if (m_onDeviceEvent) {
+            m_onDeviceEvent(event);
+        }
+    }
+
     void setChangeListener(ChangeListener listener) { m_onChange = std::move(listener); }
+    void setDeviceEventListener(DeviceEventListener listener) {
+        m_onDeviceEvent = std::move(listener);
+    }
     void setIndicatorListener(IndicatorListener listener) { m_onIndicator = std::move(listener); }
 
-    // Names of the control families.
-    static std::string ctEnabled(int n);     // ct1_Enabled .. ct16_Enabled
-    static std::string ctValue(int n);       // ct1_value .. ct16_value
-    static std::string btEnabled(int n);     // bt1_Enabled .. bt16_Enabled
-    static std::string btValue(int n);       // bt1_Value .. bt8_Value, bt9_value .. bt16_value
-    static std::string tubeCoinType(int n);  // tubeCoinType1 .. tubeCoinType5
-    static std::string tubeCoinQty(int n);   // tubeCoinQty1 .. tubeCoinQty5
+    // Names of the control families; std::out_of_range for a number outside the family.
+    static FieldName ctEnabled(int n);     // ct1_Enabled .. ct16_Enabled
+    static FieldName ctValue(int n);       // ct1_value .. ct16_value
+    static FieldName btEnabled(int n);     // bt1_Enabled .. bt16_Enabled
+    static FieldName btValue(int n);       // bt1_Value .. bt8_Value, bt9_value .. bt16_value
+    static FieldName tubeCoinType(int n);  // tubeCoinType1 .. tubeCoinType5
+    static FieldName tubeCoinQty(int n);   // tubeCoinQty1 .. tubeCoinQty5
 
 private:
-    Field& mut(std::string_view name);
-    void add(std::string name, FieldKind kind, std::string label = {}, std::string text = {});
+    Field& mut(FieldName name) { return m_fields[name.index()]; }
     void changed(const Field& f) {
         if (m_onChange) {
             m_onChange(f);
         }
     }
 
-    std::deque<Field> m_fields;  // stable addresses
-    std::unordered_map<std::string, Field*> m_byName;
+    std::vector<Field> m_fields;
     ChangeListener m_onChange;
     IndicatorListener m_onIndicator;
+    DeviceEventListener m_onDeviceEvent;
 };
 
 }  // namespace kestrix

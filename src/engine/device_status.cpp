@@ -1,6 +1,7 @@
 #include "device_status.h"
 
 #include <cstddef>
+#include <optional>
 #include <vector>
 
 namespace kestrix::console {
@@ -8,25 +9,41 @@ namespace kestrix::console {
 namespace {
 
 constexpr std::string_view kNotAvailable = "N/A";
-constexpr std::string_view kPortErrorSuffix = "- Port Error. Please select another port.";
 
 struct DeviceInfo {
     std::string_view enable;    // its check box
     std::string_view ready;     // a field that holds a real value once it is initialised
     std::string_view portName;  // as the engine names it in a port error
     int link;                   // index into kLinks, -1 for none
-    std::string_view absentMessage;
+    std::optional<DeviceEvent> absent;
 };
 
 constexpr std::array<DeviceInfo, kDevices.size()> kInfo = {{
-    {"CoinAcceptorEnabled", "caFeatureLevel", "MDB Interface", 0,
-     "Check Coin Acceptor Connection!"},
+    {"CoinAcceptorEnabled", "caFeatureLevel", "MDB Interface", 0, DeviceEvent::ChangerNotAnswering},
     {"billValidatorEnabled", "bvFeatureLevel", "MDB Interface", 0,
-     "Check Bill Validator Connection!"},
-    {"billDispenserEnabled", "bdStatus", "Bill Dispenser", 1, ""},
-    {"hoppersEnabled", "", "Hoppers Interface", 2, ""},
-    {"pinPadEnabled", "ccOnLine", "Pin Pad", -1, ""},
+     DeviceEvent::ValidatorNotAnswering},
+    {"billDispenserEnabled", "bdStatus", "Bill Dispenser", 1, std::nullopt},
+    {"hoppersEnabled", "", "Hoppers Interface", 2, std::nullopt},
+    {"pinPadEnabled", "ccOnLine", "Pin Pad", -1, std::nullopt},
 }};
+
+// The port a port error names, as the engine names it.
+std::string_view portNameOf(DeviceEvent event) {
+    switch (event) {
+        case DeviceEvent::PinPadPortError:
+            return "Pin Pad";
+        case DeviceEvent::DispenserPortError:
+            return "Bill Dispenser";
+        case DeviceEvent::HoppersPortError:
+            return "Hoppers Interface";
+        case DeviceEvent::MdbPortError:
+            return "MDB Interface";
+        case DeviceEvent::ChangerNotAnswering:
+        case DeviceEvent::ValidatorNotAnswering:
+            break;
+    }
+    return {};
+}
 
 struct LinkInfo {
     std::string_view port;
@@ -154,18 +171,16 @@ void DeviceStatus::clearProblemsOf(std::string_view fieldName, const Field& fiel
     }
 }
 
-void DeviceStatus::noteMessage(const std::string& message) {
+void DeviceStatus::noteEvent(DeviceEvent event) {
     for (std::size_t d = 0; d < kDevices.size(); ++d) {
-        if (!kInfo[d].absentMessage.empty() && message == kInfo[d].absentMessage) {
+        if (kInfo[d].absent == event) {
             m_problem[d] = Problem::Absent;
         }
     }
-    if (message.size() <= kPortErrorSuffix.size() ||
-        message.compare(message.size() - kPortErrorSuffix.size(), kPortErrorSuffix.size(),
-                        kPortErrorSuffix) != 0) {
+    const std::string_view portName = portNameOf(event);
+    if (portName.empty()) {
         return;
     }
-    const std::string portName = message.substr(0, message.size() - kPortErrorSuffix.size());
     for (std::size_t l = 0; l < kLinks.size(); ++l) {
         if (kLinkInfo[l].portName == portName) {
             m_portError[l] = true;

@@ -27,15 +27,15 @@ struct StatusLine {
 
 // What the console can tell the technician about each device, worked out from what the engine
 // shows anyway: its enable box, the identification it fills after a successful initialisation
-// ("N/A" until then), and the messages it gives when a device does not answer or a port cannot be
-// opened. The engine's routines keep no such summary themselves; the operator console and the
-// fleet publisher each keep one, fed from the console's field changes.
+// ("N/A" until then), and the device events it reports when a device does not answer or a port
+// cannot be opened. The engine's routines keep no such summary themselves; the operator console and
+// the fleet publisher each keep one, fed from the console's field changes.
 class DeviceStatus {
 public:
     // Every field change (cheap for fields it does not read).
     void noteField(const Field& field);
-    // Every message the engine shows the operator.
-    void noteMessage(const std::string& text);
+    // Every device event the engine reports.
+    void noteEvent(DeviceEvent event);
 
     StatusLine device(Device d) const;
     StatusLine link(Link l) const;

@@ -2,6 +2,7 @@
 // pad, bill dispenser, hoppers link, MDB link, coin changer, bill validator), and publishes what
 // the devices report on the console, in the device settings and in the host mailbox.
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -43,6 +44,22 @@ using mdb::kTubeSlots;
 constexpr std::string_view kNotAvailable = "N/A";
 
 // The device a link's port error is about, as the journal and the log name devices.
+std::optional<DeviceEvent> portError(std::string_view portName) {
+    if (portName == kPinPadPort) {
+        return DeviceEvent::PinPadPortError;
+    }
+    if (portName == kDispenserPort) {
+        return DeviceEvent::DispenserPortError;
+    }
+    if (portName == kHoppersPort) {
+        return DeviceEvent::HoppersPortError;
+    }
+    if (portName == kMdbPort) {
+        return DeviceEvent::MdbPortError;
+    }
+    return std::nullopt;
+}
+
 std::string linkDevice(std::string_view portName) {
     if (portName == kPinPadPort) {
         return "pinpad";
@@ -59,16 +76,16 @@ std::string linkDevice(std::string_view portName) {
 // Every identification and state field of the pin pad, the changer, the validator and the
 // dispenser. The bill type values are the operator's and are left alone.
 void clearDisplays(Console& c) {
-    for (std::string_view name :
-         {"ccEMVFull",          "ccModel",         "ccSerialNumber",    "ccTradeMark",
-          "ccVersionApp",       "ccCOM",           "ccPrinter",         "ccCompany",
-          "ccBranch",           "ccCountry",       "caFeatureLevel",    "caCountryCode",
-          "caScalingFactor",    "caDecimal",       "caManufacturer",    "caSerialNumber",
-          "caModelNumber",      "tubesAmount",     "bvFeatureLevel",    "bvCountryCode",
-          "bvScalingFactor",    "bvDecimalPlaces", "bvStackerCapacity", "bvSecurityLevels",
-          "bvEscrowCapability", "bvManufacturer",  "bvSerialNumber",    "bvModelNumber",
-          "bvSoftwareVersion",  "bdSWVersion",     "bdCasetteStatus",   "bdMaxLenght",
-          "bdMinLenght",        "bdThickness",     "bdStatus"}) {
+    for (FieldName name : std::initializer_list<FieldName>{
+             "ccEMVFull",          "ccModel",         "ccSerialNumber",    "ccTradeMark",
+             "ccVersionApp",       "ccCOM",           "ccPrinter",         "ccCompany",
+             "ccBranch",           "ccCountry",       "caFeatureLevel",    "caCountryCode",
+             "caScalingFactor",    "caDecimal",       "caManufacturer",    "caSerialNumber",
+             "caModelNumber",      "tubesAmount",     "bvFeatureLevel",    "bvCountryCode",
+             "bvScalingFactor",    "bvDecimalPlaces", "bvStackerCapacity", "bvSecurityLevels",
+             "bvEscrowCapability", "bvManufacturer",  "bvSerialNumber",    "bvModelNumber",
+             "bvSoftwareVersion",  "bdSWVersion",     "bdCasetteStatus",   "bdMaxLenght",
+             "bdMinLenght",        "bdThickness",     "bdStatus"}) {
         c.setText(name, std::string(kNotAvailable));
     }
     for (int n = 1; n <= kCoinTypes; ++n) {
@@ -149,6 +166,7 @@ void Setup::InitEquipment() {
                 c.setValue("CoinAcceptorEnabled", 0);
                 m_platform.messageBox.show(std::string(kNoChangerMessage),
                                            std::string(kMessageTitle));
+                c.reportDevice(DeviceEvent::ChangerNotAnswering);
             }
         }
 
@@ -160,6 +178,7 @@ void Setup::InitEquipment() {
                 c.setValue("billValidatorEnabled", 0);
                 m_platform.messageBox.show(std::string(kNoValidatorMessage),
                                            std::string(kMessageTitle));
+                c.reportDevice(DeviceEvent::ValidatorNotAnswering);
             }
         }
     });
@@ -171,6 +190,9 @@ void Setup::InitEquipment() {
             m_state.portName + ": port error; the devices after it are not initialised");
         m_platform.messageBox.show(m_state.portName + std::string(kPortErrorSuffix),
                                    std::string(kMessageTitle));
+        if (const std::optional<DeviceEvent> event = portError(m_state.portName)) {
+            c.reportDevice(*event);
+        }
     }
 }
 

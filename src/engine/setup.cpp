@@ -465,17 +465,18 @@ void Setup::Monitor_Timer() {
         }
     }
 
-    std::string caption;
+    bool running = false;
     std::string cancel;
-    step([&] { caption = m_console.text("enablePayment"); });
+    step([&] { running = m_console.running(); });
     step([&] { cancel = mailbox(store::mailbox::kCancel); });
-    if (!cancel.empty() && caption == "Stop Payment...") {
+    if (!cancel.empty() && running) {
         step([&] { st.cancelKeepsCredit = cancel == "2" ? 1 : 0; });
         step([this] { paymentClick("host"); });
     } else {
-        step([&] { caption = m_console.text("enablePaymentCC"); });
+        std::string cardCaption;
+        step([&] { cardCaption = m_console.text("enablePaymentCC"); });
         step([&] { cancel = mailbox(store::mailbox::kCancel); });
-        if (!cancel.empty() && caption == "Cancel Payment...") {
+        if (!cancel.empty() && cardCaption == caption::kCancelPayment) {
             step([this] { enablePaymentCC_Click(); });
         } else {
             step([this] { writeMailbox(store::mailbox::kCancel, ""); });
@@ -578,8 +579,9 @@ void Setup::switchPaymentButtonsForPayout(bool waiting) {
     // only be held and replayed later, when it may no longer mean what it meant.
     if (waiting) {
         m_buttonsBeforePayout.clear();
-        for (const char* name : {"enablePayment", "enablePaymentCC", "bdDispenseBills",
-                                 "bdDispenserRefill", "hDispenseCoins", "ccReadCard"}) {
+        for (FieldName name : std::initializer_list<FieldName>{
+                 "enablePayment", "enablePaymentCC", "bdDispenseBills", "bdDispenserRefill",
+                 "hDispenseCoins", "ccReadCard"}) {
             m_buttonsBeforePayout.emplace_back(name, m_console.enabled(name));
             m_console.setEnabled(name, false);
         }
@@ -634,21 +636,21 @@ void Setup::operatorEdit(const std::string& name, const std::string& text, int v
     if (m_ended) {
         return;
     }
-    const Field* edited = m_console.find(name);
-    if (edited == nullptr) {
+    const std::optional<FieldName> edited = FieldName::find(name);
+    if (!edited) {
         return;  // no such control: a view's mistake, nothing to change
     }
-    const Field& f = *edited;
+    const Field& f = m_console.field(*edited);
     if (f.kind == FieldKind::CheckBox) {
         if (f.value == value) {
             return;
         }
-        m_console.setValue(name, value);
+        m_console.setValue(*edited, value);
     } else {
         if (f.text == text) {
             return;
         }
-        m_console.setText(name, text);
+        m_console.setText(*edited, text);
     }
     // Check boxes and lists raise their click when the operator changes them.
     using Handler = void (*)(Setup&);
@@ -676,11 +678,11 @@ void Setup::operatorClick(const std::string& name) {
     if (m_ended) {
         return;
     }
-    const Field* button = m_console.find(name);
-    if (button == nullptr) {
+    const std::optional<FieldName> button = FieldName::find(name);
+    if (!button) {
         return;  // no such control: a view's mistake, nothing to press
     }
-    const Field& f = *button;
+    const Field& f = m_console.field(*button);
     if (!f.enabled || f.kind != FieldKind::Button) {
         return;  // a disabled button cannot be pressed
     }

@@ -220,7 +220,7 @@ private:
     int m_payoutWaitDepth = 0;
     std::vector<std::function<void()>> m_heldActions;
     // Buttons the payout wait turned off, with their state before.
-    std::vector<std::pair<std::string, bool>> m_buttonsBeforePayout;
+    std::vector<std::pair<FieldName, bool>> m_buttonsBeforePayout;
     std::map<std::string, std::string> m_refusedAmounts;  // last refused text per request key
     // Termination: asked for (any thread), and when (monotonic seconds).
     std::atomic<bool> m_terminationRequested = false;

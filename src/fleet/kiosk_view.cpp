@@ -69,8 +69,8 @@ bool KioskView::watched(const std::string& name) {
             "tubesAmount", "bdStatus",   "bdCasetteStatus", "h1CoinValue",    "h2CoinValue",
             "ccOnLine",    "hDispensed", "statusDisplay",   "hoppersEnabled", "pinPadEnabled"};
         for (int n = 1; n <= 5; ++n) {
-            names.insert(Console::tubeCoinType(n));
-            names.insert(Console::tubeCoinQty(n));
+            names.emplace(Console::tubeCoinType(n).str());
+            names.emplace(Console::tubeCoinQty(n).str());
         }
         return names;
     }();
@@ -114,9 +114,9 @@ void KioskView::noteField(const Field& field, const Hoppers* hoppers) {
     m_dirty = true;
 }
 
-void KioskView::noteMessage(const std::string& text) {
+void KioskView::noteEvent(DeviceEvent event) {
     std::lock_guard lock(m_mutex);
-    m_status.noteMessage(text);
+    m_status.noteEvent(event);
     m_dirty = true;
 }
 
@@ -143,11 +143,11 @@ KioskState KioskView::build() const {
     s.tubesMinor = minorOf(text("tubesAmount"));
     for (int n = 1; n <= 5; ++n) {
         KioskState::Tube& tube = s.tubes[static_cast<std::size_t>(n - 1)];
-        tube.coinMinor = minorOf(text(Console::tubeCoinType(n)));
+        tube.coinMinor = minorOf(text(std::string(Console::tubeCoinType(n).str())));
         if (tube.coinMinor && *tube.coinMinor == 0) {
             tube.coinMinor.reset();
         }
-        const std::string qty = text(Console::tubeCoinQty(n));
+        const std::string qty = text(std::string(Console::tubeCoinQty(n).str()));
         std::from_chars(qty.data(), qty.data() + qty.size(), tube.count);
     }
     s.dispenserStatus = text("bdStatus");

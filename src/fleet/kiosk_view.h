@@ -56,8 +56,8 @@ public:
     // Engine thread: every console field change. `hoppers` (may be null) is read for the outcome
     // of the last dispense when a field that ends one changes.
     void noteField(const Field& field, const Hoppers* hoppers = nullptr);
-    // Engine thread: every message shown to the operator.
-    void noteMessage(const std::string& text);
+    // Engine thread: every device event.
+    void noteEvent(DeviceEvent event);
 
     // Publisher thread: the state when it changed since the last call (or `always`).
     std::optional<KioskState> takeState(bool always = false);

@@ -37,26 +37,9 @@ using FleetView = fleet::KioskView;
 // A build without the fleet publisher has nothing to feed.
 struct FleetView {
     void noteField(const Field&, const Hoppers* = nullptr) {}
-    void noteMessage(const std::string&) {}
+    void noteEvent(DeviceEvent) {}
 };
 #endif
-
-// Shows the operator's messages as `inner` does, and tells the fleet publisher about them (the
-// device problems they report).
-class NotingMessageBox : public MessageBox {
-public:
-    NotingMessageBox(MessageBox& inner, FleetView* view) : m_inner(inner), m_view(view) {}
-    void show(const std::string& text, const std::string& title) override {
-        if (m_view != nullptr) {
-            m_view->noteMessage(text);
-        }
-        m_inner.show(text, title);
-    }
-
-private:
-    MessageBox& m_inner;
-    FleetView* m_view;
-};
 
 // The journal beside the store, kept for the days in section "Journal", key "KeepDays" (400 when
 // missing or not a number of days). An engine whose journal cannot be opened still runs
@@ -94,6 +77,7 @@ EngineHost::EngineHost(EngineOptions options, std::shared_ptr<MessageBox> messag
       m_shared(std::make_shared<Shared>()) {
     qRegisterMetaType<kestrix::Field>();
     qRegisterMetaType<kestrix::Indicator>();
+    qRegisterMetaType<kestrix::DeviceEvent>();
 }
 
 EngineHost::~EngineHost() {
@@ -185,7 +169,7 @@ void EngineHost::run() {
             store, m_options.storePath, QCoreApplication::applicationVersion().toStdString());
         fleetView = fleetPublisher ? &fleetPublisher->view() : nullptr;
 #endif
-        NotingMessageBox messageBox(*m_messageBox, fleetView);
+        MessageBox& messageBox = *m_messageBox;
         Log& log = m_options.log != nullptr ? *m_options.log : nullLog();
         std::unique_ptr<SqliteJournal> journal = openJournal(store, m_options.storePath, log);
         {
@@ -212,6 +196,12 @@ void EngineHost::run() {
             });
             setup.console().setIndicatorListener(
                 [this](Indicator which) { emit indicatorFlashed(which); });
+            setup.console().setDeviceEventListener([this, fleetView](DeviceEvent event) {
+                emit deviceEvent(event);
+                if (fleetView != nullptr) {
+                    fleetView->noteEvent(event);
+                }
+            });
             // Let a view render the whole console before the load changes it.
             for (const Field& f : setup.console().fields()) {
                 emit fieldChanged(f);

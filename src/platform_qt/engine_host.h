@@ -66,6 +66,7 @@ signals:
     // Emitted on the engine thread; connect with a queued connection.
     void fieldChanged(const kestrix::Field& field);
     void indicatorFlashed(kestrix::Indicator which);
+    void deviceEvent(kestrix::DeviceEvent event);
     // The engine has loaded (true) or refused to start because another instance runs (false).
     void startedUp(bool ok);
     void ended(int exitCode);
@@ -85,3 +86,4 @@ private:
 
 Q_DECLARE_METATYPE(kestrix::Field)
 Q_DECLARE_METATYPE(kestrix::Indicator)
+Q_DECLARE_METATYPE(kestrix::DeviceEvent)

@@ -9,13 +9,13 @@
 #include <vector>
 
 #include "console/console_window.h"
-#include "engine/setup.h"
+#include "engine/console_commands.h"
 
 namespace kestrix::console {
 namespace {
 
 // The layout is the window's own: no engine takes its posts.
-void noEngine(std::function<void(Setup&)>) {}
+void noEngine(std::function<void(ConsoleCommands&)>) {}
 
 TEST(Layout, EveryFieldHasOneWidgetNamedAfterIt) {
     const ConsoleWindow window(noEngine);

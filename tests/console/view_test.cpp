@@ -23,13 +23,13 @@ namespace {
 // demand against a real engine (no devices), whose changes are delivered only when asked.
 struct HeldEngine {
     sim::VirtualKiosk kiosk;
-    std::deque<std::function<void(Setup&)>> posted;
+    std::deque<std::function<void(ConsoleCommands&)>> posted;
     std::deque<Field> changes;
     std::unique_ptr<ConsoleWindow> window;
 
     HeldEngine() {
         window = std::make_unique<ConsoleWindow>(
-            [this](std::function<void(Setup&)> a) { posted.push_back(std::move(a)); });
+            [this](std::function<void(ConsoleCommands&)> a) { posted.push_back(std::move(a)); });
         kiosk.engine().console().setChangeListener(
             [this](const Field& f) { changes.push_back(f); });
     }
@@ -39,7 +39,8 @@ struct HeldEngine {
         while (!posted.empty()) {
             auto action = std::move(posted.front());
             posted.pop_front();
-            action(kiosk.engine());
+            SetupCommands commands(kiosk.engine());
+            action(commands);
         }
     }
     // The GUI thread receives the engine's changes and acknowledgements.

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "console/console_window.h"
+#include "engine/console_commands.h"
 #include "engine/setup.h"
 #include "sim/world/virtual_kiosk.h"
 
@@ -64,9 +65,13 @@ public:
         if (allDevices) {
             kiosk.configureAllDevices();
         }
-        window = std::make_unique<ConsoleWindow>([this](std::function<void(Setup&)> action) {
-            kiosk.scheduler().post([this, action = std::move(action)] { action(kiosk.engine()); });
-        });
+        window =
+            std::make_unique<ConsoleWindow>([this](std::function<void(ConsoleCommands&)> action) {
+                kiosk.scheduler().post([this, action = std::move(action)] {
+                    SetupCommands commands(kiosk.engine());
+                    action(commands);
+                });
+            });
         Console& console = kiosk.engine().console();
         console.setChangeListener([this](const Field& f) {
             window->renderField(f);
@@ -74,6 +79,8 @@ public:
                                    shownText(window->control(QString::fromStdString(f.name))));
         });
         console.setIndicatorListener([this](Indicator which) { window->flashIndicator(which); });
+        console.setDeviceEventListener(
+            [this](DeviceEvent event) { window->noteDeviceEvent(event); });
         for (const Field& f : console.fields()) {
             window->renderField(f);
         }
@@ -85,6 +92,7 @@ public:
         m_guiTimer.reset();
         kiosk.engine().console().setChangeListener({});
         kiosk.engine().console().setIndicatorListener({});
+        kiosk.engine().console().setDeviceEventListener({});
     }
 
     bool start() {
@@ -150,18 +158,7 @@ public:
 private:
     // The GUI thread's share of the time: its events (the engine's acknowledgements, the
     // operator's input) run every slice of virtual time, whatever the engine is doing.
-    void guiTurn() {
-        forwardMessages();
-        QCoreApplication::processEvents();
-    }
-    // The engine's messages reach the window as the console's message boxes would hand them.
-    void forwardMessages() {
-        const auto& shownMessages = kiosk.messageBox().shown();
-        for (; m_messagesSeen < shownMessages.size(); ++m_messagesSeen) {
-            window->noteMessage(QString::fromStdString(shownMessages[m_messagesSeen].text));
-        }
-    }
-    std::size_t m_messagesSeen = 0;
+    void guiTurn() { QCoreApplication::processEvents(); }
     std::unique_ptr<Timer> m_guiTimer;
 };
 

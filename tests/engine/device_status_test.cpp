@@ -43,7 +43,7 @@ TEST(DeviceStatus, ADeviceGoesFromDisabledToInitialisedAsItsFieldsFillIn) {
 TEST(DeviceStatus, ANotAnsweringDeviceStaysReportedUntilItIsEnabledAgain) {
     DeviceStatus s;
     s.noteField(box("CoinAcceptorEnabled", 1));
-    s.noteMessage("Check Coin Acceptor Connection!");
+    s.noteEvent(DeviceEvent::ChangerNotAnswering);
     s.noteField(box("CoinAcceptorEnabled", 0));  // the engine unticks it
     EXPECT_EQ(s.device(Device::CoinAcceptor).level, Level::Problem);
     EXPECT_EQ(s.device(Device::BillValidator).level, Level::Off);
@@ -53,31 +53,27 @@ TEST(DeviceStatus, ANotAnsweringDeviceStaysReportedUntilItIsEnabledAgain) {
 
 TEST(DeviceStatus, APortErrorNamesTheLinkAndLastsUntilThePortChangesOrTheDeviceAnswers) {
     struct Row {
-        const char* message;
+        DeviceEvent event;
         Link link;
         Device device;
         Field clears;
     };
     const Row rows[] = {
-        {"MDB Interface- Port Error. Please select another port.", Link::Mdb, Device::CoinAcceptor,
-         text("comPorts", "2")},
-        {"MDB Interface- Port Error. Please select another port.", Link::Mdb, Device::BillValidator,
-         text("bvFeatureLevel", "01")},
-        {"Bill Dispenser- Port Error. Please select another port.", Link::Dispenser,
-         Device::BillDispenser, text("comPorts1", "7")},
-        {"Hoppers Interface- Port Error. Please select another port.", Link::Hoppers,
-         Device::Hoppers, text("comPorts2", "4")},
+        {DeviceEvent::MdbPortError, Link::Mdb, Device::CoinAcceptor, text("comPorts", "2")},
+        {DeviceEvent::MdbPortError, Link::Mdb, Device::BillValidator, text("bvFeatureLevel", "01")},
+        {DeviceEvent::DispenserPortError, Link::Dispenser, Device::BillDispenser,
+         text("comPorts1", "7")},
+        {DeviceEvent::HoppersPortError, Link::Hoppers, Device::Hoppers, text("comPorts2", "4")},
     };
     for (const Row& r : rows) {
-        SCOPED_TRACE(r.message);
+        SCOPED_TRACE(static_cast<int>(r.event));
         DeviceStatus s;
         for (const char* b : {"CoinAcceptorEnabled", "billValidatorEnabled", "billDispenserEnabled",
                               "hoppersEnabled"}) {
             s.noteField(box(b, 1));
         }
-        s.noteMessage("Another version of this program is already running");
         EXPECT_NE(s.device(r.device).level, Level::Problem);
-        s.noteMessage(r.message);
+        s.noteEvent(r.event);
         EXPECT_EQ(s.link(r.link).level, Level::Problem);
         EXPECT_EQ(s.device(r.device).level, Level::Problem);
         EXPECT_NE(s.device(r.device).text.find("Port error"), std::string::npos);

@@ -112,8 +112,8 @@ public:
     std::string setting(std::string_view section, std::string_view key) {
         return store().get(store::kApp, section, key, "<missing>");
     }
-    const std::string& text(std::string_view field) { return console().text(field); }
-    bool checked(std::string_view field) { return console().checked(field); }
+    const std::string& text(FieldName field) { return console().text(field); }
+    bool checked(FieldName field) { return console().checked(field); }
     // The texts of the message boxes shown so far.
     std::vector<std::string> shown() {
         std::vector<std::string> texts;
@@ -122,7 +122,7 @@ public:
         }
         return texts;
     }
-    bool paymentRunning() { return console().text("enablePayment") == "Stop Payment..."; }
+    bool paymentRunning() { return console().running(); }
     double credit() { return leadingNumber(mailbox(store::mailbox::kCredit)); }
 
     // The host asks for `due`; true once the payment runs and has polled once.

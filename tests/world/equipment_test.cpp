@@ -168,7 +168,7 @@ TEST(InitEquipment, PublishesWhatEveryDeviceOfTheKioskReports) {
         {"bvSoftwareVersion", "216" + std::to_string(check & 0xFF)},
     };
     for (const auto& [field, value] : fields) {
-        EXPECT_EQ(k.text(field), value) << field;
+        EXPECT_EQ(k.text(FieldName::runtime(field)), value) << field;
     }
     for (const auto& [key, value] : {std::pair{"BDStatus", "OK"},
                                      {"BDCassette", "OK"},
@@ -201,10 +201,10 @@ TEST(InitEquipment, WithNothingEnabledOnlyClearsTheDisplays) {
         k.set(section, key, "0");
     }
     ASSERT_TRUE(k.start());
-    for (const char* f :
-         {"ccEMVFull", "ccCompany", "caScalingFactor", "ct16_value", "tubeCoinType5",
-          "tubeCoinQty1", "tubesAmount", "bvSoftwareVersion", "bdThickness", "bdStatus"}) {
-        EXPECT_EQ(k.text(f), "N/A") << f;
+    for (FieldName f : std::initializer_list<FieldName>{
+             "ccEMVFull", "ccCompany", "caScalingFactor", "ct16_value", "tubeCoinType5",
+             "tubeCoinQty1", "tubesAmount", "bvSoftwareVersion", "bdThickness", "bdStatus"}) {
+        EXPECT_EQ(k.text(f), "N/A") << f.str();
     }
     EXPECT_EQ(k.text("bdQtyBills"), "1");
     EXPECT_EQ(k.text("bdBillsDispensed"), "0");
@@ -290,16 +290,16 @@ TEST(InitEquipment, APortErrorNamesTheStepAndInitialisesNothingAfterIt) {
         EXPECT_TRUE(k.checked("CoinAcceptorEnabled")) << row.name;
     }
     // Junk where a whole number belongs is the same run-time error as a missing port.
-    for (const auto& [field, portName] : {std::pair{"comPorts", "MDB Interface"},
-                                          {"comPorts1", "Bill Dispenser"},
-                                          {"bDispType", "Bill Dispenser"}}) {
+    for (const auto& [field, portName] : {std::pair{FieldName("comPorts"), "MDB Interface"},
+                                          {FieldName("comPorts1"), "Bill Dispenser"},
+                                          {FieldName("bDispType"), "Bill Dispenser"}}) {
         Kiosk k;
         ASSERT_TRUE(k.start());
         k.engine().console().setText(field, "COM1");
         k.engine().InitEquipment();
         EXPECT_EQ(k.shown(), std::vector<std::string>{std::string(portName) +
                                                       "- Port Error. Please select another port."})
-            << field;
+            << field.str();
     }
 }
 

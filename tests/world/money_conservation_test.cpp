@@ -118,9 +118,10 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
         k.kiosk().hopper2().setCoins(trouble == "hopper empty" ? chance(0, 3) : 200);
         k.kiosk().dispenser().setBills(trouble == "dispenser empty" ? 0 : 100);
         k.kiosk().validator().setFlakyMisses(1);
-        for (const char* box : {"CoinAcceptorEnabled", "billValidatorEnabled"}) {
+        for (FieldName box :
+             std::initializer_list<FieldName>{"CoinAcceptorEnabled", "billValidatorEnabled"}) {
             if (!k.console().checked(box)) {
-                k.engine().operatorEdit(box, "", 1);  // the technician's fix
+                k.engine().operatorEdit(std::string(box.str()), "", 1);  // the technician's fix
             }
         }
         const auto faultOn = [&k](const std::string& f) { k.kiosk().control(f + " on"); };

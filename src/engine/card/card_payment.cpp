@@ -11,8 +11,8 @@ namespace kestrix {
 
 namespace {
 
-constexpr std::string_view kCardCaption = "Credit Card";
-constexpr std::string_view kCancelCaption = "Cancel Payment...";
+constexpr std::string_view kCardCaption = caption::kCreditCard;
+constexpr std::string_view kCancelCaption = caption::kCancelPayment;
 constexpr std::string_view kReadCaption = "Read Card";
 constexpr std::string_view kReadCancelCaption = "Cancel";
 constexpr std::string_view kNotAvailable = "N/A";
@@ -43,11 +43,11 @@ private:
 
 }  // namespace
 
-std::string CardPayment::pinPadDisplay(int index) {
+FieldName CardPayment::pinPadDisplay(int index) {
     // The displays a card payment fills as it goes, cleared at its start so that nothing of the
     // previous payment (a stale "Credit Card Approved" above all) is read as this one's.
-    static const char* const kDisplays[] = {"ccNumTarjeta", "ccTarjetahabiente", "ccPantallaPP",
-                                            "dueDisplay",   "creditDisplay",     "statusDisplay"};
+    static constexpr FieldName kDisplays[] = {"ccNumTarjeta", "ccTarjetahabiente", "ccPantallaPP",
+                                              "dueDisplay",   "creditDisplay",     "statusDisplay"};
     if (index < 1 || index > kPinPadDisplays) {
         throw KsxError(KsxError::kInvalidProcedureCall, "Invalid procedure call or argument");
     }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "engine/console_fields.h"
 #include "engine/money.h"
 #include "engine/platform/clock.h"
 #include "engine/platform/payment_library.h"
@@ -47,7 +48,7 @@ public:
 
     // The six displays the start of a payment clears, by index 1..6.
     static constexpr int kPinPadDisplays = 6;
-    static std::string pinPadDisplay(int index);
+    static FieldName pinPadDisplay(int index);
     // What `ccPantallaPP` shows when the pin pad cannot read a card.
     static std::string pinPadErrorMessage(const PinPadErrorDetails& details);
     // The transaction reference: the adapter's address without its "-", "_", yymmdd, hhmmss.

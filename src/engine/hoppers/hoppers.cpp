@@ -128,7 +128,7 @@ void Hoppers::dispenseAmount(Money amount) {
         std::uint8_t address;
         Money value;
     };
-    const auto coinValue = [&c](std::string_view control) {
+    const auto coinValue = [&c](FieldName control) {
         return Money::fromDouble(leadingNumber(c.text(control))).value_or(Money());
     };
     Hopper first{1, addressFrom(setting(key::kH1Address, "3"), kDefaultAddress1),

@@ -190,7 +190,7 @@ void CashPayment::abandonPayment(std::string_view statusText) {
     }
     st.amountDue = Money();
     m_setup.writeMailbox(store::mailbox::kDue, "0");
-    c.setText("enablePayment", "Pay");
+    c.setText("enablePayment", std::string(caption::kPay));
     c.setText("dueDisplay", "");
     if (!statusText.empty()) {
         setStatus(statusText);
@@ -235,7 +235,7 @@ void CashPayment::startPayment(Money due, std::string_view requester) {
     }
     c.setText("creditDisplay", "$0.00");
     pollTimer().setEnabled(true);
-    c.setText("enablePayment", "Stop Payment...");
+    c.setText("enablePayment", std::string(caption::kStopPayment));
 }
 
 bool CashPayment::enableCoinTypes() {
@@ -506,7 +506,7 @@ void CashPayment::stopPayment() {
 
     st.amountDue = Money();
     m_setup.writeMailbox(store::mailbox::kDue, st.amountDue.text());
-    c.setText("enablePayment", "Pay");
+    c.setText("enablePayment", std::string(caption::kPay));
     c.setText("dueDisplay", "");
     c.setText("creditDisplay", "$0.00");
     endPaymentRecord("Transaction Cancelled", change, refund - change - m_lastUnknown);

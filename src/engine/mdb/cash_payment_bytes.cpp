@@ -4,7 +4,7 @@
 
 namespace kestrix::mdb::payment {
 
-std::string flagDigits(const Console& console, std::string (*name)(int), int from, int to) {
+std::string flagDigits(const Console& console, FieldName (*name)(int), int from, int to) {
     std::string digits;
     for (int n = from; n >= to; --n) {
         digits += console.value(name(n)) != 0 ? '1' : '0';

@@ -15,7 +15,7 @@ namespace kestrix::mdb::payment {
 // The check box values of a family from `from` down to `to`, as binary digits: the first box
 // named is the most significant bit. A box is one bit whatever its state: a grey box (value 2)
 // is set, and never carries into the next bit.
-std::string flagDigits(const Console& console, std::string (*name)(int), int from, int to);
+std::string flagDigits(const Console& console, FieldName (*name)(int), int from, int to);
 
 // Binary digit text as a number.
 int baseTwo(std::string_view digits);

@@ -311,7 +311,7 @@ void CashPayment::completePayment() {
 
     st.amountDue = Money();
     m_setup.writeMailbox(store::mailbox::kDue, st.amountDue.text());
-    c.setText("enablePayment", "Pay");
+    c.setText("enablePayment", std::string(caption::kPay));
     c.setText("dueDisplay", "");
 
     if (!validatorFailed && !changerFailed) {

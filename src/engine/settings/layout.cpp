@@ -31,17 +31,18 @@ std::vector<DeviceSetting> buildSettings() {
     s.push_back({section::kCoinAcceptor, "ChangeEnabled", "changeEnabled", K::Flag, "0"});
     for (int n = 1; n <= 16; ++n) {
         s.push_back({section::kCoinAcceptor, "CoinType" + std::to_string(n) + "_Enabled",
-                     "ct" + std::to_string(n) + "_Enabled", K::Flag, "0"});
+                     FieldName::runtime("ct" + std::to_string(n) + "_Enabled"), K::Flag, "0"});
     }
     s.push_back({section::kBillValidator, "BVE", "billValidatorEnabled", K::Flag, "0"});
     for (int n = 1; n <= 16; ++n) {
         s.push_back({section::kBillValidator, "BillType" + std::to_string(n) + "_Enabled",
-                     "bt" + std::to_string(n) + "_Enabled", K::Flag, "0"});
+                     FieldName::runtime("bt" + std::to_string(n) + "_Enabled"), K::Flag, "0"});
     }
     for (int n = 1; n <= 16; ++n) {
         // The value fields of types 9 to 16 are spelled with a lower-case "value".
         s.push_back({section::kBillValidator, "BillType" + std::to_string(n) + "_Value",
-                     "bt" + std::to_string(n) + (n <= 8 ? "_Value" : "_value"), K::Number, "0"});
+                     FieldName::runtime("bt" + std::to_string(n) + (n <= 8 ? "_Value" : "_value")),
+                     K::Number, "0"});
     }
     s.push_back({section::kBillDispenser, "BDE", "billDispenserEnabled", K::Flag, "0"});
     s.push_back({section::kBillDispenser, "BillDispTypeValue", "bDispType", K::Number, "50"});

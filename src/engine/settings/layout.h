@@ -4,6 +4,8 @@
 #include <string_view>
 #include <vector>
 
+#include "../console_fields.h"
+
 // The layout of the shared settings store: every section and key the engine reads or writes,
 // with its default and the console control it belongs to. The rest of the engine names keys
 // through this file only.
@@ -87,7 +89,7 @@ enum class SettingKind {
 struct DeviceSetting {
     std::string_view section;
     std::string key;
-    std::string control;  // console control that shows and edits it
+    FieldName control;  // console control that shows and edits it
     SettingKind kind;
     std::string defaultValue;  // what the default set writes
 };
