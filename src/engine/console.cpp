@@ -47,15 +47,15 @@ FieldName Console::tubeCoinQty(int n) {
 
 Console::Console() {
     m_fields.reserve(field_table::kFields.size());
-    for (const FieldSpec& spec : field_table::kFields) {
+    for (const ControlRow& row : field_table::kFields) {
         Field f;
-        f.name = std::string(spec.name);
-        f.kind = spec.kind;
-        f.label = std::string(spec.label);
-        f.text = std::string(spec.text);
-        f.visible = spec.visible;
-        f.editable = spec.editable;
-        f.choices = spec.choices;
+        f.name = std::string(row.name);
+        f.kind = row.kind;
+        f.label = std::string(row.label);
+        f.text = std::string(row.text);
+        f.visible = row.visible;
+        f.editable = row.editable;
+        f.choices = row.choices;
         m_fields.push_back(std::move(f));
     }
 }

@@ -36,7 +36,7 @@ inline constexpr std::array<std::string_view, 6> kHopperCoinChoices = {"0.5", "1
                                                                        "5",   "10", "20"};
 
 // One control of the operator console as the engine lays it out.
-struct FieldSpec {
+struct ControlRow {
     std::string_view name;  // the control's exact name, also the widget's objectName
     FieldKind kind = FieldKind::TextBox;
     std::string_view label;  // text of the label beside it ("" when none)
@@ -50,44 +50,44 @@ struct FieldSpec {
 
 namespace field_table {
 
-constexpr FieldSpec spec(std::string_view name, FieldKind kind, std::string_view label = {},
+constexpr ControlRow row(std::string_view name, FieldKind kind, std::string_view label = {},
                          std::string_view text = {}, bool editable = false, bool visible = true,
                          std::span<const std::string_view> choices = {}) {
     return {name, kind, label, text, editable, visible, choices};
 }
-constexpr FieldSpec form(std::string_view name, std::string_view title) {
-    return spec(name, FieldKind::Form, {}, title);
+constexpr ControlRow form(std::string_view name, std::string_view title) {
+    return row(name, FieldKind::Form, {}, title);
 }
-constexpr FieldSpec tabs(std::string_view name) {
-    return spec(name, FieldKind::Tabs);
+constexpr ControlRow tabs(std::string_view name) {
+    return row(name, FieldKind::Tabs);
 }
-constexpr FieldSpec label(std::string_view name, std::string_view text = {}) {
-    return spec(name, FieldKind::Label, {}, text);
+constexpr ControlRow label(std::string_view name, std::string_view text = {}) {
+    return row(name, FieldKind::Label, {}, text);
 }
-constexpr FieldSpec image(std::string_view name, bool visible = true) {
-    return spec(name, FieldKind::Image, {}, {}, false, visible);
+constexpr ControlRow image(std::string_view name, bool visible = true) {
+    return row(name, FieldKind::Image, {}, {}, false, visible);
 }
-constexpr FieldSpec button(std::string_view name, std::string_view caption) {
-    return spec(name, FieldKind::Button, {}, caption);
+constexpr ControlRow button(std::string_view name, std::string_view caption) {
+    return row(name, FieldKind::Button, {}, caption);
 }
 // A text box the engine fills from a device or a computation.
-constexpr FieldSpec shown(std::string_view name, std::string_view label = {}) {
-    return spec(name, FieldKind::TextBox, label);
+constexpr ControlRow shown(std::string_view name, std::string_view label = {}) {
+    return row(name, FieldKind::TextBox, label);
 }
 // A text box the operator types into.
-constexpr FieldSpec typed(std::string_view name, std::string_view label = {}) {
-    return spec(name, FieldKind::TextBox, label, {}, true);
+constexpr ControlRow typed(std::string_view name, std::string_view label = {}) {
+    return row(name, FieldKind::TextBox, label, {}, true);
 }
-constexpr FieldSpec check(std::string_view name, std::string_view label) {
-    return spec(name, FieldKind::CheckBox, label, {}, true);
+constexpr ControlRow check(std::string_view name, std::string_view label) {
+    return row(name, FieldKind::CheckBox, label, {}, true);
 }
-constexpr FieldSpec list(std::string_view name, std::string_view label, std::string_view text,
-                         std::span<const std::string_view> choices = {}) {
-    return spec(name, FieldKind::ComboBox, label, text, true, true, choices);
+constexpr ControlRow list(std::string_view name, std::string_view label, std::string_view text,
+                          std::span<const std::string_view> choices = {}) {
+    return row(name, FieldKind::ComboBox, label, text, true, true, choices);
 }
 
 // Every control of the console, in the order of the form.
-inline constexpr auto kFields = std::to_array<FieldSpec>({
+inline constexpr auto kFields = std::to_array<ControlRow>({
     // Live displays and the form's buttons.
     form("Setup", "Kestrix V5.0.0"),
     tabs("SSTab1"),
@@ -276,8 +276,8 @@ public:
     static constexpr std::size_t count() { return field_table::kFields.size(); }
 
     constexpr std::size_t index() const { return m_index; }
-    constexpr const FieldSpec& spec() const { return field_table::kFields[m_index]; }
-    constexpr std::string_view str() const { return spec().name; }
+    constexpr const ControlRow& row() const { return field_table::kFields[m_index]; }
+    constexpr std::string_view str() const { return row().name; }
     constexpr bool operator==(const FieldName&) const = default;
 
 private:
