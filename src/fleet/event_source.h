@@ -6,25 +6,12 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/money.h"
+#include "engine/platform/journal.h"
 
 namespace kestrix::fleet {
 
 // One row of the money journal as the publisher reads it back.
-struct JournalRow {
-    std::int64_t sequence = 0;
-    std::int64_t wallTimeMs = 0;  // milliseconds since 1970-01-01 UTC
-    std::int64_t paymentId = 0;
-    std::string kind;
-    std::string device;
-    Money amount;
-    int count = 0;
-    int type = 0;
-    std::string raw;
-    std::string detail;
-    std::string requester;
-    std::string reference;  // the transaction reference (card payments)
-};
+using JournalRow = JournalRecord;
 
 // Where the publisher's events come from: the journal, read on the publisher's own thread. The
 // journal is the outbox: a row not yet acknowledged by the broker is simply read again.

@@ -14,9 +14,15 @@
 #include <unistd.h>
 #endif
 
+#include "sqlite_statement.h"
+
 namespace kestrix::qt {
 
 namespace {
+
+using sqlite::bindText;
+using sqlite::columnText;
+using sqlite::Reset;
 
 constexpr std::int64_t kMsPerDay = 24LL * 3600 * 1000;
 // Old rows go in batches, so that a long backlog never holds the write lock for long.
@@ -31,25 +37,6 @@ std::int64_t nowMs() {
                std::chrono::system_clock::now().time_since_epoch())
         .count();
 }
-
-int bindText(sqlite3_stmt* stmt, int index, std::string_view text) {
-    return sqlite3_bind_text64(stmt, index, text.empty() ? "" : text.data(), text.size(),
-                               SQLITE_TRANSIENT, SQLITE_UTF8);
-}
-
-std::string columnText(sqlite3_stmt* stmt, int column) {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
-    const int bytes = sqlite3_column_bytes(stmt, column);
-    return text != nullptr ? std::string(text, static_cast<std::size_t>(bytes)) : std::string();
-}
-
-struct Reset {
-    sqlite3_stmt* stmt;
-    ~Reset() {
-        sqlite3_reset(stmt);
-        sqlite3_clear_bindings(stmt);
-    }
-};
 
 struct Finalize {
     sqlite3_stmt* stmt;

@@ -17,36 +17,20 @@
 
 #include "timing_trace.h"
 
+#include "sqlite_statement.h"
+
 namespace kestrix::qt {
 
 namespace {
+
+using sqlite::bindText;
+using sqlite::columnText;
+using sqlite::Reset;
 
 std::string envValue(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr ? std::string(value) : std::string();
 }
-
-// Binds text by length: values may be long and hold any byte, quotes included.
-int bindText(sqlite3_stmt* stmt, int index, std::string_view text) {
-    return sqlite3_bind_text64(stmt, index, text.empty() ? "" : text.data(), text.size(),
-                               SQLITE_TRANSIENT, SQLITE_UTF8);
-}
-
-std::string columnText(sqlite3_stmt* stmt, int column) {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
-    const int bytes = sqlite3_column_bytes(stmt, column);
-    return text != nullptr ? std::string(text, static_cast<std::size_t>(bytes)) : std::string();
-}
-
-// Resets a statement when a query ends, however it ends: a statement left mid-way would hold
-// its read snapshot open and the next read would not be fresh.
-struct Reset {
-    sqlite3_stmt* stmt;
-    ~Reset() {
-        sqlite3_reset(stmt);
-        sqlite3_clear_bindings(stmt);
-    }
-};
 
 // Creates the missing directories of `file` (0700) and the file itself (0600), leaving what
 // exists alone: the store holds the pin pad account. SQLite gives its -wal and -shm files the
