@@ -508,9 +508,18 @@ bool Setup::nothingAsked() {
     // below takes ten queries: twice a second for as long as the kiosk is on, that was most of
     // an idle engine's processor time. Only the mailbox as the engine leaves it counts as
     // nothing asked ("" or "0" in the request keys); anything else takes the full round, which
-    // also notes amounts it refuses.
+    // also notes amounts it refuses. And when the store tells that nobody has written since a
+    // tick that found nothing asked, not even that read is needed.
+    const bool paying = !m_state.amountDue.isZero();
+    std::optional<std::uint64_t> change;
     std::vector<SettingsStore::Entry> entries;
     try {
+        change = m_platform.store.changeCount();
+        if (change && m_quietMailbox && m_quietMailbox->change == *change &&
+            m_quietMailbox->paying == paying) {
+            return true;
+        }
+        m_quietMailbox.reset();
         entries = m_platform.store.list(store::kApp, store::section::kStatus);
     } catch (const std::exception&) {
         return false;
@@ -528,19 +537,23 @@ bool Setup::nothingAsked() {
         return v.empty() || v == "0";
     };
     // While a cash payment runs, the amount keys are not requests (the round skips them).
-    const bool noAmountAsked = !m_state.amountDue.isZero() ||
-                               (none(store::mailbox::kDue) && none(store::mailbox::kDueCC) &&
-                                none(store::mailbox::kChange));
-    return value(store::mailbox::kExit).empty() && value(store::mailbox::kCancel).empty() &&
-           noAmountAsked;
+    const bool noAmountAsked =
+        paying || (none(store::mailbox::kDue) && none(store::mailbox::kDueCC) &&
+                   none(store::mailbox::kChange));
+    const bool quiet = value(store::mailbox::kExit).empty() &&
+                       value(store::mailbox::kCancel).empty() && noAmountAsked;
+    if (quiet && change) {
+        m_quietMailbox = QuietMailbox{*change, paying};
+    }
+    return quiet;
 }
 
 void Setup::publishHeartbeat() {
-    const double now = m_platform.clock.secondsSinceMidnight();
     // Rewritten every few seconds rather than at every tick: a kiosk's storage is often a
-    // memory card. The time of day wraps at midnight, which also counts as due.
-    if (m_lastHeartbeat >= 0 && now >= m_lastHeartbeat &&
-        now - m_lastHeartbeat < kHeartbeatSeconds) {
+    // memory card. Timed on the steady clock, which is cheap to read (the time of day asks
+    // the time zone each time).
+    const double now = m_platform.clock.elapsedSeconds();
+    if (m_lastHeartbeat >= 0 && now - m_lastHeartbeat < kHeartbeatSeconds) {
         return;
     }
     writeMailbox(store::mailbox::kEngine, formatTime(m_platform.clock.now(), "%Y-%m-%d %H:%M:%S"));

@@ -216,7 +216,14 @@ private:
     EngineState m_state;
     StoreWriter m_storeWriter;
     bool m_ended = false;
-    double m_lastHeartbeat = -1;  // seconds since midnight of the last heartbeat written
+    double m_lastHeartbeat = -1;  // the steady clock's seconds at the last heartbeat written
+    // The store's change count at a tick that found nothing asked, and whether a cash payment
+    // ran then: while both stay the same, so does the answer.
+    struct QuietMailbox {
+        std::uint64_t change;
+        bool paying;
+    };
+    std::optional<QuietMailbox> m_quietMailbox;
     int m_payoutWaitDepth = 0;
     std::vector<std::function<void()>> m_heldActions;
     // Buttons the payout wait turned off, with their state before.

@@ -202,6 +202,9 @@ void SqliteStore::open() {
         m_listSection = prepare(
             "SELECT section, key, value FROM settings WHERE app=?1 AND section=?2 "
             "ORDER BY section, key");
+        // Changes when another connection commits; this connection's own writes do not count.
+        m_dataVersion = prepare("PRAGMA data_version");
+        ++m_changes;
     } catch (const std::exception&) {
         closeAll();
         throw;
@@ -220,7 +223,7 @@ SqliteStore::~SqliteStore() {
 }
 
 void SqliteStore::closeAll() {
-    for (sqlite3_stmt** stmt : {&m_get, &m_set, &m_listAll, &m_listSection}) {
+    for (sqlite3_stmt** stmt : {&m_get, &m_set, &m_listAll, &m_listSection, &m_dataVersion}) {
         sqlite3_finalize(*stmt);
         *stmt = nullptr;
     }
@@ -329,6 +332,7 @@ void SqliteStore::set(std::string_view app, std::string_view section, std::strin
                       std::string_view value) {
     std::lock_guard lock(m_mutex);
     followFile();
+    ++m_changes;  // also when refused: a later look at the store must not be skipped
     Reset reset{m_set};
     if (bindText(m_set, 1, app) != SQLITE_OK || bindText(m_set, 2, section) != SQLITE_OK ||
         bindText(m_set, 3, key) != SQLITE_OK || bindText(m_set, 4, value) != SQLITE_OK ||
@@ -361,6 +365,21 @@ std::vector<SettingsStore::Entry> SqliteStore::list(std::string_view app,
         }
         entries.push_back({columnText(stmt, 0), columnText(stmt, 1), columnText(stmt, 2)});
     }
+}
+
+std::optional<std::uint64_t> SqliteStore::changeCount() {
+    std::lock_guard lock(m_mutex);
+    followFile();
+    Reset reset{m_dataVersion};
+    if (sqlite3_step(m_dataVersion) != SQLITE_ROW) {
+        fail("cannot tell whether the settings changed");
+    }
+    const long long dataVersion = sqlite3_column_int64(m_dataVersion, 0);
+    if (dataVersion != m_lastDataVersion) {
+        m_lastDataVersion = dataVersion;
+        ++m_changes;
+    }
+    return m_changes;
 }
 
 void SqliteStore::setBusyTimeout(int milliseconds) {

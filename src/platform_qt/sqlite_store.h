@@ -63,6 +63,7 @@ public:
     void set(std::string_view app, std::string_view section, std::string_view key,
              std::string_view value) override;
     std::vector<Entry> list(std::string_view app, std::string_view section = {}) override;
+    std::optional<std::uint64_t> changeCount() override;
 
     const std::string& path() const { return m_path; }
     void setNotice(Notice notice) { m_notice = std::move(notice); }
@@ -91,6 +92,10 @@ private:
     sqlite3_stmt* m_set = nullptr;
     sqlite3_stmt* m_listAll = nullptr;
     sqlite3_stmt* m_listSection = nullptr;
+    sqlite3_stmt* m_dataVersion = nullptr;
+    // Counts this object's writes and opens and the other connections' commits it has seen.
+    std::uint64_t m_changes = 0;
+    long long m_lastDataVersion = -1;
     // The identity (device, inode) of the file open.
     unsigned long long m_device = 0;
     unsigned long long m_inode = 0;

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,11 +36,18 @@ public:
     // Two distinct application names, spelt as a test writes them.
     virtual std::string app() const { return "KSX"; }
     virtual std::string otherApp() const { return "OTHER"; }
+    // Writes as the host does: another connection, another program.
+    virtual void hostSet(const std::string& section, const std::string& key,
+                         const std::string& value) = 0;
 };
 
 class MemoryBackend : public Backend {
 public:
     SettingsStore& store() override { return m_store; }
+    void hostSet(const std::string& section, const std::string& key,
+                 const std::string& value) override {
+        m_store.hostSet(app(), section, key, value);
+    }
 
 private:
     sim::MemoryStore m_store;
@@ -49,6 +57,10 @@ private:
 class SqliteBackend : public Backend {
 public:
     SettingsStore& store() override { return m_store; }
+    void hostSet(const std::string& section, const std::string& key,
+                 const std::string& value) override {
+        qt::SqliteStore(m_store.path()).set(app(), section, key, value);
+    }
 
 private:
     qt::SqliteStore m_store{test::makeTempDir("ksx-contract") + "/KSX.db"};
@@ -74,6 +86,10 @@ public:
         }
     }
     SettingsStore& store() override { return m_store; }
+    void hostSet(const std::string& section, const std::string& key,
+                 const std::string& value) override {
+        win::RegistryStore().set(app(), section, key, value);
+    }
     std::string app() const override { return m_app; }
     std::string otherApp() const override { return m_otherApp; }
 
@@ -125,7 +141,6 @@ protected:
     std::string app() const { return m_backend->app(); }
     std::string otherApp() const { return m_backend->otherApp(); }
 
-private:
     std::unique_ptr<Backend> m_backend;
 };
 
@@ -204,6 +219,24 @@ TEST_P(StoreContract, TextsComeBackUnchanged) {
     const auto entries = store().list(app(), "Sección Ñ");
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0].key, "Sección Ñ");
+}
+
+// The monitor skips reading a mailbox while the change count stays: a write it missed would be
+// a host request never seen.
+TEST_P(StoreContract, TheChangeCountMovesWithEveryWriteWhoeverMakesIt) {
+    const std::optional<std::uint64_t> start = store().changeCount();
+    if (!start) {
+        GTEST_SKIP() << "this store does not count changes; the monitor reads every tick";
+    }
+    EXPECT_EQ(store().changeCount(), start) << "nothing written";
+    store().set(app(), "Status", "Credit", "5");
+    const auto afterOwn = store().changeCount();
+    EXPECT_NE(afterOwn, start) << "a write of its own";
+    for (const char* value : {"12.5", "0", ""}) {
+        const auto before = store().changeCount();
+        m_backend->hostSet("Status", "Due", value);
+        EXPECT_NE(store().changeCount(), before) << "the host writing \"" << value << "\"";
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, StoreContract, ::testing::ValuesIn(implementations()),

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -34,6 +36,12 @@ public:
     // section and key. For tools (dump, watch), and for the monitor's one look at the whole
     // mailbox on a tick that finds nothing asked.
     virtual std::vector<Entry> list(std::string_view app, std::string_view section = {}) = 0;
+    // A number that is different whenever anything in the store may have changed since it was
+    // last returned: a write through this object, or one by another connection or process
+    // (which may leave it as it was when that write changed nothing).
+    // Nothing when the store cannot tell cheaply. Lets the monitor skip reading a mailbox it
+    // already knows. Throws StoreError.
+    virtual std::optional<std::uint64_t> changeCount() { return std::nullopt; }
 };
 
 }  // namespace kestrix

@@ -45,6 +45,7 @@ void MemoryStore::set(std::string_view app, std::string_view section, std::strin
 
 void MemoryStore::hostSet(std::string_view app, std::string_view section, std::string_view key,
                           std::string_view value) {
+    ++m_changes;
     const auto [it, added] =
         m_values.try_emplace(idOf(app, section, key),
                              Stored{std::string(section), std::string(key), std::string(value)});
@@ -75,7 +76,13 @@ bool MemoryStore::has(std::string_view app, std::string_view section, std::strin
     return m_values.count(idOf(app, section, key)) > 0;
 }
 
+std::optional<std::uint64_t> MemoryStore::changeCount() {
+    check();
+    return m_changes;
+}
+
 void MemoryStore::erase(std::string_view app, std::string_view section, std::string_view key) {
+    ++m_changes;
     m_values.erase(idOf(app, section, key));
 }
 

@@ -19,6 +19,7 @@ public:
     void set(std::string_view app, std::string_view section, std::string_view key,
              std::string_view value) override;
     std::vector<Entry> list(std::string_view app, std::string_view section = {}) override;
+    std::optional<std::uint64_t> changeCount() override;
 
     bool has(std::string_view app, std::string_view section, std::string_view key) const;
     void erase(std::string_view app, std::string_view section, std::string_view key);
@@ -51,6 +52,7 @@ private:
 
     std::map<Id, Stored> m_values;
     std::vector<std::string> m_writes;
+    std::uint64_t m_changes = 0;
     bool m_broken = false;
     bool m_writesRefused = false;
 };
