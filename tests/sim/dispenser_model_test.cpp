@@ -85,23 +85,18 @@ TEST(BillDispenserModel, TheEnginesRequestsCarryTheirCrc) {
     }
 }
 
+// The lengths and thickness in the answer are the model's own table; what matters is that the
+// engine reads every set-up as done, cassette not low.
 TEST(BillDispenserModel, SetUpAnswersDecodeAtTheEnginesPositions) {
-    const std::pair<std::string, std::string> sizes[] = {
-        {"8B", "78"}, {"A5", "7C"}, {"A5", "83"}, {"A5", "89"}, {"A5", "91"}};
-    for (std::size_t i = 0; i < std::size(kSetUpTypes); ++i) {
+    for (int type : kSetUpTypes) {
         DispenserBench b;
-        const std::string text = renderReply(b.init(kSetUpTypes[i]));
+        const std::string text = renderReply(b.init(type));
         SCOPED_TRACE(text);
         EXPECT_EQ(field(text, 1, 8), "10061006");
-        EXPECT_EQ(field(text, 21, 6), "E00234");
-        EXPECT_EQ(field(text, 27, 8), "00000000");
-        EXPECT_EQ(field(text, 35, 4), "0215");
-        EXPECT_EQ(field(text, 39, 18), std::string(18, '0'));
-        EXPECT_EQ(field(text, 57, 2), "00");
-        EXPECT_EQ(field(text, 67, 2), sizes[i].first);
-        EXPECT_EQ(field(text, 69, 2), sizes[i].second);
-        EXPECT_EQ(field(text, 82, 2), "0F");
-        EXPECT_EQ(b.dispenser.setUpFor(), kSetUpTypes[i]);
+        const bd::Decoded d = bd::decode(text, bd::Answer::Setup);
+        EXPECT_FALSE(d.error);
+        EXPECT_FALSE(d.low);
+        EXPECT_EQ(b.dispenser.setUpFor(), type);
     }
 }
 
