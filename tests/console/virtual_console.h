@@ -61,10 +61,8 @@ class VirtualConsole {
 public:
     static constexpr double kSliceSeconds = 0.05;
 
-    explicit VirtualConsole(bool allDevices = true) {
-        if (allDevices) {
-            kiosk.configureAllDevices();
-        }
+    VirtualConsole() {
+        kiosk.configureAllDevices();
         window =
             std::make_unique<ConsoleWindow>([this](std::function<void(ConsoleCommands&)> action) {
                 kiosk.scheduler().post([this, action = std::move(action)] {
@@ -123,7 +121,6 @@ public:
 
     // The text a control shows on screen.
     QString shown(const char* name) const { return shownText(window->control(name)); }
-    Setup& engine() { return kiosk.engine(); }
     template <typename W>
     W* widget(const char* name) const {
         return qobject_cast<W*>(window->control(name));

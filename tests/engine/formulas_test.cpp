@@ -79,18 +79,28 @@ TEST(ConvertDecToBaseN, RaisesOnValuesItCannotWrite) {
 }
 
 TEST(Pause, WaitsOnTheClockAndRestartsAtMidnight) {
-    sim::VirtualClock clock(10 * 3600.0);
-    Pause(clock, 0.5);
-    EXPECT_NEAR(clock.elapsed(), 0.5, 1e-9);
-
-    // Begun 0.2 s before midnight: the time left to midnight plus the whole duration.
-    sim::VirtualClock late(86400.0 - 0.2);
-    Pause(late, 0.5);
-    EXPECT_NEAR(late.elapsed(), 0.7, 1e-6);
-
-    sim::VirtualClock zero;
-    Pause(zero, 0);
-    EXPECT_EQ(zero.elapsed(), 0);
+    struct Row {
+        const char* what;
+        double start;    // seconds since midnight
+        double elapsed;  // virtual time run before the pause
+        double seconds;
+        double sinceMidnight;  // after the pause
+    };
+    const Row rows[] = {
+        {"plain", 10 * 3600.0, 0, 0.5, 10 * 3600.0 + 0.5},
+        {"none", 10 * 3600.0, 0, 0, 10 * 3600.0},
+        {"begun 0.2 s before midnight: the time left to midnight plus the whole duration",
+         86400.0 - 0.2, 0, 0.5, 0.5},
+        // Begun at 9:00, a hair before midnight the time left is less than the clock can tell
+        // apart from none; the wait must still get there and end.
+        {"15 h of virtual time", 9 * 3600.0, std::nextafter(15 * 3600.0, 0.0), 0.2, 0.2},
+    };
+    for (const Row& r : rows) {
+        sim::VirtualClock clock(r.start);
+        clock.advanceTo(r.elapsed);
+        Pause(clock, r.seconds);
+        EXPECT_NEAR(clock.secondsSinceMidnight(), r.sinceMidnight, 1e-6) << r.what;
+    }
 }
 
 TEST(NumberText, WritesTheShortestPlainDecimal) {

@@ -67,28 +67,6 @@ inline ByteList replyBytes(const std::string& text) {
     return out;
 }
 
-// How the engine renders the dispenser's bytes: upper-case hexadecimal through the pattern
-// "00", so 00-09 read "00".."09" but 0A-0F read as a single letter.
-inline std::string engineHex(const std::string& bytes) {
-    static const char* kDigits = "0123456789ABCDEF";
-    std::string out;
-    for (const char c : bytes) {
-        const auto b = static_cast<unsigned char>(c);
-        if (b >= 0x0A && b <= 0x0F) {
-            out += kDigits[b];
-        } else {
-            out += kDigits[b >> 4];
-            out += kDigits[b & 0xF];
-        }
-    }
-    return out;
-}
-
-// The characters at 1-based `position`, as the engine picks a field.
-inline std::string field(const std::string& text, std::size_t position, std::size_t length) {
-    return position - 1 < text.size() ? text.substr(position - 1, length) : std::string();
-}
-
 // "10 05 10 02" -> bytes.
 inline ByteList hex(const std::string& text) {
     return bytesOf(kestrix::test::fromHex(text));

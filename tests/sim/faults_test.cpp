@@ -3,14 +3,15 @@
 #include <functional>
 
 #include "bench.h"
+#include "engine/dispenser/bill_dispenser.h"
 #include "sim/world/virtual_kiosk.h"
 
 namespace kestrix::sim {
 namespace {
 
+using bd::field;
+using bd::renderReply;
 using test::ByteList;
-using test::engineHex;
-using test::field;
 using test::hex;
 
 // The models of the virtual kiosk, driven on their lines without the engine.
@@ -32,20 +33,20 @@ struct Kiosk : VirtualKiosk {
     }
     std::string dispenserStatus() {
         LinkDevice& d = models().dispenserLink();
-        return engineHex(exchange(d, hex("10 05 10 02 00 03 00 01 1C 10 03 FA 97"), 0.9));
+        return renderReply(exchange(d, test::bytesOf(bd::statusFrame()), 0.9));
     }
     // Read rounds until the dispense answer came, and the last read.
     std::pair<int, std::string> dispense() {
         LinkDevice& d = models().dispenserLink();
-        std::string got = exchange(d, hex("10 05 10 02 00 19"), 0.2);
-        d.receive(test::raw(hex("60 03 15 00 30 B1 30 30 30 30 30 30 B1 30 30 30 30 30 30 30 05 "
-                                "00 00 00 1C 10 03 A3 8D")),
-                  clock().elapsed());
+        std::string got = exchange(d, test::bytesOf(bd::dispenseFrame().header), 0.2);
+        for (const std::string& part : bd::dispenseFrame().body) {
+            d.receive(part, clock().elapsed());
+        }
         got += wait(d, 2);
         for (int round = 1; round <= 5; ++round) {
             got += wait(d, 1.4);
-            if (engineHex(got).size() >= 13) {
-                return {round, engineHex(got)};
+            if (renderReply(got).size() >= 13) {
+                return {round, renderReply(got)};
             }
             got.clear();
         }
