@@ -10,6 +10,7 @@
 #include <array>
 #include <cmath>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -193,6 +194,25 @@ public:
             v += (b.coinsOut[i] - a.coinsOut[i]) * coinValue(static_cast<int>(i));
         }
         return v;
+    }
+
+    // Runs `action` with the amount of each payout command the engine sends the changer (its two
+    // command words, then the amount), before the changer has it.
+    void onPayout(std::function<void(int units)> action) {
+        m_mdbTap.onWrite = [action = std::move(action), state = 0](std::string_view b) mutable {
+            if (state == 2 && b.size() == 2) {
+                action(static_cast<unsigned char>(b[0]));
+            }
+            state = b == std::string_view("\x0F\x01", 2)                 ? 1
+                    : state == 1 && b == std::string_view("\x02\x00", 2) ? 2
+                                                                         : 0;
+        };
+    }
+    // An engine on this kiosk's devices and store, but with `library` for its pin pad.
+    std::unique_ptr<Setup> engineOn(PaymentLibrary& library) {
+        return std::make_unique<Setup>(Platform{clock(), scheduler(), store(), messageBox(),
+                                                printer(), network(), instance(), library,
+                                                mdbPort(), dispenserPort(), hoppersPort()});
     }
 
     // How often a mailbox key was written with a value, by the store's write log (since it was

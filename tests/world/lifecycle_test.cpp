@@ -9,11 +9,9 @@
 namespace kestrix {
 namespace {
 
-// The kiosk with an empty store, so every device disabled: enough for the load, Save, Exit and the
+// Kiosk(false): an empty store, so every device disabled; enough for the load, Save and the
 // monitor's request handling.
-struct BareEngine : test::Kiosk {
-    BareEngine() : test::Kiosk(false) {}
-};
+using test::Kiosk;
 
 // The log's errors and warnings (an engine start also logs notices of its own).
 std::vector<std::string> complaintsIn(const sim::RecordingLog& log) {
@@ -26,18 +24,6 @@ std::vector<std::string> complaintsIn(const sim::RecordingLog& log) {
     return out;
 }
 
-TEST(Load, ALeftOverRequestIsResetAndTheMonitorRuns) {
-    BareEngine e;
-    e.set(store::section::kStatus, "Due", "12.5");  // left over from before the start
-    ASSERT_TRUE(e.engine().startUp());
-    EXPECT_EQ(e.mailbox("Due"), "0");
-    EXPECT_TRUE(e.engine().state().loaded);
-    EXPECT_TRUE(e.engine().monitorTimer().enabled());
-    EXPECT_TRUE(e.shown().empty());
-    e.runFor(2);
-    EXPECT_FALSE(e.paymentRunning());
-}
-
 // A kiosk's configuration with every device switched off, each other value unlike its default.
 std::string configured(const store::DeviceSetting& s) {
     const bool typeFlag = s.key.find("Type") != std::string::npos;
@@ -45,7 +31,7 @@ std::string configured(const store::DeviceSetting& s) {
            : s.kind == store::SettingKind::Flag ? (typeFlag ? "1" : "0")
                                                 : "4";
 }
-void configure(BareEngine& e) {
+void configure(Kiosk& e) {
     for (const store::DeviceSetting& s : store::deviceSettings()) {
         e.set(s.section, s.key, configured(s));
     }
@@ -67,7 +53,7 @@ TEST(Load, AnUnreadableValueAloneTakesItsDefaultAndTheTechnicianIsTold) {
         {"Hoppers", "HE", "7", "Hoppers/HE held \"7\""},
     };
     for (const Row& row : rows) {
-        BareEngine e;
+        Kiosk e(false);
         configure(e);
         row.value != nullptr ? e.set(row.section, row.key, row.value)
                              : e.store().erase(store::kApp, row.section, row.key);
@@ -90,7 +76,7 @@ TEST(Load, AnUnreadableValueAloneTakesItsDefaultAndTheTechnicianIsTold) {
 }
 
 TEST(Load, APortNotSetYetReadsAsNoneWithoutComplaint) {
-    BareEngine e;
+    Kiosk e(false);
     configure(e);
     e.store().erase(store::kApp, "Settings", "COM1");
     e.set("Settings", "COM2", "");
@@ -104,10 +90,10 @@ TEST(Load, APortNotSetYetReadsAsNoneWithoutComplaint) {
 }
 
 TEST(Load, PrinterSettingSelectsTheInstalledPrinter) {
-    BareEngine e;
+    Kiosk e(false);
     ASSERT_TRUE(e.engine().startUp());
     e.set("Pin Pad", "Printer", "Voucher Printer");
-    BareEngine again;
+    Kiosk again(false);
     again.store() = e.store();
     ASSERT_TRUE(again.engine().startUp());
     EXPECT_EQ(again.console().text("ccPrinters"), "Voucher Printer");
@@ -115,19 +101,8 @@ TEST(Load, PrinterSettingSelectsTheInstalledPrinter) {
     EXPECT_EQ(again.console().field("ccPrinters").items.size(), 1u);
 }
 
-TEST(StartUp, ASecondInstanceIsRefusedAndTouchesNothing) {
-    BareEngine e;
-    e.instance().setAnotherRunning(true);
-    e.set("Status", "Due", "7");
-    EXPECT_FALSE(e.engine().startUp());
-    ASSERT_EQ(e.messageBox().shown().size(), 1u);
-    EXPECT_EQ(e.messageBox().shown()[0].text, "Another version of this program is already running");
-    EXPECT_EQ(e.messageBox().shown()[0].title, "Unable to start");
-    EXPECT_EQ(e.mailbox("Due"), "7");
-}
-
 TEST(Save, WritesTheEditedSettingsWithoutReinitialising) {
-    BareEngine e;
+    Kiosk e(false);
     ASSERT_TRUE(e.engine().startUp());
     e.engine().operatorEdit("ct4_Enabled", "", 1);
     e.engine().operatorEdit("bt9_value", "500", 0);
@@ -141,35 +116,17 @@ TEST(Save, WritesTheEditedSettingsWithoutReinitialising) {
     EXPECT_EQ(e.mdbPort().opens() + e.dispenserPort().opens() + e.hoppersPort().opens(), opens);
 }
 
-TEST(Handlers, DeviceBoxesSwitchTheirButtonsAndReinitialiseOnlyOnceLoaded) {
-    BareEngine e;
-    // Before the load nothing re-initialises, but the buttons follow the box.
+TEST(Handlers, BeforeTheLoadDeviceBoxesSwitchTheirButtonsButReinitialiseNothing) {
+    Kiosk e(false);
     e.engine().operatorEdit("billDispenserEnabled", "", 1);
     EXPECT_TRUE(e.console().enabled("bdDispenseBills"));
     e.engine().operatorEdit("hoppersEnabled", "", 1);
     EXPECT_TRUE(e.console().enabled("hDispenseCoins"));
     EXPECT_EQ(e.setting("Status", "KSX_Error"), "<missing>");
-
-    ASSERT_TRUE(e.engine().startUp());
-    e.set("Status", "KSX_Error", "x");
-    e.engine().operatorEdit("comPorts", "5", 0);
-    EXPECT_EQ(e.mailbox("KSX_Error"), "0") << "the port change re-ran the initialisation";
-}
-
-TEST(Exit, WithEveryDeviceDisabledSendsNothingAndMarksThePinPadOffLine) {
-    BareEngine e;
-    ASSERT_TRUE(e.engine().startUp());
-    e.set("Status", "Exit", "1");
-    e.scheduler().runFor(0.6);
-    EXPECT_TRUE(e.engine().ended());
-    EXPECT_TRUE(e.scheduler().quitRequested());
-    EXPECT_EQ(e.setting("Pin Pad", "On Line"), "No");
-    EXPECT_EQ(e.mailbox("Exit"), "1") << "Exit is never cleared by the engine";
-    EXPECT_TRUE(e.mdbPort().written().empty());
 }
 
 TEST(Monitor, PublishesItsHeartbeatEveryFewSeconds) {
-    BareEngine e;
+    Kiosk e(false);
     ASSERT_TRUE(e.engine().startUp());
     const std::string first = e.mailbox("Engine");
     EXPECT_EQ(first, "2026-11-22 09:00:00") << "written at the load already";
@@ -184,7 +141,7 @@ TEST(Monitor, PublishesItsHeartbeatEveryFewSeconds) {
 
 TEST(Monitor, ACancelWithNothingRunningIsDiscarded) {
     for (const char* cancel : {"1", "2", "0", "anything"}) {
-        BareEngine e;
+        Kiosk e(false);
         ASSERT_TRUE(e.engine().startUp());
         e.set("Status", "Cancel", cancel);
         e.scheduler().runFor(0.6);
@@ -200,7 +157,7 @@ TEST(Monitor, HidesTheConsoleOnlyForAnExactTrailingHideSwitch) {
     };
     for (const Row& r : {Row{"/hide", true}, Row{"--store x /hide", true}, Row{"/HIDE", false},
                          Row{"/hide ", false}, Row{"", false}}) {
-        BareEngine e;
+        Kiosk e(false);
         e.instance().setCommandLine(r.commandLine);
         ASSERT_TRUE(e.engine().startUp());
         e.scheduler().runFor(0.4);
@@ -211,7 +168,7 @@ TEST(Monitor, HidesTheConsoleOnlyForAnExactTrailingHideSwitch) {
 }
 
 TEST(Monitor, AStoreThatFailsSkipsOnlyTheFailingStatements) {
-    BareEngine e;
+    Kiosk e(false);
     ASSERT_TRUE(e.engine().startUp());
     e.store().setBroken(true);
     EXPECT_NO_THROW(e.scheduler().runFor(5));
@@ -220,6 +177,20 @@ TEST(Monitor, AStoreThatFailsSkipsOnlyTheFailingStatements) {
     e.set("Status", "Exit", "yes");
     e.scheduler().runFor(0.6);
     EXPECT_TRUE(e.engine().ended());
+}
+
+TEST(Monitor, AHostPayoutRunsWithChangeForcedOnAndPutsTheBoxBack) {
+    Kiosk k;
+    ASSERT_TRUE(k.start());
+    k.engine().operatorEdit("changeEnabled", "", 0);
+    const test::Till before = k.till();
+    k.hostWrite(store::mailbox::kChange, "5");
+    ASSERT_TRUE(k.runUntil([&] { return k.mailbox(store::mailbox::kChange).empty(); }, 120));
+    EXPECT_EQ(k.mailbox(store::mailbox::kStatus), "Change dispensed");
+    EXPECT_EQ(k.console().text("statusDisplay"), "");
+    EXPECT_FALSE(k.console().checked("changeEnabled")) << "the operator's choice is restored";
+    EXPECT_EQ(k.mailbox(store::mailbox::kChangeDispensed), "5");
+    EXPECT_NEAR(k.paidOut(before, k.till()), 5, 1e-9);
 }
 
 }  // namespace
