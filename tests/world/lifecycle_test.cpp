@@ -89,18 +89,6 @@ TEST(Load, APortNotSetYetReadsAsNoneWithoutComplaint) {
     EXPECT_TRUE(complaintsIn(e.log()).empty());
 }
 
-TEST(Load, PrinterSettingSelectsTheInstalledPrinter) {
-    Kiosk e(false);
-    ASSERT_TRUE(e.engine().startUp());
-    e.set("Pin Pad", "Printer", "Voucher Printer");
-    Kiosk again(false);
-    again.store() = e.store();
-    ASSERT_TRUE(again.engine().startUp());
-    EXPECT_EQ(again.console().text("ccPrinters"), "Voucher Printer");
-    EXPECT_EQ(again.printer().current(), "Voucher Printer");
-    EXPECT_EQ(again.console().field("ccPrinters").items.size(), 1u);
-}
-
 TEST(Save, WritesTheEditedSettingsWithoutReinitialising) {
     Kiosk e(false);
     ASSERT_TRUE(e.engine().startUp());
