@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <functional>
@@ -215,12 +216,20 @@ public:
                                                 mdbPort(), dispenserPort(), hoppersPort()});
     }
 
-    // How often a mailbox key was written with a value, by the store's write log (since it was
-    // last cleared).
+    // The values a mailbox key was written with, in order, by the store's write log (since it
+    // was last cleared); how often it was written with `value`.
+    std::vector<std::string> written(std::string_view key) {
+        const std::string prefix = "Status/" + std::string(key) + "=";
+        std::vector<std::string> values;
+        for (const std::string& w : store().writes()) {
+            if (w.starts_with(prefix)) {
+                values.push_back(w.substr(prefix.size()));
+            }
+        }
+        return values;
+    }
     int mailboxWrites(std::string_view key, std::string_view value) {
-        const std::string entry = "Status/" + std::string(key) + "=" + std::string(value);
-        const auto& w = store().writes();
-        return static_cast<int>(std::count(w.begin(), w.end(), entry));
+        return static_cast<int>(std::ranges::count(written(key), value));
     }
 
 private:

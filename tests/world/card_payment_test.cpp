@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -45,17 +46,6 @@ struct CardKiosk : test::Kiosk {
     // Runs until the card payment the host asked for has ended ("DueCC" back to "0").
     bool runPayment() {
         return runUntil([&] { return mailbox(mb::kDueCC) == "0"; }, 120);
-    }
-    // Values the host saw written to a mailbox key, in order.
-    std::vector<std::string> written(std::string_view key) {
-        const std::string prefix = "Status/" + std::string(key) + "=";
-        std::vector<std::string> values;
-        for (const std::string& w : store().writes()) {
-            if (w.starts_with(prefix)) {
-                values.push_back(w.substr(prefix.size()));
-            }
-        }
-        return values;
     }
     // Runs `action` once, `seconds` from now, on the engine's loop (also inside a library call
     // that pumps it).
@@ -120,11 +110,8 @@ TEST(CardPayment, OutcomesReachTheHostAndTheJournalWithTheCardMasked) {
 
         // The sale's rows: started by the host, its result, its end with the status shown.
         std::vector<JournalRecord> sale;
-        for (const JournalRecord& r : k.journal().records()) {
-            if (r.paymentId != 0) {
-                sale.push_back(r);
-            }
-        }
+        std::ranges::copy_if(k.journal().records(), std::back_inserter(sale),
+                             [](const JournalRecord& r) { return r.paymentId != 0; });
         ASSERT_EQ(sale.size(), 3u);
         EXPECT_EQ(sale[0].kind, journal_kind::kPaymentStart);
         EXPECT_EQ(sale[0].detail, "card");
