@@ -7,9 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -195,12 +197,39 @@ public:
         return v;
     }
 
-    // How often a mailbox key was written with a value, by the store's write log (since it was
-    // last cleared).
+    // Runs `action` with the amount of each payout command the engine sends the changer (its two
+    // command words, then the amount), before the changer has it.
+    void onPayout(std::function<void(int units)> action) {
+        m_mdbTap.onWrite = [action = std::move(action), state = 0](std::string_view b) mutable {
+            if (state == 2 && b.size() == 2) {
+                action(static_cast<unsigned char>(b[0]));
+            }
+            state = b == std::string_view("\x0F\x01", 2)                 ? 1
+                    : state == 1 && b == std::string_view("\x02\x00", 2) ? 2
+                                                                         : 0;
+        };
+    }
+    // An engine on this kiosk's devices and store, but with `library` for its pin pad.
+    std::unique_ptr<Setup> engineOn(PaymentLibrary& library) {
+        return std::make_unique<Setup>(Platform{clock(), scheduler(), store(), messageBox(),
+                                                printer(), network(), instance(), library,
+                                                mdbPort(), dispenserPort(), hoppersPort()});
+    }
+
+    // The values a mailbox key was written with, in order, by the store's write log (since it
+    // was last cleared); how often it was written with `value`.
+    std::vector<std::string> written(std::string_view key) {
+        const std::string prefix = "Status/" + std::string(key) + "=";
+        std::vector<std::string> values;
+        for (const std::string& w : store().writes()) {
+            if (w.starts_with(prefix)) {
+                values.push_back(w.substr(prefix.size()));
+            }
+        }
+        return values;
+    }
     int mailboxWrites(std::string_view key, std::string_view value) {
-        const std::string entry = "Status/" + std::string(key) + "=" + std::string(value);
-        const auto& w = store().writes();
-        return static_cast<int>(std::count(w.begin(), w.end(), entry));
+        return static_cast<int>(std::ranges::count(written(key), value));
     }
 
 private:

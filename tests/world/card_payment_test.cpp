@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -45,17 +46,6 @@ struct CardKiosk : test::Kiosk {
     // Runs until the card payment the host asked for has ended ("DueCC" back to "0").
     bool runPayment() {
         return runUntil([&] { return mailbox(mb::kDueCC) == "0"; }, 120);
-    }
-    // Values the host saw written to a mailbox key, in order.
-    std::vector<std::string> written(std::string_view key) {
-        const std::string prefix = "Status/" + std::string(key) + "=";
-        std::vector<std::string> values;
-        for (const std::string& w : store().writes()) {
-            if (w.starts_with(prefix)) {
-                values.push_back(w.substr(prefix.size()));
-            }
-        }
-        return values;
     }
     // Runs `action` once, `seconds` from now, on the engine's loop (also inside a library call
     // that pumps it).
@@ -120,11 +110,8 @@ TEST(CardPayment, OutcomesReachTheHostAndTheJournalWithTheCardMasked) {
 
         // The sale's rows: started by the host, its result, its end with the status shown.
         std::vector<JournalRecord> sale;
-        for (const JournalRecord& r : k.journal().records()) {
-            if (r.paymentId != 0) {
-                sale.push_back(r);
-            }
-        }
+        std::ranges::copy_if(k.journal().records(), std::back_inserter(sale),
+                             [](const JournalRecord& r) { return r.paymentId != 0; });
         ASSERT_EQ(sale.size(), 3u);
         EXPECT_EQ(sale[0].kind, journal_kind::kPaymentStart);
         EXPECT_EQ(sale[0].detail, "card");
@@ -336,32 +323,20 @@ private:
     }
 };
 
-// The engine of `k` on `library` instead of the kiosk's own pin pad.
-std::unique_ptr<kestrix::Setup> engineOn(test::Kiosk& k, PaymentLibrary& library) {
-    return std::make_unique<kestrix::Setup>(
-        Platform{k.clock(), k.scheduler(), k.store(), k.messageBox(), k.printer(), k.network(),
-                 k.instance(), library, k.mdbPort(), k.dispenserPort(), k.hoppersPort()});
-}
-
 // The amount is set before the card is read, the sale follows the read, and the operation is
-// closed once its result is taken.
-TEST(CardPayment, TheLibraryIsCalledInTheOrderThePinPadNeeds) {
+// closed once its result is taken. A library that goes away is reported once, and the next
+// request winds the payment up.
+TEST(CardPayment, TheLibraryIsCalledInThePinPadsOrderAndALostOneIsReportedOnce) {
     CardKiosk k;
     WatchedLibrary library(k.clock(), k.scheduler(), k.store());
-    const auto engine = engineOn(k, library);
-    ASSERT_TRUE(engine->startUp());
+    const auto enginePtr = k.engineOn(library);
+    kestrix::Setup& engine = *enginePtr;
+    ASSERT_TRUE(engine.startUp());
     k.hostWrite(mb::kDueCC, "25");
     ASSERT_TRUE(k.runPayment());
     EXPECT_EQ(library.calls, (std::vector<std::string>{"setAmount 25", "readCard", "runSale",
                                                        "result", "closeOperation"}));
-}
 
-TEST(CardPayment, ALostLibraryIsReportedOnceAndTheNextRequestWindsThePaymentUp) {
-    CardKiosk k;
-    WatchedLibrary library(k.clock(), k.scheduler(), k.store());
-    const auto enginePtr = engineOn(k, library);
-    kestrix::Setup& engine = *enginePtr;
-    ASSERT_TRUE(engine.startUp());
     library.failing = "runSale";
     k.hostWrite(mb::kDueCC, "25");
     ASSERT_TRUE(k.runUntil([&] { return !k.messageBox().shown().empty(); }, 5));
@@ -386,13 +361,20 @@ TEST(CardPayment, ALostLibraryIsReportedOnceAndTheNextRequestWindsThePaymentUp) 
     EXPECT_EQ(engine.console().text("ccPantallaPP"), sim::SimPinPad::kIdleMessage);
 }
 
-TEST(VoucherPrinter, ChoosingAPrinterOnTheConsoleMakesItCurrent) {
+TEST(VoucherPrinter, AnInstalledPrinterChosenOnTheConsoleOrSavedIsCurrent) {
     CardKiosk k;
     ASSERT_TRUE(k.startIdle());
     k.engine().operatorEdit("ccPrinters", "Voucher Printer", 0);
     EXPECT_EQ(k.printer().current(), "Voucher Printer");
     k.engine().operatorEdit("ccPrinters", "Unplugged Printer", 0);
     EXPECT_EQ(k.printer().current(), "Voucher Printer");
+
+    CardKiosk saved;
+    saved.set(store::section::kPinPad, "Printer", "Voucher Printer");
+    ASSERT_TRUE(saved.startIdle());
+    EXPECT_EQ(saved.text("ccPrinters"), "Voucher Printer");
+    EXPECT_EQ(saved.printer().current(), "Voucher Printer");
+    EXPECT_EQ(saved.console().field("ccPrinters").items.size(), 1u);
 }
 
 // --- Pin pad test -------------------------------------------------------------------------------

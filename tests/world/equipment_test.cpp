@@ -38,7 +38,7 @@ public:
             const int command = static_cast<unsigned char>(m_in[0]);
             if (m_in[1] != 1) {  // a data word outside a command: the engine's ACK
                 m_in.erase(0, 2);
-                record(command == 0 ? "ACK" : "stray");
+                m_frames.push_back(command == 0 ? "ACK" : "stray");
                 continue;
             }
             const std::size_t words = command == 0x0F || command == 0x37 ? 3 : 2;
@@ -54,7 +54,7 @@ public:
             const int key =
                 words == 3 ? command << 8 | static_cast<unsigned char>(m_in[2]) : command;
             m_in.erase(0, 2 * words);
-            record(text);
+            m_frames.push_back(text);
             auto it = m_script.find(key);
             if (it != m_script.end() && !it->second.first.empty()) {
                 auto& [replies, next] = it->second;
@@ -76,8 +76,6 @@ public:
     }
 
 private:
-    void record(const std::string& frame) { m_frames.push_back(frame); }
-
     std::string m_in;
     std::map<int, std::pair<std::vector<std::string>, std::size_t>> m_script;
     std::vector<std::string> m_frames;
@@ -165,8 +163,7 @@ TEST(InitEquipment, PublishesWhatEveryDeviceOfTheKioskReports) {
         {"bvManufacturer", p.validator.manufacturer},
         {"bvSerialNumber", p.validator.serialNumber},
         {"bvModelNumber", padded(p.validator.modelNumber)},
-        {"bvSoftwareVersion", "216" + std::to_string(check & 0xFF)},
-    };
+        {"bvSoftwareVersion", "216" + std::to_string(check & 0xFF)}};
     for (const auto& [field, value] : fields) {
         EXPECT_EQ(k.text(FieldName::runtime(field)), value) << field;
     }
@@ -315,13 +312,11 @@ public:
 TEST(InitEquipment, AnOffLineOrUnreachablePinPadIsNotAPortError) {
     Kiosk k;
     UnreachableLibrary library(k.clock(), k.scheduler(), k.store());
-    kestrix::Setup engine(Platform{k.clock(), k.scheduler(), k.store(), k.messageBox(), k.printer(),
-                                   k.network(), k.instance(), library, k.mdbPort(),
-                                   k.dispenserPort(), k.hoppersPort()});
-    ASSERT_TRUE(engine.startUp());
+    const auto engine = k.engineOn(library);
+    ASSERT_TRUE(engine->startUp());
     EXPECT_TRUE(k.messageBox().shown().empty());
-    EXPECT_EQ(engine.console().text("ccOnLine"), "No");
-    EXPECT_EQ(engine.console().text("bvModelNumber"), padded("KSX-BV-5"));
+    EXPECT_EQ(engine->console().text("ccOnLine"), "No");
+    EXPECT_EQ(engine->console().text("bvModelNumber"), padded("KSX-BV-5"));
     EXPECT_EQ(k.setting("Pin Pad", "On Line"), "No");
 
     Kiosk offline;
@@ -528,6 +523,22 @@ TEST(Exit, ResetsTheChangerThenTheValidatorUntilItAnswers) {
     EXPECT_EQ(k.setting("Pin Pad", "On Line"), "No");
     EXPECT_FALSE(k.mdbPort().isOpen());
     EXPECT_TRUE(k.engine().ended());
+}
+
+// --- The virtual kiosk itself ----------------------------------------------------------------
+
+TEST(VirtualKiosk, ControlCommandsReachTheModelsAndTheStateDumpShowsThem) {
+    sim::VirtualKiosk k;
+    EXPECT_TRUE(k.control("tube 3 12").ok);
+    EXPECT_EQ(k.changer().tubeCount(2), 12);
+    EXPECT_FALSE(k.control("coin 1").ok) << "nothing enabled before the engine runs";
+    EXPECT_FALSE(k.control("coin").ok);
+    EXPECT_TRUE(k.control("fault pinpad offline on").ok);
+    const std::string state = k.stateJson();
+    for (const char* key : {"\"tubes\":[40,40,12,20,10]", "\"billsLeft\":100", "\"coinsLeft\":200",
+                            "\"offline\"", "\"frames\":["}) {
+        EXPECT_NE(state.find(key), std::string::npos) << key << "\n" << state;
+    }
 }
 
 }  // namespace

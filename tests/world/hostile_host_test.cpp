@@ -16,6 +16,7 @@ namespace {
 using test::Kiosk;
 using test::Till;
 namespace mb = store::mailbox;
+using namespace std::string_literals;
 
 // The host's side: writes `values` to `key` in turn, one every 3 ms of virtual time.
 class Rewriter {
@@ -49,18 +50,8 @@ std::vector<double> paymentStarts(Kiosk& k, std::size_t from, std::string_view k
 TEST(HostileHost, RequestsRewrittenEveryFewMillisecondsStartOnlyWhatWasAsked) {
     Kiosk k;
     ASSERT_TRUE(k.start());
-    const std::vector<std::string> noise = {"abc",
-                                            "0",
-                                            std::string("\0"
-                                                        "7",
-                                                        2),
-                                            "\u0665",
-                                            "",
-                                            "-1",
-                                            "NaN",
-                                            "0x10",
-                                            "\x1b"
-                                            "5"};
+    const std::vector<std::string> noise = {"abc"s, "0"s,   "\0007"s, "\u0665"s, ""s,
+                                            "-1"s,  "NaN"s, "0x10"s,  "\0335"s};
 
     // Nothing but noise in every request key: nothing starts.
     std::size_t from = k.kiosk().journal().rows().size();

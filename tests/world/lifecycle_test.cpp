@@ -1,19 +1,21 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "engine/journal/recovery.h"
 #include "engine/settings/layout.h"
 #include "support/kiosk.h"
 
 namespace kestrix {
 namespace {
 
-// The kiosk with an empty store, so every device disabled: enough for the load, Save, Exit and the
+// Kiosk(false): an empty store, so every device disabled; enough for the load, Save and the
 // monitor's request handling.
-struct BareEngine : test::Kiosk {
-    BareEngine() : test::Kiosk(false) {}
-};
+using test::Kiosk;
+namespace jk = journal_kind;
+namespace mb = store::mailbox;
 
 // The log's errors and warnings (an engine start also logs notices of its own).
 std::vector<std::string> complaintsIn(const sim::RecordingLog& log) {
@@ -26,18 +28,6 @@ std::vector<std::string> complaintsIn(const sim::RecordingLog& log) {
     return out;
 }
 
-TEST(Load, ALeftOverRequestIsResetAndTheMonitorRuns) {
-    BareEngine e;
-    e.set(store::section::kStatus, "Due", "12.5");  // left over from before the start
-    ASSERT_TRUE(e.engine().startUp());
-    EXPECT_EQ(e.mailbox("Due"), "0");
-    EXPECT_TRUE(e.engine().state().loaded);
-    EXPECT_TRUE(e.engine().monitorTimer().enabled());
-    EXPECT_TRUE(e.shown().empty());
-    e.runFor(2);
-    EXPECT_FALSE(e.paymentRunning());
-}
-
 // A kiosk's configuration with every device switched off, each other value unlike its default.
 std::string configured(const store::DeviceSetting& s) {
     const bool typeFlag = s.key.find("Type") != std::string::npos;
@@ -45,7 +35,7 @@ std::string configured(const store::DeviceSetting& s) {
            : s.kind == store::SettingKind::Flag ? (typeFlag ? "1" : "0")
                                                 : "4";
 }
-void configure(BareEngine& e) {
+void configure(Kiosk& e) {
     for (const store::DeviceSetting& s : store::deviceSettings()) {
         e.set(s.section, s.key, configured(s));
     }
@@ -67,7 +57,7 @@ TEST(Load, AnUnreadableValueAloneTakesItsDefaultAndTheTechnicianIsTold) {
         {"Hoppers", "HE", "7", "Hoppers/HE held \"7\""},
     };
     for (const Row& row : rows) {
-        BareEngine e;
+        Kiosk e(false);
         configure(e);
         row.value != nullptr ? e.set(row.section, row.key, row.value)
                              : e.store().erase(store::kApp, row.section, row.key);
@@ -90,7 +80,7 @@ TEST(Load, AnUnreadableValueAloneTakesItsDefaultAndTheTechnicianIsTold) {
 }
 
 TEST(Load, APortNotSetYetReadsAsNoneWithoutComplaint) {
-    BareEngine e;
+    Kiosk e(false);
     configure(e);
     e.store().erase(store::kApp, "Settings", "COM1");
     e.set("Settings", "COM2", "");
@@ -103,73 +93,28 @@ TEST(Load, APortNotSetYetReadsAsNoneWithoutComplaint) {
     EXPECT_TRUE(complaintsIn(e.log()).empty());
 }
 
-TEST(Load, PrinterSettingSelectsTheInstalledPrinter) {
-    BareEngine e;
-    ASSERT_TRUE(e.engine().startUp());
-    e.set("Pin Pad", "Printer", "Voucher Printer");
-    BareEngine again;
-    again.store() = e.store();
-    ASSERT_TRUE(again.engine().startUp());
-    EXPECT_EQ(again.console().text("ccPrinters"), "Voucher Printer");
-    EXPECT_EQ(again.printer().current(), "Voucher Printer");
-    EXPECT_EQ(again.console().field("ccPrinters").items.size(), 1u);
-}
-
-TEST(StartUp, ASecondInstanceIsRefusedAndTouchesNothing) {
-    BareEngine e;
-    e.instance().setAnotherRunning(true);
-    e.set("Status", "Due", "7");
-    EXPECT_FALSE(e.engine().startUp());
-    ASSERT_EQ(e.messageBox().shown().size(), 1u);
-    EXPECT_EQ(e.messageBox().shown()[0].text, "Another version of this program is already running");
-    EXPECT_EQ(e.messageBox().shown()[0].title, "Unable to start");
-    EXPECT_EQ(e.mailbox("Due"), "7");
-}
-
+// (What Save writes is the console's test; here: the devices are left as they run.)
 TEST(Save, WritesTheEditedSettingsWithoutReinitialising) {
-    BareEngine e;
-    ASSERT_TRUE(e.engine().startUp());
-    e.engine().operatorEdit("ct4_Enabled", "", 1);
+    Kiosk e;
+    ASSERT_TRUE(e.start());
     e.engine().operatorEdit("bt9_value", "500", 0);
-    e.engine().operatorEdit("ccUser", "kiosk7", 0);
     const int opens = e.mdbPort().opens() + e.dispenserPort().opens() + e.hoppersPort().opens();
     e.engine().operatorClick("Save");
-
-    EXPECT_EQ(e.setting("CoinAcceptor", "CoinType4_Enabled"), "1");
     EXPECT_EQ(e.setting("BillValidator", "BillType9_Value"), "500");
-    EXPECT_EQ(e.setting("Pin Pad", "User"), "kiosk7");
     EXPECT_EQ(e.mdbPort().opens() + e.dispenserPort().opens() + e.hoppersPort().opens(), opens);
 }
 
-TEST(Handlers, DeviceBoxesSwitchTheirButtonsAndReinitialiseOnlyOnceLoaded) {
-    BareEngine e;
-    // Before the load nothing re-initialises, but the buttons follow the box.
+TEST(Handlers, BeforeTheLoadDeviceBoxesSwitchTheirButtonsButReinitialiseNothing) {
+    Kiosk e(false);
     e.engine().operatorEdit("billDispenserEnabled", "", 1);
     EXPECT_TRUE(e.console().enabled("bdDispenseBills"));
     e.engine().operatorEdit("hoppersEnabled", "", 1);
     EXPECT_TRUE(e.console().enabled("hDispenseCoins"));
     EXPECT_EQ(e.setting("Status", "KSX_Error"), "<missing>");
-
-    ASSERT_TRUE(e.engine().startUp());
-    e.set("Status", "KSX_Error", "x");
-    e.engine().operatorEdit("comPorts", "5", 0);
-    EXPECT_EQ(e.mailbox("KSX_Error"), "0") << "the port change re-ran the initialisation";
-}
-
-TEST(Exit, WithEveryDeviceDisabledSendsNothingAndMarksThePinPadOffLine) {
-    BareEngine e;
-    ASSERT_TRUE(e.engine().startUp());
-    e.set("Status", "Exit", "1");
-    e.scheduler().runFor(0.6);
-    EXPECT_TRUE(e.engine().ended());
-    EXPECT_TRUE(e.scheduler().quitRequested());
-    EXPECT_EQ(e.setting("Pin Pad", "On Line"), "No");
-    EXPECT_EQ(e.mailbox("Exit"), "1") << "Exit is never cleared by the engine";
-    EXPECT_TRUE(e.mdbPort().written().empty());
 }
 
 TEST(Monitor, PublishesItsHeartbeatEveryFewSeconds) {
-    BareEngine e;
+    Kiosk e(false);
     ASSERT_TRUE(e.engine().startUp());
     const std::string first = e.mailbox("Engine");
     EXPECT_EQ(first, "2026-11-22 09:00:00") << "written at the load already";
@@ -184,7 +129,7 @@ TEST(Monitor, PublishesItsHeartbeatEveryFewSeconds) {
 
 TEST(Monitor, ACancelWithNothingRunningIsDiscarded) {
     for (const char* cancel : {"1", "2", "0", "anything"}) {
-        BareEngine e;
+        Kiosk e(false);
         ASSERT_TRUE(e.engine().startUp());
         e.set("Status", "Cancel", cancel);
         e.scheduler().runFor(0.6);
@@ -200,7 +145,7 @@ TEST(Monitor, HidesTheConsoleOnlyForAnExactTrailingHideSwitch) {
     };
     for (const Row& r : {Row{"/hide", true}, Row{"--store x /hide", true}, Row{"/HIDE", false},
                          Row{"/hide ", false}, Row{"", false}}) {
-        BareEngine e;
+        Kiosk e(false);
         e.instance().setCommandLine(r.commandLine);
         ASSERT_TRUE(e.engine().startUp());
         e.scheduler().runFor(0.4);
@@ -210,16 +155,100 @@ TEST(Monitor, HidesTheConsoleOnlyForAnExactTrailingHideSwitch) {
     }
 }
 
-TEST(Monitor, AStoreThatFailsSkipsOnlyTheFailingStatements) {
-    BareEngine e;
-    ASSERT_TRUE(e.engine().startUp());
-    e.store().setBroken(true);
-    EXPECT_NO_THROW(e.scheduler().runFor(5));
-    EXPECT_FALSE(e.engine().ended());
-    e.store().setBroken(false);
-    e.set("Status", "Exit", "yes");
-    e.scheduler().runFor(0.6);
-    EXPECT_TRUE(e.engine().ended());
+TEST(Monitor, AHostPayoutRunsWithChangeForcedOnAndPutsTheBoxBack) {
+    Kiosk k;
+    ASSERT_TRUE(k.start());
+    k.engine().operatorEdit("changeEnabled", "", 0);
+    const test::Till before = k.till();
+    k.hostWrite(mb::kChange, "5");
+    ASSERT_TRUE(k.runUntil([&] { return k.mailbox(mb::kChange).empty(); }, 120));
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Change dispensed");
+    EXPECT_EQ(k.console().text("statusDisplay"), "");
+    EXPECT_FALSE(k.console().checked("changeEnabled")) << "the operator's choice is restored";
+    EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "5");
+    EXPECT_NEAR(k.paidOut(before, k.till()), 5, 1e-9);
+}
+
+// --- A restart after a crash: the journal the last run left is closed, the host reads the
+// outcome and acknowledges it, and no device pays anything.
+
+JournalEntry row(std::string_view kind, std::int64_t payment, std::string device = {},
+                 std::int64_t minor = 0, std::string detail = {}, std::string requester = {}) {
+    JournalEntry e;
+    e.kind = kind;
+    e.paymentId = payment;
+    e.device = std::move(device);
+    e.amount = Money::fromMinor(minor);
+    e.detail = std::move(detail);
+    e.requester = std::move(requester);
+    return e;
+}
+
+std::vector<std::string> kindsFrom(const sim::MemoryJournal& journal, std::size_t first) {
+    std::vector<std::string> out;
+    for (std::size_t i = first; i < journal.rows().size(); ++i) {
+        out.emplace_back(journal.rows()[i].kind);
+    }
+    return out;
+}
+
+TEST(Restart, ReportsEachInterruptedPaymentUntilTheHostAcknowledgesIt) {
+    sim::VirtualKiosk k;
+    k.configureAllDevices();
+    sim::MemoryJournal& j = k.journal();
+    // The last run: a host's change of 200 paid in full, then killed; before it, a cash
+    // payment of 12.50 killed while it paid 7.50 of change from the tubes.
+    for (const JournalEntry& e :
+         {row(jk::kEngineStart, 0, "engine"), row(jk::kPaymentStart, 1, "", 1250, "cash", "host"),
+          row(jk::kCredit, 1, "validator", 2000), row(jk::kPayoutAsked, 1, "tubes", 750),
+          row(jk::kPaymentStart, 2, "", 20000, "change", "host"),
+          row(jk::kPayoutAsked, 2, "dispenser", 20000),
+          row(jk::kPayoutConfirmed, 2, "dispenser", 20000)}) {
+        j.append(e);
+    }
+    const std::size_t before = j.rows().size();
+    k.hostWrite(mb::kChange, "200");  // the request the host had written
+    ASSERT_TRUE(k.start());
+
+    EXPECT_EQ(kindsFrom(j, before),
+              (std::vector<std::string>{"engine start", "payout unknown", "payment interrupted",
+                                        "restart report", "payment interrupted", "restart report",
+                                        "tube levels"}));
+    EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Interrupted");
+    EXPECT_EQ(k.mailbox(mb::kChange), "") << "the request is not served again";
+    const auto report = [&k] {
+        return k.mailbox(mb::kInterrupted) + " " + k.mailbox(mb::kInterruptedRequest) + " " +
+               k.mailbox(mb::kInterruptedAmount) + " " + k.mailbox(mb::kInterruptedOutcome) +
+               " credit " + k.mailbox(mb::kInterruptedCredit) + " paid " +
+               k.mailbox(mb::kInterruptedPaid) + " unknown " + k.mailbox(mb::kInterruptedUnknown);
+    };
+    EXPECT_EQ(report(), "1 Due 12.5 unknown credit 20 paid 0 unknown 7.5");
+    EXPECT_EQ(k.mailbox(mb::kCredit), "20");
+
+    k.runFor(5);
+    EXPECT_EQ(k.mailbox(mb::kInterrupted), "1") << "published until acknowledged";
+    k.hostWrite(mb::kInterrupted, "");
+    k.runFor(1);
+    EXPECT_EQ(report(), "2 Change 200 paid credit 0 paid 200 unknown 0");
+    k.hostWrite(mb::kInterrupted, "");
+    k.runFor(1);
+    EXPECT_EQ(report(), "    credit  paid  unknown ") << "every report key cleared";
+    EXPECT_EQ(j.rows().back().kind, jk::kReportAcknowledged);
+
+    // Nothing was paid out for either payment.
+    k.models().catchUp();
+    EXPECT_EQ(k.dispenser().billsDelivered(), 0);
+    for (int type = 0; type < 16; ++type) {
+        EXPECT_EQ(k.changer().paidOutCount(type), 0);
+    }
+    const auto& log = k.log().lines();
+    EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                            [](const std::string& l) {
+                                return l.rfind("<4>payment ", 0) == 0 &&
+                                       l.find(" interrupted by the engine's end") !=
+                                           std::string::npos;
+                            }),
+              2);
 }
 
 }  // namespace

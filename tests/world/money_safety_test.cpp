@@ -18,6 +18,7 @@ using test::expectBooksBalance;
 using test::Kiosk;
 using test::Till;
 namespace mb = store::mailbox;
+using namespace std::string_literals;
 
 constexpr std::string_view kChangerPoll("\x0B\x01\x0B\x00", 4);
 
@@ -25,13 +26,13 @@ TEST(MoneySafety, TheBillGuardOnlyComparesBillsOfTheSamePayment) {
     Kiosk k;
     ASSERT_TRUE(k.start());
     // Yesterday's last bill, late in the evening...
-    k.kiosk().clock().setDeadline(-1);
-    k.kiosk().clock().advance(86390 - k.kiosk().clock().secondsSinceMidnight());
+    k.clock().setDeadline(-1);
+    k.clock().advance(86390 - k.clock().secondsSinceMidnight());
     ASSERT_TRUE(k.requestPayment("20"));
     ASSERT_TRUE(k.insertBill(1));
     ASSERT_TRUE(k.runUntilIdle(60));
     // ... and today's first, at a time of day before it.
-    k.kiosk().clock().advance(86400 + 9 * 3600 - k.kiosk().clock().secondsSinceMidnight());
+    k.clock().advance(86400 + 9 * 3600 - k.clock().secondsSinceMidnight());
     const Till before = k.till();
     ASSERT_TRUE(k.requestPayment("20"));
     ASSERT_TRUE(k.insertBill(1));
@@ -61,10 +62,7 @@ TEST(MoneySafety, SumsAreExact) {
         Kiosk k(p);
         ASSERT_TRUE(k.start());
         int payouts = 0;
-        k.mdbTap().onWrite = [&payouts, state = 0](std::string_view b) mutable {
-            payouts += state == 1 && b == std::string_view("\x02\x00", 2) ? 1 : 0;
-            state = b == std::string_view("\x0F\x01", 2) ? 1 : 0;
-        };
+        k.onPayout([&payouts](int) { ++payouts; });
         const Till before = k.till();
         ASSERT_TRUE(k.requestPayment(r.due));
         for (int type : r.coins) {
@@ -93,15 +91,10 @@ TEST(MoneySafety, ChangeCountsWhatLeftTheTubesWhateverATechnicianDoesMeanwhile) 
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
         Kiosk k;
-        k.kiosk().store().set(store::kApp, store::section::kBillDispenser, "BDE", "0");
+        k.set(store::section::kBillDispenser, "BDE", "0");
         ASSERT_TRUE(k.start());
         const Till before = k.till();
-        k.mdbTap().onWrite = [&k, &r, state = 0](std::string_view b) mutable {
-            if (state == 1 && b == std::string_view("\x02\x00", 2)) {
-                k.kiosk().models().setTube(r.type, r.count);
-            }
-            state = b == std::string_view("\x0F\x01", 2) ? 1 : 0;
-        };
+        k.onPayout([&k, &r](int) { k.models().setTube(r.type, r.count); });
         k.hostWrite(mb::kChange, "1");
         ASSERT_TRUE(k.runUntil([&] { return k.mailbox(mb::kChange).empty(); }, 60));
         EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "1");
@@ -118,9 +111,9 @@ TEST(MoneySafety, ABillStackedAsTheValidatorFellSilentIsCreditedWhenItComesBack)
     ASSERT_TRUE(k.requestPayment("50"));
     k.kiosk().insertBill(1);  // stacks a second later...
     k.runFor(1.05);
-    k.kiosk().control("fault validator silent on");  // ... just before it is polled
+    k.control("fault validator silent on");  // ... just before it is polled
     k.runFor(5);
-    k.kiosk().control("fault validator silent off");
+    k.control("fault validator silent off");
     k.runFor(3);
     EXPECT_EQ(k.mailbox(mb::kCredit), "20");
     k.hostWrite(mb::kCancel, "1");
@@ -130,11 +123,11 @@ TEST(MoneySafety, ABillStackedAsTheValidatorFellSilentIsCreditedWhenItComesBack)
 
 TEST(MoneySafety, AChangerThatFailedIsNotAskedForChange) {
     Kiosk k;
-    k.kiosk().store().set(store::kApp, store::section::kBillDispenser, "BDE", "0");
+    k.set(store::section::kBillDispenser, "BDE", "0");
     ASSERT_TRUE(k.start());
     ASSERT_TRUE(k.requestPayment("50"));
     ASSERT_TRUE(k.insertCoin(4));
-    k.kiosk().control("fault changer silent on");
+    k.control("fault changer silent on");
     ASSERT_TRUE(k.runUntilIdle(60));
     ASSERT_EQ(k.mailbox(mb::kStatus), "Error: Coin Acceptor");
     // The host refunds the published credit: the hoppers pay it, the dead changer is left alone.
@@ -153,7 +146,7 @@ TEST(MoneySafety, StoreTroubleIsNotADeviceFault) {
     const Till before = k.till();
     ASSERT_TRUE(k.requestPayment("12.5"));
     // A host holds the store's write lock for 20 s, across the coins and the completion.
-    k.kiosk().store().setWritesRefused(true);
+    k.store().setWritesRefused(true);
     ASSERT_TRUE(k.kiosk().insertCoin(5).ok);
     k.runFor(1);
     ASSERT_TRUE(k.kiosk().insertCoin(5).ok);
@@ -161,7 +154,7 @@ TEST(MoneySafety, StoreTroubleIsNotADeviceFault) {
     EXPECT_FALSE(k.paymentRunning());
     EXPECT_EQ(k.mailbox(mb::kDue), "12.5") << "the host has not seen the end yet";
     k.runFor(11);
-    k.kiosk().store().setWritesRefused(false);
+    k.store().setWritesRefused(false);
     ASSERT_TRUE(k.runUntil([&] { return !k.engine().storeWriter().troubled(); }, 10));
     k.runFor(2);
     EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");
@@ -177,12 +170,8 @@ TEST(MoneySafety, StopsApplyToThePaymentTheyWereMeantFor) {
     // does not become a new payment.
     Kiosk k;
     ASSERT_TRUE(k.start());
-    k.mdbTap().onWrite = [&k, state = 0](std::string_view b) mutable {
-        if (state == 1 && b == std::string_view("\x02\x00", 2)) {
-            k.kiosk().scheduler().post([&k] { k.engine().operatorClick("enablePayment"); });
-        }
-        state = b == std::string_view("\x0F\x01", 2) ? 1 : 0;
-    };
+    k.onPayout(
+        [&k](int) { k.scheduler().post([&k] { k.engine().operatorClick("enablePayment"); }); });
     ASSERT_TRUE(k.requestPayment("12.5"));
     ASSERT_TRUE(k.insertBill(1));
     ASSERT_TRUE(k.runUntilIdle(60));
@@ -209,8 +198,8 @@ TEST(MoneySafety, ACheckBoxIsOneBitWhateverItsState) {
     k.console().setValue("ct9_Enabled", 2);  // grey
     k.console().setValue("ct16_Enabled", 1);
     ASSERT_TRUE(k.requestPayment("5"));
-    EXPECT_EQ(k.kiosk().changer().coinEnableMask(), 0x811F);
-    EXPECT_EQ(k.kiosk().changer().coinEnableMask() & 0x0200, 0) << "no carry into type 10";
+    EXPECT_EQ(k.changer().coinEnableMask(), 0x811F);
+    EXPECT_EQ(k.changer().coinEnableMask() & 0x0200, 0) << "no carry into type 10";
 }
 
 TEST(MoneySafety, TerminationPaysTheCreditBackThenEnds) {
@@ -226,13 +215,13 @@ TEST(MoneySafety, TerminationPaysTheCreditBackThenEnds) {
     EXPECT_LT(k.now() - t0, 10.0);
     EXPECT_EQ(k.mailbox(mb::kStatus), "Transaction Cancelled");
     EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "30");
-    EXPECT_EQ(k.kiosk().store().get(store::kApp, store::section::kPinPad, "On Line", ""), "No");
+    EXPECT_EQ(k.setting(store::section::kPinPad, "On Line"), "No");
     expectBooksBalance(k, before, 0, 30);
 
     // The host's "Exit" with a validator that never answers: Exit gives it a few tries.
     Kiosk silent;
     ASSERT_TRUE(silent.start());
-    silent.kiosk().control("fault validator silent on");
+    silent.control("fault validator silent on");
     silent.hostWrite(mb::kExit, "1");
     const double t1 = silent.now();
     ASSERT_TRUE(silent.runUntil([&] { return silent.engine().ended(); }, 600));
@@ -263,23 +252,20 @@ TEST(MoneySafety, NonsenseAmountsAreNoRequest) {
     ASSERT_TRUE(k.start());
     for (const char* key : {"Due", "DueCC", "Change"}) {
         for (const std::string& value :
-             {std::string("4e-320"), std::string("1e307"), std::string("5,50"), std::string("abc"),
-              std::string("-5"), std::string("1e309"), std::string("NaN"), std::string("0.001"),
-              std::string("100000.01"), std::string(1 << 20, '9'), std::string(1, '\0') + "5",
-              std::string("\x1b") + "5", std::string("\x7f") + "5", std::string("\u0665\u0660"),
-              std::string("\uFF15\uFF10"), std::string("0x10"), std::string("&H10"),
-              std::string("Inf"), std::string("-Infinity")}) {
+             {"4e-320"s, "1e307"s, "5,50"s, "abc"s, "-5"s, "1e309"s, "NaN"s, "0.001"s, "100000.01"s,
+              std::string(1 << 20, '9'), "\0005"s, "\0335"s, "\1775"s, "\u0665\u0660"s,
+              "\uFF15\uFF10"s, "0x10"s, "&H10"s, "Inf"s, "-Infinity"s}) {
             SCOPED_TRACE(std::string(key) + " = " + value.substr(0, 20));
             k.hostWrite(key, value);
             k.runFor(1.5);
             EXPECT_FALSE(k.paymentRunning());
             EXPECT_EQ(k.mailbox(key), value) << "left as it is";
-            EXPECT_EQ(k.kiosk().pinPad().salesRun(), 0);
+            EXPECT_EQ(k.pinPad().salesRun(), 0);
             k.hostWrite(key, key == std::string("Change") ? "" : "0");
         }
     }
     // A larger maximum takes a larger amount.
-    k.kiosk().store().set(store::kApp, store::section::kSettings, "MaxAmount", "200000");
+    k.set(store::section::kSettings, "MaxAmount", "200000");
     ASSERT_TRUE(k.requestPayment("150000"));
 }
 
@@ -300,7 +286,7 @@ TEST(MoneySafety, ALogicErrorIsAnInternalErrorNotADeviceFault) {
     EXPECT_EQ(k.mailbox(mb::kStatus), "Internal Error");
     EXPECT_EQ(k.mailbox(mb::kKsxError), "1");
     EXPECT_EQ(k.mailbox(mb::kCredit), "5") << "for the host to settle";
-    const auto& lines = k.kiosk().log().lines();
+    const auto& lines = k.log().lines();
     EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& l) {
         return l.starts_with("<3>internal error");
     }));
