@@ -53,21 +53,6 @@ int connectTo(int port) {
     return fd;
 }
 
-std::string mosquittoBinary() {
-    for (const char* p :
-         {"/usr/sbin/mosquitto", "/usr/bin/mosquitto", "/usr/local/sbin/mosquitto"}) {
-        if (::access(p, X_OK) == 0) {
-            return p;
-        }
-    }
-    throw std::runtime_error("mosquitto is not installed (scripts/bootstrap installs it)");
-}
-
-void initMosquitto() {
-    static std::once_flag once;
-    std::call_once(once, [] { mosquitto_lib_init(); });
-}
-
 }  // namespace
 
 int freePort() {
@@ -107,7 +92,7 @@ Broker::Broker(const Tls* tls, const std::vector<std::pair<std::string, std::str
     }
     conf.close();
     m_process = std::make_unique<ChildProcess>(
-        mosquittoBinary(), std::vector<std::string>{"-c", m_dir + "/mosquitto.conf"});
+        "/usr/sbin/mosquitto", std::vector<std::string>{"-c", m_dir + "/mosquitto.conf"});
     const bool up = eventually(
         [this] {
             const int fd = connectTo(m_port);
@@ -147,7 +132,7 @@ Broker::Tls makeTestCa(const std::string& dir, const std::string& name) {
 }
 
 Subscriber::Subscriber(int port, const std::string& topic) {
-    initMosquitto();
+    mosquitto_lib_init();  // counted: every call after the first does nothing
     m_mosq = mosquitto_new(nullptr, true, this);
     mosquitto_message_callback_set(m_mosq, &Subscriber::onMessage);
     if (mosquitto_connect(m_mosq, "127.0.0.1", port, 30) != MOSQ_ERR_SUCCESS) {
@@ -183,7 +168,6 @@ void Subscriber::onMessage(mosquitto*, void* obj, const ::mosquitto_message* m) 
         {m->topic,
          std::string(static_cast<const char*>(m->payload), static_cast<std::size_t>(m->payloadlen)),
          m->retain});
-    self->m_changed.notify_all();
 }
 
 std::vector<Subscriber::Message> Subscriber::messages(const std::string& topic) const {
@@ -200,19 +184,16 @@ std::vector<Subscriber::Message> Subscriber::messages(const std::string& topic) 
 std::optional<Subscriber::Message> Subscriber::waitFor(
     const std::string& topic, const std::function<bool(const Message&)>& accept,
     std::chrono::milliseconds timeout) {
-    std::unique_lock lock(m_mutex);
     std::optional<Message> found;
-    m_changed.wait_for(lock, timeout, [&] {
-        for (auto it = m_messages.rbegin(); it != m_messages.rend(); ++it) {
-            if (it->topic == topic) {
-                if (accept(*it)) {
-                    found = *it;
-                }
-                return found.has_value();
+    eventually(
+        [&] {
+            const std::vector<Message> all = messages(topic);
+            if (!all.empty() && accept(all.back())) {
+                found = all.back();
             }
-        }
-        return false;
-    });
+            return found.has_value();
+        },
+        timeout);
     return found;
 }
 
@@ -299,11 +280,10 @@ void CuttableLink::run() {
     closeAll();
 }
 
-fleet::JournalRow TestJournal::append(fleet::JournalRow row) {
+void TestJournal::append(fleet::JournalRow row) {
     std::lock_guard lock(m_mutex);
     row.sequence = static_cast<std::int64_t>(m_rows.size()) + 1;
     m_rows.push_back(row);
-    return row;
 }
 
 std::vector<fleet::JournalRow> TestJournal::rowsAfter(std::int64_t sequence, std::size_t limit) {
@@ -322,42 +302,14 @@ std::int64_t TestJournal::lastSequence() {
     return static_cast<std::int64_t>(m_rows.size());
 }
 
-std::vector<fleet::JournalRow> TestJournal::latestFaultRows() {
-    std::lock_guard lock(m_mutex);
-    std::vector<fleet::JournalRow> out;
-    for (const fleet::JournalRow& r : m_rows) {
-        if (r.kind == journal_kind::kDeviceFault || r.kind == journal_kind::kDeviceRecovered) {
-            out.push_back(r);
-        }
-    }
-    return out;
-}
-
 void SharedLog::write(LogLevel level, std::string_view message, const LogFields&) {
     std::lock_guard lock(m_mutex);
-    m_lines.push_back("<" + std::to_string(static_cast<int>(level)) + ">" + std::string(message));
-    m_changed.notify_all();
-}
-
-bool SharedLog::waitForLine(const std::string& part, std::chrono::milliseconds timeout) {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, timeout, [&] {
-        for (const std::string& l : m_lines) {
-            if (l.find(part) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
-    });
+    m_text += "<" + std::to_string(static_cast<int>(level)) + ">" + std::string(message) + "\n";
 }
 
 std::string SharedLog::text() const {
     std::lock_guard lock(m_mutex);
-    std::string out;
-    for (const std::string& l : m_lines) {
-        out += l + "\n";
-    }
-    return out;
+    return m_text;
 }
 
 }  // namespace kestrix::test
