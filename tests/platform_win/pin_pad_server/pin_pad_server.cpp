@@ -258,75 +258,40 @@ bool setText(const std::wstring& key, const wchar_t* name, const std::wstring& v
 }
 
 // The type library: the interface (a dispinterface: every member is reached by name) and the
-// class that implements it, saved beside the DLL and registered.
+// class that implements it, saved beside the DLL and registered. It runs once, in regsvr32, which
+// exits afterwards: nothing is released.
 HRESULT registerTypeLibrary() {
     std::wstring path = modulePath();
     path = path.substr(0, path.rfind(L'.')) + L".tlb";
     ITypeLib* stdole = nullptr;
-    HRESULT hr = LoadTypeLib(L"stdole2.tlb", &stdole);
-    if (FAILED(hr)) {
-        return hr;
-    }
     ITypeInfo* dispatchInfo = nullptr;
-    hr = stdole->GetTypeInfoOfGuid(IID_IDispatch, &dispatchInfo);
-    stdole->Release();
-    if (FAILED(hr)) {
-        return hr;
-    }
     ICreateTypeLib2* library = nullptr;
     ICreateTypeInfo* interfaceInfo = nullptr;
     ICreateTypeInfo* classInfo = nullptr;
     ITypeInfo* interfaceType = nullptr;
-    HREFTYPE reference = 0;
-    hr = CreateTypeLib2(SYS_WIN64, path.c_str(), &library);
-    if (SUCCEEDED(hr)) {
-        library->SetGuid(kLibraryId);
-        library->SetName(const_cast<LPOLESTR>(L"KestrixTestPinPad"));
-        library->SetVersion(1, 0);
-        library->SetLcid(LOCALE_NEUTRAL);
-        hr = library->CreateTypeInfo(const_cast<LPOLESTR>(L"_cpIntegracionEMV"), TKIND_DISPATCH,
-                                     &interfaceInfo);
-    }
-    if (SUCCEEDED(hr)) {
-        interfaceInfo->SetGuid(kInterfaceId);
-        hr = interfaceInfo->AddRefTypeInfo(dispatchInfo, &reference);
-    }
-    if (SUCCEEDED(hr)) {
-        hr = interfaceInfo->AddImplType(0, reference);
-    }
-    if (SUCCEEDED(hr)) {
-        hr = interfaceInfo->QueryInterface(IID_ITypeInfo, reinterpret_cast<void**>(&interfaceType));
-    }
-    if (SUCCEEDED(hr)) {
-        hr =
-            library->CreateTypeInfo(const_cast<LPOLESTR>(L"TestPinPad"), TKIND_COCLASS, &classInfo);
-    }
-    if (SUCCEEDED(hr)) {
-        classInfo->SetGuid(kClassId);
-        hr = classInfo->AddRefTypeInfo(interfaceType, &reference);
-    }
-    if (SUCCEEDED(hr)) {
-        hr = classInfo->AddImplType(0, reference);
-    }
-    if (SUCCEEDED(hr)) {
-        classInfo->SetImplTypeFlags(0, IMPLTYPEFLAG_FDEFAULT);
-        hr = library->SaveAllChanges();
-    }
-    for (IUnknown* p : {static_cast<IUnknown*>(classInfo), static_cast<IUnknown*>(interfaceType),
-                        static_cast<IUnknown*>(interfaceInfo), static_cast<IUnknown*>(library),
-                        static_cast<IUnknown*>(dispatchInfo)}) {
-        if (p != nullptr) {
-            p->Release();
-        }
-    }
-    if (FAILED(hr)) {
-        return hr;
-    }
     ITypeLib* saved = nullptr;
-    hr = LoadTypeLibEx(path.c_str(), REGKIND_REGISTER, &saved);
-    if (saved != nullptr) {
-        saved->Release();
-    }
+    HREFTYPE reference = 0;
+    HRESULT hr = S_OK;
+    const auto ok = [&hr](HRESULT step) { return SUCCEEDED(hr = step); };
+    ok(LoadTypeLib(L"stdole2.tlb", &stdole)) &&
+        ok(stdole->GetTypeInfoOfGuid(IID_IDispatch, &dispatchInfo)) &&
+        ok(CreateTypeLib2(SYS_WIN64, path.c_str(), &library)) && ok(library->SetGuid(kLibraryId)) &&
+        ok(library->SetName(const_cast<LPOLESTR>(L"KestrixTestPinPad"))) &&
+        ok(library->SetVersion(1, 0)) && ok(library->SetLcid(LOCALE_NEUTRAL)) &&
+        ok(library->CreateTypeInfo(const_cast<LPOLESTR>(L"_cpIntegracionEMV"), TKIND_DISPATCH,
+                                   &interfaceInfo)) &&
+        ok(interfaceInfo->SetGuid(kInterfaceId)) &&
+        ok(interfaceInfo->AddRefTypeInfo(dispatchInfo, &reference)) &&
+        ok(interfaceInfo->AddImplType(0, reference)) &&
+        ok(interfaceInfo->QueryInterface(IID_ITypeInfo,
+                                         reinterpret_cast<void**>(&interfaceType))) &&
+        ok(library->CreateTypeInfo(const_cast<LPOLESTR>(L"TestPinPad"), TKIND_COCLASS,
+                                   &classInfo)) &&
+        ok(classInfo->SetGuid(kClassId)) &&
+        ok(classInfo->AddRefTypeInfo(interfaceType, &reference)) &&
+        ok(classInfo->AddImplType(0, reference)) &&
+        ok(classInfo->SetImplTypeFlags(0, IMPLTYPEFLAG_FDEFAULT)) &&
+        ok(library->SaveAllChanges()) && ok(LoadTypeLibEx(path.c_str(), REGKIND_REGISTER, &saved));
     return hr;
 }
 
