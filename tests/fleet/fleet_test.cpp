@@ -284,7 +284,7 @@ TEST(FleetPublisher, TlsWithAUserAndPassword) {
     const std::string dir = test::makeTempDir("ksx-tls");
     const Broker::Tls tls = test::makeTestCa(dir, "ca");
     const Broker::Tls stranger = test::makeTestCa(dir, "other");
-    Broker broker(&tls, {{"kiosk", "s3cret"}});
+    Broker broker(&tls, "kiosk", "s3cret");
     Subscriber sub(broker.port());
     struct Row {
         const char* name;
@@ -423,15 +423,9 @@ TEST(FleetEngine, APaymentIsOneEventAndAKilledEngineIsMarkedOffLine) {
 
     ASSERT_EQ(kiosk.ksxctl({"set", "Status", "DueCC", "12.5"}).status, 0);
     ASSERT_TRUE(test::eventually([&] { return kiosk.get("Status", "DueCC") == "0"; }, 60s));
-    fleet::JournalFileSource journal(kiosk.dir + "/KSX-journal.db");
-    bool journaled = false;
-    for (const JournalRow& r : journal.rowsAfter(0, 1000)) {
-        journaled = journaled || r.kind == journal_kind::kPaymentEnd;
-    }
     const auto isEnd = [](const Subscriber::Message& m) {
         return m.json()["kind"] == "payment end";
     };
-    ASSERT_TRUE(journaled) << "the payment's end is in the journal";
     const auto event = sub.waitFor("kestrix/engine/event", isEnd, 10s);
 
     kiosk.engine().signal(SIGKILL);

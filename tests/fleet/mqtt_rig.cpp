@@ -62,7 +62,7 @@ int freePort() {
     return port;
 }
 
-Broker::Broker(const Tls* tls, const std::vector<std::pair<std::string, std::string>>& passwords)
+Broker::Broker(const Tls* tls, const std::string& user, const std::string& password)
     : m_dir(makeTempDir("ksx-broker")), m_port(freePort()) {
     const passwd* me = ::getpwuid(::getuid());
     std::ofstream conf(m_dir + "/mosquitto.conf");
@@ -75,14 +75,10 @@ Broker::Broker(const Tls* tls, const std::vector<std::pair<std::string, std::str
     if (tls != nullptr) {
         m_tlsPort = freePort();
         const std::string passwordFile = m_dir + "/passwords";
-        for (const auto& [user, password] : passwords) {
-            const RunResult r =
-                run("/usr/bin/mosquitto_passwd",
-                    {"-b", std::string(::access(passwordFile.c_str(), F_OK) == 0 ? "" : "-c"),
-                     passwordFile, user, password});
-            if (r.status != 0) {
-                throw std::runtime_error("mosquitto_passwd: " + r.err);
-            }
+        const RunResult r =
+            run("/usr/bin/mosquitto_passwd", {"-b", "-c", passwordFile, user, password});
+        if (r.status != 0) {
+            throw std::runtime_error("mosquitto_passwd: " + r.err);
         }
         // Every interface, so that "localhost" answers whether it resolves to IPv4 or IPv6.
         conf << "listener " << m_tlsPort << "\n"
@@ -96,9 +92,7 @@ Broker::Broker(const Tls* tls, const std::vector<std::pair<std::string, std::str
     const bool up = eventually(
         [this] {
             const int fd = connectTo(m_port);
-            if (fd >= 0) {
-                ::close(fd);
-            }
+            ::close(fd);  // nothing when it failed (-1)
             return fd >= 0;
         },
         std::chrono::seconds(10));

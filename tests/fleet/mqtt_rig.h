@@ -34,10 +34,10 @@ public:
         std::string certFile;  // the broker's certificate for "localhost", signed by the CA
         std::string keyFile;
     };
-    // A plain listener for anyone; with `tls`, a second listener (tlsPort) that asks for TLS and a
-    // user name and password from `passwords` ("user" -> "password").
-    explicit Broker(const Tls* tls = nullptr,
-                    const std::vector<std::pair<std::string, std::string>>& passwords = {});
+    // A plain listener for anyone; with `tls`, a second listener (tlsPort) that asks for TLS and
+    // `user` with `password`.
+    explicit Broker(const Tls* tls = nullptr, const std::string& user = {},
+                    const std::string& password = {});
     int port() const { return m_port; }
     int tlsPort() const { return m_tlsPort; }
     std::string url() const { return "mqtt://127.0.0.1:" + std::to_string(m_port); }
