@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -69,11 +70,7 @@ TEST(SqliteStore, UnusablePathIsAStoreError) {
     EXPECT_THROW(SqliteStore{""}, StoreError);
     EXPECT_THROW(SqliteStore{dir}, StoreError) << "a directory is no database";
     EXPECT_THROW(SqliteStore{"/dev/null/KSX.db"}, StoreError);
-    {
-        std::FILE* f = std::fopen((dir + "/junk.db").c_str(), "w");
-        std::fputs("this is not a database, just some text that is long enough to check", f);
-        std::fclose(f);
-    }
+    std::ofstream(dir + "/junk.db") << "this is not a database, just text long enough to check";
     try {
         SqliteStore damaged(dir + "/junk.db");
         ADD_FAILURE() << "a damaged store opened";
@@ -159,7 +156,6 @@ TEST(SqliteStore, AStoreDeletedOrReplacedWhileInUseIsNoticedAndFollowed) {
     EXPECT_NE(notices.back().find("usable again"), std::string::npos);
 }
 
-#ifndef _WIN32
 TEST(SqliteStore, ANewStoreIsPrivateAndALookNeverCreatesOne) {
     namespace fs = std::filesystem;
     const std::string path = freshStore();
@@ -183,7 +179,6 @@ TEST(SqliteStore, ANewStoreIsPrivateAndALookNeverCreatesOne) {
     store.set("KSX", "Pin Pad", "Password", "changed");
     EXPECT_EQ(reader.get("KSX", "Pin Pad", "Password"), "changed") << "reads stay fresh";
 }
-#endif
 
 // The store path as the programs resolve it with KSX_STORE and XDG_CONFIG_HOME set as given
 // (nullptr: unset) and HOME=/home/kiosk. The test's own environment is put back afterwards.
