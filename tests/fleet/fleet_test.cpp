@@ -206,25 +206,25 @@ TEST(FleetState, HopperLevelsFromTheirLastDispense) {
     EXPECT_EQ(state.hoppers[1].coinMinor, 500);
 }
 
-// The link to the broker is cut for 30 s while the kiosk goes on journaling: the broker marks the
-// kiosk off line, and after the link is back every event of the outage arrives, in order.
+// The broker is down for 30 s while the kiosk goes on journaling: after it is back, every event
+// of the outage arrives, in order. (That the broker marks a kiosk it lost off line is the
+// engine test's last will.)
 TEST(FleetPublisher, EveryEventOfAThirtySecondOutageArrivesInOrderAfterIt) {
-    Broker broker;
-    test::CuttableLink link(broker.port());
-    Subscriber sub(broker.port());
+    auto broker = std::make_unique<Broker>();
+    const int port = broker->port();
+    auto sub = std::make_unique<Subscriber>(port);
     test::TestJournal journal;
-    fleet::Publisher publisher = publisherFor(configFor("127.0.0.1", link.port(), "outage"),
-                                              journal, test::makeTempDir("ksx-fleet") + "/marker");
+    fleet::Publisher publisher = publisherFor(configFor("127.0.0.1", port, "outage"), journal,
+                                              test::makeTempDir("ksx-fleet") + "/marker");
     publisher.start();
-    ASSERT_TRUE(markedOnline(sub, "outage", true));
+    ASSERT_TRUE(markedOnline(*sub, "outage", true));
     for (int i = 1; i <= 3; ++i) {
         journal.append(paymentEnd(100 * i));
     }
-    ASSERT_TRUE(test::eventually(
-        [&] { return firstArrivals(sub, "kestrix/outage/event").size() == 3; }, 10s));
+    ASSERT_TRUE(test::eventually([&] { return publisher.acknowledged() == 3; }, 10s));
 
-    link.cut();
-    ASSERT_TRUE(markedOnline(sub, "outage", false));
+    sub.reset();
+    broker.reset();
     const auto outageEnd = std::chrono::steady_clock::now() + 30s;
     for (int i = 4; std::chrono::steady_clock::now() < outageEnd; ++i) {
         JournalRow row = paymentEnd(100 * i);
@@ -234,21 +234,22 @@ TEST(FleetPublisher, EveryEventOfAThirtySecondOutageArrivesInOrderAfterIt) {
         journal.append(row);
         std::this_thread::sleep_for(4s);
     }
-    EXPECT_EQ(firstArrivals(sub, "kestrix/outage/event").size(), 3u);
-    link.mend();
+    EXPECT_EQ(publisher.acknowledged(), 3);
+    broker = std::make_unique<Broker>(port);
+    sub = std::make_unique<Subscriber>(port);
 
     const std::int64_t last = journal.lastSequence();
     ASSERT_TRUE(test::eventually([&] { return publisher.acknowledged() == last; }, 30s));
-    ASSERT_TRUE(markedOnline(sub, "outage", true, 5s));
+    ASSERT_TRUE(markedOnline(*sub, "outage", true, 5s));
     std::vector<std::int64_t> expected;
-    for (std::int64_t s = 1; s <= last; ++s) {
-        if (s % 3 != 0 || s < 4) {
+    for (std::int64_t s = 4; s <= last; ++s) {
+        if (s % 3 != 0) {
             expected.push_back(s);
         }
     }
     ASSERT_TRUE(test::eventually(
-        [&] { return firstArrivals(sub, "kestrix/outage/event").size() == expected.size(); }, 5s));
-    EXPECT_EQ(firstArrivals(sub, "kestrix/outage/event"), expected);
+        [&] { return firstArrivals(*sub, "kestrix/outage/event").size() == expected.size(); }, 5s));
+    EXPECT_EQ(firstArrivals(*sub, "kestrix/outage/event"), expected);
 }
 
 // The outbox survives the engine: events journaled while no broker answered are sent by the next
@@ -284,7 +285,7 @@ TEST(FleetPublisher, TlsWithAUserAndPassword) {
     const std::string dir = test::makeTempDir("ksx-tls");
     const Broker::Tls tls = test::makeTestCa(dir, "ca");
     const Broker::Tls stranger = test::makeTestCa(dir, "other");
-    Broker broker(&tls, "kiosk", "s3cret");
+    Broker broker(0, &tls, "kiosk", "s3cret");
     Subscriber sub(broker.port());
     struct Row {
         const char* name;

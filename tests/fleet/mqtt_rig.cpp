@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <mosquitto.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,52 +17,29 @@ namespace kestrix::test {
 
 namespace {
 
-int listenOn(int port) {
+// Binds (port 0: the system picks) or connects a TCP socket on the loopback; its port, or -1.
+int onLoopback(int port, bool connect) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int yes = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-int portOf(int fd) {
-    sockaddr_in addr{};
     socklen_t len = sizeof addr;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    return ntohs(addr.sin_port);
-}
-
-int connectTo(int port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    auto* a = reinterpret_cast<sockaddr*>(&addr);
+    const bool ok = connect ? ::connect(fd, a, len) == 0
+                            : ::bind(fd, a, len) == 0 && ::getsockname(fd, a, &len) == 0;
+    ::close(fd);
+    return ok ? ntohs(addr.sin_port) : -1;
 }
 
 }  // namespace
 
 int freePort() {
-    const int fd = listenOn(0);
-    const int port = portOf(fd);
-    ::close(fd);
-    return port;
+    return onLoopback(0, false);
 }
 
-Broker::Broker(const Tls* tls, const std::string& user, const std::string& password)
-    : m_dir(makeTempDir("ksx-broker")), m_port(freePort()) {
+Broker::Broker(int port, const Tls* tls, const std::string& user, const std::string& password)
+    : m_dir(makeTempDir("ksx-broker")), m_port(port != 0 ? port : freePort()) {
     const passwd* me = ::getpwuid(::getuid());
     std::ofstream conf(m_dir + "/mosquitto.conf");
     // As root, mosquitto would drop to a "mosquitto" user that cannot read the test's files.
@@ -89,13 +65,8 @@ Broker::Broker(const Tls* tls, const std::string& user, const std::string& passw
     conf.close();
     m_process = std::make_unique<ChildProcess>(
         "/usr/sbin/mosquitto", std::vector<std::string>{"-c", m_dir + "/mosquitto.conf"});
-    const bool up = eventually(
-        [this] {
-            const int fd = connectTo(m_port);
-            ::close(fd);  // nothing when it failed (-1)
-            return fd >= 0;
-        },
-        std::chrono::seconds(10));
+    const bool up =
+        eventually([this] { return onLoopback(m_port, true) >= 0; }, std::chrono::seconds(10));
     if (!up) {
         throw std::runtime_error("mosquitto did not start: " + m_process->err());
     }
@@ -194,84 +165,6 @@ std::optional<Subscriber::Message> Subscriber::waitFor(
 void Subscriber::publish(const std::string& topic, const std::string& payload) {
     mosquitto_publish(m_mosq, nullptr, topic.c_str(), static_cast<int>(payload.size()),
                       payload.data(), 1, false);
-}
-
-CuttableLink::CuttableLink(int brokerPort) : m_brokerPort(brokerPort) {
-    m_listener = listenOn(0);
-    m_port = portOf(m_listener);
-    m_thread = std::thread([this] { run(); });
-}
-
-CuttableLink::~CuttableLink() {
-    m_stop = true;
-    m_thread.join();
-    ::close(m_listener);
-}
-
-void CuttableLink::cut() {
-    m_open = false;
-}
-
-void CuttableLink::mend() {
-    m_open = true;
-}
-
-void CuttableLink::run() {
-    std::vector<std::pair<int, int>> pairs;  // kiosk side, broker side
-    const auto closeAll = [&pairs] {
-        for (auto [a, b] : pairs) {
-            ::close(a);
-            ::close(b);
-        }
-        pairs.clear();
-    };
-    while (!m_stop) {
-        if (!m_open) {
-            closeAll();
-        }
-        std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
-        for (auto [a, b] : pairs) {
-            fds.push_back({a, POLLIN, 0});
-            fds.push_back({b, POLLIN, 0});
-        }
-        if (::poll(fds.data(), fds.size(), 20) <= 0) {
-            continue;
-        }
-        if (fds[0].revents & POLLIN) {
-            const int client = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-            const int broker = m_open && client >= 0 ? connectTo(m_brokerPort) : -1;
-            if (broker >= 0) {
-                pairs.emplace_back(client, broker);
-            } else if (client >= 0) {
-                ::close(client);
-            }
-            continue;
-        }
-        for (std::size_t i = 0; i < pairs.size(); ++i) {
-            const pollfd& pa = fds[1 + 2 * i];
-            const pollfd& pb = fds[2 + 2 * i];
-            bool dead = false;
-            for (auto [from, to, revents] :
-                 {std::tuple{pairs[i].first, pairs[i].second, pa.revents},
-                  std::tuple{pairs[i].second, pairs[i].first, pb.revents}}) {
-                if (revents == 0) {
-                    continue;
-                }
-                char buf[4096];
-                const ssize_t n = ::read(from, buf, sizeof buf);
-                if (n <= 0 || ::write(to, buf, static_cast<std::size_t>(n)) != n) {
-                    dead = true;
-                }
-            }
-            if (dead) {
-                ::close(pairs[i].first);
-                ::close(pairs[i].second);
-                pairs.erase(pairs.begin() + static_cast<std::ptrdiff_t>(i));
-                break;
-            }
-        }
-    }
-    closeAll();
 }
 
 void TestJournal::append(fleet::JournalRow row) {

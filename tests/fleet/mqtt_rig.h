@@ -5,13 +5,11 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "engine/platform/log.h"
@@ -34,9 +32,9 @@ public:
         std::string certFile;  // the broker's certificate for "localhost", signed by the CA
         std::string keyFile;
     };
-    // A plain listener for anyone; with `tls`, a second listener (tlsPort) that asks for TLS and
-    // `user` with `password`.
-    explicit Broker(const Tls* tls = nullptr, const std::string& user = {},
+    // A plain listener for anyone on `port` (0: a free one); with `tls`, a second listener
+    // (tlsPort) that asks for TLS and `user` with `password`.
+    explicit Broker(int port = 0, const Tls* tls = nullptr, const std::string& user = {},
                     const std::string& password = {});
     int port() const { return m_port; }
     int tlsPort() const { return m_tlsPort; }
@@ -81,26 +79,6 @@ private:
     mosquitto* m_mosq = nullptr;
     mutable std::mutex m_mutex;
     std::vector<Message> m_messages;
-};
-
-// A TCP forwarder between the kiosk and the broker: cut() drops every connection through it and
-// refuses new ones until mend().
-class CuttableLink {
-public:
-    explicit CuttableLink(int brokerPort);
-    ~CuttableLink();
-    int port() const { return m_port; }
-    void cut();
-    void mend();
-
-private:
-    void run();
-    int m_brokerPort;
-    int m_port = 0;
-    int m_listener = -1;
-    std::atomic<bool> m_open{true};
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
 };
 
 // A journal the test appends to; safe to read from the publisher's thread. Its faults are read
