@@ -96,28 +96,26 @@ Broker::Tls makeTestCa(const std::string& dir, const std::string& name) {
     return t;
 }
 
-Subscriber::Subscriber(int port, const std::string& topic) {
+Subscriber::Subscriber(int port) {
     mosquitto_lib_init();  // counted: every call after the first does nothing
     m_mosq = mosquitto_new(nullptr, true, this);
     mosquitto_message_callback_set(m_mosq, &Subscriber::onMessage);
     if (mosquitto_connect(m_mosq, "127.0.0.1", port, 30) != MOSQ_ERR_SUCCESS) {
         throw std::runtime_error("subscriber cannot connect");
     }
-    mosquitto_subscribe(m_mosq, nullptr, topic.c_str(), 1);
+    mosquitto_subscribe(m_mosq, nullptr, "kestrix/#", 1);
     mosquitto_loop_start(m_mosq);
-    // A round trip through the broker: once this arrives, the subscription is in place.
-    const std::string probe =
-        "kestrix-test/probe/" + std::to_string(reinterpret_cast<std::uintptr_t>(this));
-    mosquitto_subscribe(m_mosq, nullptr, probe.c_str(), 1);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-        publish(probe, "x");
-        if (waitFor(
-                probe, [](const Message&) { return true; }, std::chrono::milliseconds(200))) {
-            return;
-        }
+    // A round trip through the broker: once a message of its own arrives, the subscription is in
+    // place.
+    const bool subscribed = eventually(
+        [this] {
+            publish("kestrix/probe", "x");
+            return !messages("kestrix/probe").empty();
+        },
+        std::chrono::seconds(10));
+    if (!subscribed) {
+        throw std::runtime_error("subscriber did not get its subscription");
     }
-    throw std::runtime_error("subscriber did not get its subscription");
 }
 
 Subscriber::~Subscriber() {
@@ -129,17 +127,15 @@ Subscriber::~Subscriber() {
 void Subscriber::onMessage(mosquitto*, void* obj, const ::mosquitto_message* m) {
     auto* self = static_cast<Subscriber*>(obj);
     std::lock_guard lock(self->m_mutex);
-    self->m_messages.push_back(
-        {m->topic,
-         std::string(static_cast<const char*>(m->payload), static_cast<std::size_t>(m->payloadlen)),
-         m->retain});
+    self->m_messages.push_back({m->topic, std::string(static_cast<const char*>(m->payload),
+                                                      static_cast<std::size_t>(m->payloadlen))});
 }
 
 std::vector<Subscriber::Message> Subscriber::messages(const std::string& topic) const {
     std::lock_guard lock(m_mutex);
     std::vector<Message> out;
     for (const Message& m : m_messages) {
-        if (topic.empty() || m.topic == topic) {
+        if (m.topic == topic) {
             out.push_back(m);
         }
     }
