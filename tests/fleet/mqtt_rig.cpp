@@ -164,15 +164,15 @@ void Subscriber::publish(const std::string& topic, const std::string& payload) {
 }
 
 void TestJournal::append(fleet::JournalRow row) {
-    std::lock_guard lock(m_mutex);
-    row.sequence = static_cast<std::int64_t>(m_rows.size()) + 1;
-    m_rows.push_back(row);
+    std::lock_guard lock(m_shared->mutex);
+    row.sequence = static_cast<std::int64_t>(m_shared->rows.size()) + 1;
+    m_shared->rows.push_back(row);
 }
 
 std::vector<fleet::JournalRow> TestJournal::rowsAfter(std::int64_t sequence, std::size_t limit) {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_shared->mutex);
     std::vector<fleet::JournalRow> out;
-    for (const fleet::JournalRow& r : m_rows) {
+    for (const fleet::JournalRow& r : m_shared->rows) {
         if (r.sequence > sequence && out.size() < limit) {
             out.push_back(r);
         }
@@ -181,8 +181,8 @@ std::vector<fleet::JournalRow> TestJournal::rowsAfter(std::int64_t sequence, std
 }
 
 std::int64_t TestJournal::lastSequence() {
-    std::lock_guard lock(m_mutex);
-    return static_cast<std::int64_t>(m_rows.size());
+    std::lock_guard lock(m_shared->mutex);
+    return static_cast<std::int64_t>(m_shared->rows.size());
 }
 
 void SharedLog::write(LogLevel level, std::string_view message, const LogFields&) {

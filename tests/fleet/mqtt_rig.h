@@ -79,8 +79,9 @@ private:
     std::vector<Message> m_messages;
 };
 
-// A journal the test appends to; safe to read from the publisher's thread. Its faults are read
-// as events: a publisher starts on it before any is written.
+// A journal the test appends to; safe to read from the publisher's thread. Its copies share its
+// rows (a publisher owns its copy). Its faults are read as events: a publisher starts on it
+// before any is written.
 class TestJournal : public fleet::EventSource {
 public:
     // Appends a row, its sequence the next one.
@@ -90,8 +91,11 @@ public:
     std::vector<fleet::JournalRow> latestFaultRows() override { return {}; }
 
 private:
-    std::mutex m_mutex;
-    std::vector<fleet::JournalRow> m_rows;
+    struct Rows {
+        std::mutex mutex;
+        std::vector<fleet::JournalRow> rows;
+    };
+    std::shared_ptr<Rows> m_shared = std::make_shared<Rows>();
 };
 
 // A log safe to write from the publisher's thread.
