@@ -15,6 +15,14 @@
 #include "platform_win/com_payment_library_win.h"
 #include "sim/world/memory_store.h"
 
+// The test component's scripting (pin_pad_server.cpp), from the very module COM loads from its
+// registered path beside this program.
+extern "C" {
+void TestPinPadScript(const wchar_t* member, const wchar_t* outcome);
+const wchar_t* TestPinPadCalls();
+void TestPinPadReset();
+}
+
 namespace kestrix::win {
 namespace {
 
@@ -30,37 +38,22 @@ std::wstring wide(std::string_view ascii) {
     return std::wstring(ascii.begin(), ascii.end());
 }
 
-using ScriptFn = void (*)(const wchar_t*, const wchar_t*);
-using CallsFn = const wchar_t* (*)();
-using ResetFn = void (*)();
-
 class ComAdapter : public ::testing::Test {
 public:
     static void SetUpTestSuite() {
         const std::wstring dll = besideThisProgram(L"kestrix_test_pin_pad.dll");
         s_registered = _wsystem((L"regsvr32.exe /s \"" + dll + L"\"").c_str()) == 0;
-        // The same module COM loads from the registered path: the scripts reach the component.
-        const HMODULE module = LoadLibraryW(dll.c_str());
-        if (module != nullptr) {
-            s_script = reinterpret_cast<ScriptFn>(
-                reinterpret_cast<void*>(GetProcAddress(module, "TestPinPadScript")));
-            s_calls = reinterpret_cast<CallsFn>(
-                reinterpret_cast<void*>(GetProcAddress(module, "TestPinPadCalls")));
-            s_reset = reinterpret_cast<ResetFn>(
-                reinterpret_cast<void*>(GetProcAddress(module, "TestPinPadReset")));
-        }
     }
 
     void SetUp() override {
         ASSERT_TRUE(s_registered) << "regsvr32 kestrix_test_pin_pad.dll failed";
-        ASSERT_NE(s_reset, nullptr) << "kestrix_test_pin_pad.dll not loaded";
-        s_reset();
+        TestPinPadReset();
     }
 
     static void script(std::string_view member, const std::wstring& outcome) {
-        s_script(wide(member).c_str(), outcome.c_str());
+        TestPinPadScript(wide(member).c_str(), outcome.c_str());
     }
-    static std::wstring calls() { return s_calls(); }
+    static std::wstring calls() { return TestPinPadCalls(); }
     void map(std::string_view operation, std::string_view method) {
         store.set(store::kApp, store::section::kPinPadMethods, operation, method);
     }
@@ -68,9 +61,6 @@ public:
     sim::MemoryStore store;
 
     static inline bool s_registered = false;
-    static inline ScriptFn s_script = nullptr;
-    static inline CallsFn s_calls = nullptr;
-    static inline ResetFn s_reset = nullptr;
 };
 
 // With nothing configured, the class is found through the registered type library and every
@@ -211,7 +201,7 @@ TEST_F(ComAdapter, FailuresComeAsTheErrorNumbersTheConsoleReports) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
         store = sim::MemoryStore();
-        s_reset();
+        TestPinPadReset();
         row.arrange(*this);
         ComPaymentLibrary library(store);
         try {
