@@ -173,8 +173,11 @@ TEST_F(ComAdapter, FailuresComeAsTheErrorNumbersTheConsoleReports) {
     };
     const std::vector<Row> rows = {
         {"a name the component does not have",
-         [](ComAdapter& t) { t.map("readCard", "LeerTarjeta"); }, 438,
-         "Object doesn't support this property or method (LeerTarjeta)"},
+         [](ComAdapter& t) {
+             t.map("readCard", "LeerTarjeta");
+             script("LeerTarjeta", L"absent");
+         },
+         438, "Object doesn't support this property or method (LeerTarjeta)"},
         {"a Visual Basic error raised in the component",
          [](ComAdapter&) { script("ReadCard", L"raise:0x800A0005:0:Invalid procedure call"); }, 5,
          "Invalid procedure call (ReadCard)"},
