@@ -39,24 +39,26 @@ fleet::FleetConfig configFor(const std::string& host, int port, const std::strin
     return c;
 }
 
-fleet::PublisherTiming quick() {
-    fleet::PublisherTiming t;
-    t.tick = 50ms;
-    t.stateInterval = 100ms;
-    t.maxRetryWait = 2s;
-    return t;
+// A publisher on the test's journal that ticks, states and retries quickly.
+fleet::Publisher publisherFor(const fleet::FleetConfig& config, const test::TestJournal& journal,
+                              const std::string& marker, Log* log = nullptr) {
+    fleet::PublisherTiming quick;
+    quick.tick = 50ms;
+    quick.stateInterval = 100ms;
+    quick.maxRetryWait = 2s;
+    return fleet::Publisher(config, std::make_unique<test::TestJournal>(journal), marker, log,
+                            quick);
 }
 
-// The test keeps the journal; the publisher reads it through this.
-struct JournalReader : fleet::EventSource {
-    explicit JournalReader(test::TestJournal& j) : journal(j) {}
-    std::vector<JournalRow> rowsAfter(std::int64_t s, std::size_t n) override {
-        return journal.rowsAfter(s, n);
-    }
-    std::int64_t lastSequence() override { return journal.lastSequence(); }
-    std::vector<JournalRow> latestFaultRows() override { return journal.latestFaultRows(); }
-    test::TestJournal& journal;
-};
+// Whether the broker comes to say `kiosk` is on line (or off line).
+bool markedOnline(Subscriber& sub, const std::string& kiosk, bool online,
+                  std::chrono::milliseconds timeout = 10s) {
+    const std::string payload = online ? "true" : "false";
+    return sub
+        .waitFor(
+            "kestrix/" + kiosk + "/online", [&](auto& m) { return m.payload == payload; }, timeout)
+        .has_value();
+}
 
 JournalRow paymentEnd(std::int64_t creditMinor, const std::string& detail = "Payment Completed") {
     JournalRow r;
@@ -77,14 +79,6 @@ std::vector<std::int64_t> firstArrivals(const Subscriber& sub, const std::string
         }
     }
     return seen;
-}
-
-std::vector<std::int64_t> range(std::int64_t from, std::int64_t to) {
-    std::vector<std::int64_t> v;
-    for (std::int64_t s = from; s <= to; ++s) {
-        v.push_back(s);
-    }
-    return v;
 }
 
 TEST(FleetConfig, BrokerAddresses) {
@@ -202,29 +196,25 @@ TEST(FleetState, HopperLevelsFromTheirLastDispense) {
     EXPECT_EQ(state.hoppers[1].coinMinor, 500);
 }
 
-// The link to the broker is cut for 30 s while the kiosk goes on journaling: the broker marks the
-// kiosk off line, and after the link is back every event of the outage arrives, in order.
+// The broker is down for 30 s while the kiosk goes on journaling: after it is back, every event
+// of the outage arrives, in order. (That the broker marks a kiosk it lost off line is the
+// engine test's last will.)
 TEST(FleetPublisher, EveryEventOfAThirtySecondOutageArrivesInOrderAfterIt) {
-    Broker broker;
-    test::CuttableLink link(broker.port());
-    Subscriber sub(broker.port());
+    auto broker = std::make_unique<Broker>();
+    const int port = broker->port();
+    auto sub = std::make_unique<Subscriber>(port);
     test::TestJournal journal;
-    const std::string dir = test::makeTempDir("ksx-fleet");
-    fleet::Publisher publisher(configFor("127.0.0.1", link.port(), "outage"),
-                               std::make_unique<JournalReader>(journal), dir + "/marker", nullptr,
-                               quick());
+    fleet::Publisher publisher = publisherFor(configFor("127.0.0.1", port, "outage"), journal,
+                                              test::makeTempDir("ksx-fleet") + "/marker");
     publisher.start();
-    ASSERT_TRUE(sub.waitFor(
-        "kestrix/outage/online", [](auto& m) { return m.payload == "true"; }, 10s));
+    ASSERT_TRUE(markedOnline(*sub, "outage", true));
     for (int i = 1; i <= 3; ++i) {
         journal.append(paymentEnd(100 * i));
     }
-    ASSERT_TRUE(test::eventually(
-        [&] { return firstArrivals(sub, "kestrix/outage/event").size() == 3; }, 10s));
+    ASSERT_TRUE(test::eventually([&] { return publisher.acknowledged() == 3; }, 10s));
 
-    link.cut();
-    ASSERT_TRUE(sub.waitFor(
-        "kestrix/outage/online", [](auto& m) { return m.payload == "false"; }, 10s));
+    sub.reset();
+    broker.reset();
     const auto outageEnd = std::chrono::steady_clock::now() + 30s;
     for (int i = 4; std::chrono::steady_clock::now() < outageEnd; ++i) {
         JournalRow row = paymentEnd(100 * i);
@@ -234,22 +224,22 @@ TEST(FleetPublisher, EveryEventOfAThirtySecondOutageArrivesInOrderAfterIt) {
         journal.append(row);
         std::this_thread::sleep_for(4s);
     }
-    EXPECT_EQ(firstArrivals(sub, "kestrix/outage/event").size(), 3u);
-    link.mend();
+    EXPECT_EQ(publisher.acknowledged(), 3);
+    broker = std::make_unique<Broker>(port);
+    sub = std::make_unique<Subscriber>(port);
 
     const std::int64_t last = journal.lastSequence();
     ASSERT_TRUE(test::eventually([&] { return publisher.acknowledged() == last; }, 30s));
-    ASSERT_TRUE(sub.waitFor(
-        "kestrix/outage/online", [](auto& m) { return m.payload == "true"; }, 5s));
+    ASSERT_TRUE(markedOnline(*sub, "outage", true, 5s));
     std::vector<std::int64_t> expected;
-    for (std::int64_t s = 1; s <= last; ++s) {
-        if (s % 3 != 0 || s < 4) {
+    for (std::int64_t s = 4; s <= last; ++s) {
+        if (s % 3 != 0) {
             expected.push_back(s);
         }
     }
     ASSERT_TRUE(test::eventually(
-        [&] { return firstArrivals(sub, "kestrix/outage/event").size() == expected.size(); }, 5s));
-    EXPECT_EQ(firstArrivals(sub, "kestrix/outage/event"), expected);
+        [&] { return firstArrivals(*sub, "kestrix/outage/event").size() == expected.size(); }, 5s));
+    EXPECT_EQ(firstArrivals(*sub, "kestrix/outage/event"), expected);
 }
 
 // The outbox survives the engine: events journaled while no broker answered are sent by the next
@@ -260,8 +250,8 @@ TEST(FleetPublisher, EventsNotSentBeforeAStopAreSentAfterTheNextStart) {
     const std::string marker = test::makeTempDir("ksx-fleet") + "/marker";
     const int port = test::freePort();
     {
-        fleet::Publisher first(configFor("127.0.0.1", port, "restart"),
-                               std::make_unique<JournalReader>(journal), marker, nullptr, quick());
+        fleet::Publisher first =
+            publisherFor(configFor("127.0.0.1", port, "restart"), journal, marker);
         first.start();
         ASSERT_TRUE(test::eventually([&] { return fleet::readMarker(marker) == 1; }, 5s));
         journal.append(paymentEnd(2));
@@ -271,12 +261,17 @@ TEST(FleetPublisher, EventsNotSentBeforeAStopAreSentAfterTheNextStart) {
 
     Broker broker;  // a broker only now
     Subscriber sub(broker.port());
-    test::TestJournal& same = journal;
-    fleet::Publisher second(configFor("127.0.0.1", broker.port(), "restart"),
-                            std::make_unique<JournalReader>(same), marker, nullptr, quick());
+    fleet::Publisher second =
+        publisherFor(configFor("127.0.0.1", broker.port(), "restart"), journal, marker);
     second.start();
-    ASSERT_TRUE(test::eventually([&] { return second.acknowledged() == 3; }, 10s));
-    EXPECT_EQ(firstArrivals(sub, "kestrix/restart/event"), range(2, 3));
+    // The broker's acknowledgement and its copy to the subscriber travel apart.
+    ASSERT_TRUE(test::eventually(
+        [&] {
+            return second.acknowledged() == 3 &&
+                   firstArrivals(sub, "kestrix/restart/event").size() >= 2;
+        },
+        10s));
+    EXPECT_EQ(firstArrivals(sub, "kestrix/restart/event"), (std::vector<std::int64_t>{2, 3}));
     second.stop();
     EXPECT_EQ(fleet::readMarker(marker), 3);
 }
@@ -286,7 +281,7 @@ TEST(FleetPublisher, TlsWithAUserAndPassword) {
     const std::string dir = test::makeTempDir("ksx-tls");
     const Broker::Tls tls = test::makeTestCa(dir, "ca");
     const Broker::Tls stranger = test::makeTestCa(dir, "other");
-    Broker broker(&tls, {{"kiosk", "s3cret"}});
+    Broker broker(0, &tls, "kiosk", "s3cret");
     Subscriber sub(broker.port());
     struct Row {
         const char* name;
@@ -307,19 +302,18 @@ TEST(FleetPublisher, TlsWithAUserAndPassword) {
         c.password = r.password;
         test::SharedLog log;
         test::TestJournal journal;
-        fleet::Publisher publisher(c, std::make_unique<JournalReader>(journal),
-                                   dir + "/" + r.name + ".seq", &log, quick());
+        fleet::Publisher publisher = publisherFor(c, journal, dir + "/" + r.name + ".seq", &log);
         publisher.start();
-        const std::string online = "kestrix/" + std::string(r.name) + "/online";
         if (std::string(r.logged).empty()) {
-            EXPECT_TRUE(sub.waitFor(
-                online, [](auto& m) { return m.payload == "true"; }, 10s))
-                << log.text();
+            EXPECT_TRUE(markedOnline(sub, r.name, true)) << log.text();
             journal.append(paymentEnd(42));
             EXPECT_TRUE(sub.waitFor(
                 "kestrix/good/event", [](auto&) { return true; }, 10s));
         } else {
-            EXPECT_TRUE(log.waitForLine(r.logged, 10s)) << r.name << "\n" << log.text();
+            EXPECT_TRUE(test::eventually(
+                [&] { return log.text().find(r.logged) != std::string::npos; }, 10s))
+                << r.name << "\n"
+                << log.text();
             EXPECT_FALSE(publisher.connected());
         }
     }
@@ -333,22 +327,19 @@ TEST(FleetTable, OneLinePerKioskFromTheRetainedStates) {
     const std::string dir = test::makeTempDir("ksx-table");
     test::TestJournal northJournal;
     test::TestJournal southJournal;
-    fleet::Publisher north(configFor("127.0.0.1", broker.port(), "north"),
-                           std::make_unique<JournalReader>(northJournal), dir + "/n", nullptr,
-                           quick());
-    fleet::Publisher south(configFor("127.0.0.1", broker.port(), "south"),
-                           std::make_unique<JournalReader>(southJournal), dir + "/s", nullptr,
-                           quick());
-    const auto field = [](const char* name, const char* text, int value = 0) {
+    fleet::Publisher north =
+        publisherFor(configFor("127.0.0.1", broker.port(), "north"), northJournal, dir + "/n");
+    fleet::Publisher south =
+        publisherFor(configFor("127.0.0.1", broker.port(), "south"), southJournal, dir + "/s");
+    const auto textBox = [](const char* name, const char* text) {
         Field f;
         f.name = name;
-        f.kind = value != 0 ? FieldKind::CheckBox : FieldKind::TextBox;
+        f.kind = FieldKind::TextBox;
         f.text = text;
-        f.value = value;
         return f;
     };
-    north.view().noteField(field("tubesAmount", "320"));
-    south.view().noteField(field("bdCasetteStatus", "LOW"));
+    north.view().noteField(textBox("tubesAmount", "320"));
+    south.view().noteField(textBox("bdCasetteStatus", "LOW"));
     north.start();
     south.start();
     ASSERT_TRUE(test::eventually([&] { return north.connected() && south.connected(); }, 10s));
@@ -395,10 +386,7 @@ TEST(FleetEngine, APaymentIsOneEventAndAKilledEngineIsMarkedOffLine) {
     kiosk.set("Fleet", "Broker", broker.url());
     kiosk.set("Fleet", "KioskId", "engine");
     ASSERT_TRUE(kiosk.start());
-    ASSERT_TRUE(sub.waitFor(
-        "kestrix/engine/online", [](auto& m) { return m.payload == "true"; }, 10s))
-        << kiosk.engine().err();
-    // The retained state shows the devices and the tubes as the engine published them.
+    ASSERT_TRUE(markedOnline(sub, "engine", true)) << kiosk.engine().err();
     const double tubesMinor =
         static_cast<double>(Money::parse(kiosk.get("Status", "Tubes"))->minor());
     const auto state = sub.waitFor(
@@ -432,20 +420,13 @@ TEST(FleetEngine, APaymentIsOneEventAndAKilledEngineIsMarkedOffLine) {
 
     ASSERT_EQ(kiosk.ksxctl({"set", "Status", "DueCC", "12.5"}).status, 0);
     ASSERT_TRUE(test::eventually([&] { return kiosk.get("Status", "DueCC") == "0"; }, 60s));
-    fleet::JournalFileSource journal(kiosk.dir + "/KSX-journal.db");
-    bool journaled = false;
-    for (const JournalRow& r : journal.rowsAfter(0, 1000)) {
-        journaled = journaled || r.kind == journal_kind::kPaymentEnd;
-    }
     const auto isEnd = [](const Subscriber::Message& m) {
         return m.json()["kind"] == "payment end";
     };
-    ASSERT_TRUE(journaled) << "the payment's end is in the journal";
     const auto event = sub.waitFor("kestrix/engine/event", isEnd, 10s);
 
     kiosk.engine().signal(SIGKILL);
-    EXPECT_TRUE(sub.waitFor(
-        "kestrix/engine/online", [](auto& m) { return m.payload == "false"; }, 10s));
+    EXPECT_TRUE(markedOnline(sub, "engine", false));
     ASSERT_TRUE(event);
     EXPECT_EQ(event->json()["amountMinor"].toDouble(), 1250) << event->payload;
     int ends = 0;

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <mosquitto.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,67 +17,29 @@ namespace kestrix::test {
 
 namespace {
 
-int listenOn(int port) {
+// Binds (port 0: the system picks) or connects a TCP socket on the loopback; its port, or -1.
+int onLoopback(int port, bool connect) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int yes = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-int portOf(int fd) {
-    sockaddr_in addr{};
     socklen_t len = sizeof addr;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    return ntohs(addr.sin_port);
-}
-
-int connectTo(int port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-std::string mosquittoBinary() {
-    for (const char* p :
-         {"/usr/sbin/mosquitto", "/usr/bin/mosquitto", "/usr/local/sbin/mosquitto"}) {
-        if (::access(p, X_OK) == 0) {
-            return p;
-        }
-    }
-    throw std::runtime_error("mosquitto is not installed (scripts/bootstrap installs it)");
-}
-
-void initMosquitto() {
-    static std::once_flag once;
-    std::call_once(once, [] { mosquitto_lib_init(); });
+    auto* a = reinterpret_cast<sockaddr*>(&addr);
+    const bool ok = connect ? ::connect(fd, a, len) == 0
+                            : ::bind(fd, a, len) == 0 && ::getsockname(fd, a, &len) == 0;
+    ::close(fd);
+    return ok ? ntohs(addr.sin_port) : -1;
 }
 
 }  // namespace
 
 int freePort() {
-    const int fd = listenOn(0);
-    const int port = portOf(fd);
-    ::close(fd);
-    return port;
+    return onLoopback(0, false);
 }
 
-Broker::Broker(const Tls* tls, const std::vector<std::pair<std::string, std::string>>& passwords)
-    : m_dir(makeTempDir("ksx-broker")), m_port(freePort()) {
+Broker::Broker(int port, const Tls* tls, const std::string& user, const std::string& password)
+    : m_dir(makeTempDir("ksx-broker")), m_port(port != 0 ? port : freePort()) {
     const passwd* me = ::getpwuid(::getuid());
     std::ofstream conf(m_dir + "/mosquitto.conf");
     // As root, mosquitto would drop to a "mosquitto" user that cannot read the test's files.
@@ -90,14 +51,10 @@ Broker::Broker(const Tls* tls, const std::vector<std::pair<std::string, std::str
     if (tls != nullptr) {
         m_tlsPort = freePort();
         const std::string passwordFile = m_dir + "/passwords";
-        for (const auto& [user, password] : passwords) {
-            const RunResult r =
-                run("/usr/bin/mosquitto_passwd",
-                    {"-b", std::string(::access(passwordFile.c_str(), F_OK) == 0 ? "" : "-c"),
-                     passwordFile, user, password});
-            if (r.status != 0) {
-                throw std::runtime_error("mosquitto_passwd: " + r.err);
-            }
+        const RunResult r =
+            run("/usr/bin/mosquitto_passwd", {"-b", "-c", passwordFile, user, password});
+        if (r.status != 0) {
+            throw std::runtime_error("mosquitto_passwd: " + r.err);
         }
         // Every interface, so that "localhost" answers whether it resolves to IPv4 or IPv6.
         conf << "listener " << m_tlsPort << "\n"
@@ -107,16 +64,9 @@ Broker::Broker(const Tls* tls, const std::vector<std::pair<std::string, std::str
     }
     conf.close();
     m_process = std::make_unique<ChildProcess>(
-        mosquittoBinary(), std::vector<std::string>{"-c", m_dir + "/mosquitto.conf"});
-    const bool up = eventually(
-        [this] {
-            const int fd = connectTo(m_port);
-            if (fd >= 0) {
-                ::close(fd);
-            }
-            return fd >= 0;
-        },
-        std::chrono::seconds(10));
+        "/usr/sbin/mosquitto", std::vector<std::string>{"-c", m_dir + "/mosquitto.conf"});
+    const bool up =
+        eventually([this] { return onLoopback(m_port, true) >= 0; }, std::chrono::seconds(10));
     if (!up) {
         throw std::runtime_error("mosquitto did not start: " + m_process->err());
     }
@@ -146,28 +96,26 @@ Broker::Tls makeTestCa(const std::string& dir, const std::string& name) {
     return t;
 }
 
-Subscriber::Subscriber(int port, const std::string& topic) {
-    initMosquitto();
+Subscriber::Subscriber(int port) {
+    mosquitto_lib_init();  // counted: every call after the first does nothing
     m_mosq = mosquitto_new(nullptr, true, this);
     mosquitto_message_callback_set(m_mosq, &Subscriber::onMessage);
     if (mosquitto_connect(m_mosq, "127.0.0.1", port, 30) != MOSQ_ERR_SUCCESS) {
         throw std::runtime_error("subscriber cannot connect");
     }
-    mosquitto_subscribe(m_mosq, nullptr, topic.c_str(), 1);
+    mosquitto_subscribe(m_mosq, nullptr, "kestrix/#", 1);
     mosquitto_loop_start(m_mosq);
-    // A round trip through the broker: once this arrives, the subscription is in place.
-    const std::string probe =
-        "kestrix-test/probe/" + std::to_string(reinterpret_cast<std::uintptr_t>(this));
-    mosquitto_subscribe(m_mosq, nullptr, probe.c_str(), 1);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-        publish(probe, "x");
-        if (waitFor(
-                probe, [](const Message&) { return true; }, std::chrono::milliseconds(200))) {
-            return;
-        }
+    // A round trip through the broker: once a message of its own arrives, the subscription is in
+    // place.
+    const bool subscribed = eventually(
+        [this] {
+            publish("kestrix/probe", "x");
+            return !messages("kestrix/probe").empty();
+        },
+        std::chrono::seconds(10));
+    if (!subscribed) {
+        throw std::runtime_error("subscriber did not get its subscription");
     }
-    throw std::runtime_error("subscriber did not get its subscription");
 }
 
 Subscriber::~Subscriber() {
@@ -179,18 +127,15 @@ Subscriber::~Subscriber() {
 void Subscriber::onMessage(mosquitto*, void* obj, const ::mosquitto_message* m) {
     auto* self = static_cast<Subscriber*>(obj);
     std::lock_guard lock(self->m_mutex);
-    self->m_messages.push_back(
-        {m->topic,
-         std::string(static_cast<const char*>(m->payload), static_cast<std::size_t>(m->payloadlen)),
-         m->retain});
-    self->m_changed.notify_all();
+    self->m_messages.push_back({m->topic, std::string(static_cast<const char*>(m->payload),
+                                                      static_cast<std::size_t>(m->payloadlen))});
 }
 
 std::vector<Subscriber::Message> Subscriber::messages(const std::string& topic) const {
     std::lock_guard lock(m_mutex);
     std::vector<Message> out;
     for (const Message& m : m_messages) {
-        if (topic.empty() || m.topic == topic) {
+        if (m.topic == topic) {
             out.push_back(m);
         }
     }
@@ -200,19 +145,16 @@ std::vector<Subscriber::Message> Subscriber::messages(const std::string& topic) 
 std::optional<Subscriber::Message> Subscriber::waitFor(
     const std::string& topic, const std::function<bool(const Message&)>& accept,
     std::chrono::milliseconds timeout) {
-    std::unique_lock lock(m_mutex);
     std::optional<Message> found;
-    m_changed.wait_for(lock, timeout, [&] {
-        for (auto it = m_messages.rbegin(); it != m_messages.rend(); ++it) {
-            if (it->topic == topic) {
-                if (accept(*it)) {
-                    found = *it;
-                }
-                return found.has_value();
+    eventually(
+        [&] {
+            const std::vector<Message> all = messages(topic);
+            if (!all.empty() && accept(all.back())) {
+                found = all.back();
             }
-        }
-        return false;
-    });
+            return found.has_value();
+        },
+        timeout);
     return found;
 }
 
@@ -221,95 +163,16 @@ void Subscriber::publish(const std::string& topic, const std::string& payload) {
                       payload.data(), 1, false);
 }
 
-CuttableLink::CuttableLink(int brokerPort) : m_brokerPort(brokerPort) {
-    m_listener = listenOn(0);
-    m_port = portOf(m_listener);
-    m_thread = std::thread([this] { run(); });
-}
-
-CuttableLink::~CuttableLink() {
-    m_stop = true;
-    m_thread.join();
-    ::close(m_listener);
-}
-
-void CuttableLink::cut() {
-    m_open = false;
-}
-
-void CuttableLink::mend() {
-    m_open = true;
-}
-
-void CuttableLink::run() {
-    std::vector<std::pair<int, int>> pairs;  // kiosk side, broker side
-    const auto closeAll = [&pairs] {
-        for (auto [a, b] : pairs) {
-            ::close(a);
-            ::close(b);
-        }
-        pairs.clear();
-    };
-    while (!m_stop) {
-        if (!m_open) {
-            closeAll();
-        }
-        std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
-        for (auto [a, b] : pairs) {
-            fds.push_back({a, POLLIN, 0});
-            fds.push_back({b, POLLIN, 0});
-        }
-        if (::poll(fds.data(), fds.size(), 20) <= 0) {
-            continue;
-        }
-        if (fds[0].revents & POLLIN) {
-            const int client = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-            const int broker = m_open && client >= 0 ? connectTo(m_brokerPort) : -1;
-            if (broker >= 0) {
-                pairs.emplace_back(client, broker);
-            } else if (client >= 0) {
-                ::close(client);
-            }
-            continue;
-        }
-        for (std::size_t i = 0; i < pairs.size(); ++i) {
-            const pollfd& pa = fds[1 + 2 * i];
-            const pollfd& pb = fds[2 + 2 * i];
-            bool dead = false;
-            for (auto [from, to, revents] :
-                 {std::tuple{pairs[i].first, pairs[i].second, pa.revents},
-                  std::tuple{pairs[i].second, pairs[i].first, pb.revents}}) {
-                if (revents == 0) {
-                    continue;
-                }
-                char buf[4096];
-                const ssize_t n = ::read(from, buf, sizeof buf);
-                if (n <= 0 || ::write(to, buf, static_cast<std::size_t>(n)) != n) {
-                    dead = true;
-                }
-            }
-            if (dead) {
-                ::close(pairs[i].first);
-                ::close(pairs[i].second);
-                pairs.erase(pairs.begin() + static_cast<std::ptrdiff_t>(i));
-                break;
-            }
-        }
-    }
-    closeAll();
-}
-
-fleet::JournalRow TestJournal::append(fleet::JournalRow row) {
-    std::lock_guard lock(m_mutex);
-    row.sequence = static_cast<std::int64_t>(m_rows.size()) + 1;
-    m_rows.push_back(row);
-    return row;
+void TestJournal::append(fleet::JournalRow row) {
+    std::lock_guard lock(m_shared->mutex);
+    row.sequence = static_cast<std::int64_t>(m_shared->rows.size()) + 1;
+    m_shared->rows.push_back(row);
 }
 
 std::vector<fleet::JournalRow> TestJournal::rowsAfter(std::int64_t sequence, std::size_t limit) {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_shared->mutex);
     std::vector<fleet::JournalRow> out;
-    for (const fleet::JournalRow& r : m_rows) {
+    for (const fleet::JournalRow& r : m_shared->rows) {
         if (r.sequence > sequence && out.size() < limit) {
             out.push_back(r);
         }
@@ -318,46 +181,18 @@ std::vector<fleet::JournalRow> TestJournal::rowsAfter(std::int64_t sequence, std
 }
 
 std::int64_t TestJournal::lastSequence() {
-    std::lock_guard lock(m_mutex);
-    return static_cast<std::int64_t>(m_rows.size());
-}
-
-std::vector<fleet::JournalRow> TestJournal::latestFaultRows() {
-    std::lock_guard lock(m_mutex);
-    std::vector<fleet::JournalRow> out;
-    for (const fleet::JournalRow& r : m_rows) {
-        if (r.kind == journal_kind::kDeviceFault || r.kind == journal_kind::kDeviceRecovered) {
-            out.push_back(r);
-        }
-    }
-    return out;
+    std::lock_guard lock(m_shared->mutex);
+    return static_cast<std::int64_t>(m_shared->rows.size());
 }
 
 void SharedLog::write(LogLevel level, std::string_view message, const LogFields&) {
     std::lock_guard lock(m_mutex);
-    m_lines.push_back("<" + std::to_string(static_cast<int>(level)) + ">" + std::string(message));
-    m_changed.notify_all();
-}
-
-bool SharedLog::waitForLine(const std::string& part, std::chrono::milliseconds timeout) {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, timeout, [&] {
-        for (const std::string& l : m_lines) {
-            if (l.find(part) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
-    });
+    m_text += "<" + std::to_string(static_cast<int>(level)) + ">" + std::string(message) + "\n";
 }
 
 std::string SharedLog::text() const {
     std::lock_guard lock(m_mutex);
-    std::string out;
-    for (const std::string& l : m_lines) {
-        out += l + "\n";
-    }
-    return out;
+    return m_text;
 }
 
 }  // namespace kestrix::test

@@ -1,18 +1,14 @@
 #pragma once
 
-// A real mosquitto broker for the fleet tests, a subscriber on it, a link that can be cut, and a
-// journal the test writes.
+// A real mosquitto broker for the fleet tests, a subscriber on it, and a journal the test writes.
 
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "engine/platform/log.h"
@@ -35,10 +31,10 @@ public:
         std::string certFile;  // the broker's certificate for "localhost", signed by the CA
         std::string keyFile;
     };
-    // A plain listener for anyone; with `tls`, a second listener (tlsPort) that asks for TLS and a
-    // user name and password from `passwords` ("user" -> "password").
-    explicit Broker(const Tls* tls = nullptr,
-                    const std::vector<std::pair<std::string, std::string>>& passwords = {});
+    // A plain listener for anyone on `port` (0: a free one); with `tls`, a second listener
+    // (tlsPort) that asks for TLS and `user` with `password`.
+    explicit Broker(int port = 0, const Tls* tls = nullptr, const std::string& user = {},
+                    const std::string& password = {});
     int port() const { return m_port; }
     int tlsPort() const { return m_tlsPort; }
     std::string url() const { return "mqtt://127.0.0.1:" + std::to_string(m_port); }
@@ -51,26 +47,25 @@ private:
 };
 
 // A CA, and a certificate for "localhost" signed by it, made with openssl in `dir`.
-Broker::Tls makeTestCa(const std::string& dir, const std::string& name = "ca");
+Broker::Tls makeTestCa(const std::string& dir, const std::string& name);
 
-// A client on the broker's plain port that keeps every message of `topic` (retained ones
+// A client on the broker's plain port that keeps every message under "kestrix/" (retained ones
 // included).
 class Subscriber {
 public:
     struct Message {
         std::string topic;
         std::string payload;
-        bool retained = false;
         QJsonObject json() const {
             return QJsonDocument::fromJson(QByteArray::fromStdString(payload)).object();
         }
     };
-    explicit Subscriber(int port, const std::string& topic = "kestrix/#");
+    explicit Subscriber(int port);
     ~Subscriber();
     Subscriber(const Subscriber&) = delete;
     Subscriber& operator=(const Subscriber&) = delete;
 
-    std::vector<Message> messages(const std::string& topic = {}) const;
+    std::vector<Message> messages(const std::string& topic) const;
     // The last message on `topic` once `accept` holds for it, within `timeout`.
     std::optional<Message> waitFor(const std::string& topic,
                                    const std::function<bool(const Message&)>& accept,
@@ -81,42 +76,26 @@ private:
     static void onMessage(mosquitto*, void* obj, const ::mosquitto_message* m);
     mosquitto* m_mosq = nullptr;
     mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
     std::vector<Message> m_messages;
 };
 
-// A TCP forwarder between the kiosk and the broker: cut() drops every connection through it and
-// refuses new ones until mend().
-class CuttableLink {
-public:
-    explicit CuttableLink(int brokerPort);
-    ~CuttableLink();
-    int port() const { return m_port; }
-    void cut();
-    void mend();
-
-private:
-    void run();
-    int m_brokerPort;
-    int m_port = 0;
-    int m_listener = -1;
-    std::atomic<bool> m_open{true};
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
-};
-
-// A journal the test appends to; safe to read from the publisher's thread.
+// A journal the test appends to; safe to read from the publisher's thread. Its copies share its
+// rows (a publisher owns its copy). Its faults are read as events: a publisher starts on it
+// before any is written.
 class TestJournal : public fleet::EventSource {
 public:
-    // Appends a row (its sequence the next one) and returns it.
-    fleet::JournalRow append(fleet::JournalRow row);
+    // Appends a row, its sequence the next one.
+    void append(fleet::JournalRow row);
     std::vector<fleet::JournalRow> rowsAfter(std::int64_t sequence, std::size_t limit) override;
     std::int64_t lastSequence() override;
-    std::vector<fleet::JournalRow> latestFaultRows() override;
+    std::vector<fleet::JournalRow> latestFaultRows() override { return {}; }
 
 private:
-    std::mutex m_mutex;
-    std::vector<fleet::JournalRow> m_rows;
+    struct Rows {
+        std::mutex mutex;
+        std::vector<fleet::JournalRow> rows;
+    };
+    std::shared_ptr<Rows> m_shared = std::make_shared<Rows>();
 };
 
 // A log safe to write from the publisher's thread.
@@ -124,13 +103,11 @@ class SharedLog : public Log {
 public:
     void write(LogLevel level, std::string_view message, const LogFields&) override;
     bool enabled(LogLevel) const override { return true; }
-    bool waitForLine(const std::string& part, std::chrono::milliseconds timeout);
     std::string text() const;
 
 private:
     mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<std::string> m_lines;
+    std::string m_text;
 };
 
 }  // namespace kestrix::test

@@ -1,28 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "engine/settings/layout.h"
 #include "platform_win/com_method_map.h"
-#include "sim/world/memory_store.h"
 
 namespace kestrix::win {
 namespace {
-
-TEST(ComMethodMap, EveryOperationHasAUsableDefault) {
-    std::set<std::string_view> keys;
-    for (const com::Operation& op : com::operations()) {
-        EXPECT_TRUE(keys.insert(op.key).second) << "duplicate " << op.key;
-        const com::MethodCall call = com::parseMethodCall(op.defaultMapping);
-        EXPECT_EQ(call.kind, com::CallKind::Method) << op.key;
-        EXPECT_FALSE(call.name.empty()) << op.key;
-    }
-    EXPECT_EQ(com::operation("runSale").inputs, 11);
-    EXPECT_THROW(com::operation("formatDisk"), std::out_of_range);
-}
 
 TEST(ComMethodMap, ValueForms) {
     struct Row {
@@ -50,16 +35,6 @@ TEST(ComMethodMap, ValueForms) {
          {"Leer Tarjeta", "1Leer", "&", ".", ".Modelo&", "Venta()", "Venta;Kill"}) {
         EXPECT_THROW(com::parseMethodCall(bad), std::invalid_argument) << bad;
     }
-}
-
-TEST(ComMethodMap, StoreOverridesTheDefault) {
-    sim::MemoryStore store;
-    EXPECT_EQ(com::lookUp(store, "readCard").name, "ReadCard");
-    store.set(store::kApp, store::section::kPinPadMethods, "readCard", "LeerTarjeta&");
-    store.set(store::kApp, store::section::kPinPadMethods, "setTextParameter", "");
-    EXPECT_EQ(com::lookUp(store, "readCard").name, "LeerTarjeta");
-    EXPECT_TRUE(com::lookUp(store, "readCard").resultByReference);
-    EXPECT_EQ(com::lookUp(store, "setTextParameter").kind, com::CallKind::Skip);
 }
 
 }  // namespace

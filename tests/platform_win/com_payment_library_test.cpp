@@ -15,6 +15,14 @@
 #include "platform_win/com_payment_library_win.h"
 #include "sim/world/memory_store.h"
 
+// The test component's scripting (pin_pad_server.cpp), from the very module COM loads from its
+// registered path beside this program.
+extern "C" {
+void TestPinPadScript(const wchar_t* member, const wchar_t* outcome);
+const wchar_t* TestPinPadCalls();
+void TestPinPadReset();
+}
+
 namespace kestrix::win {
 namespace {
 
@@ -25,64 +33,27 @@ std::wstring besideThisProgram(const wchar_t* file) {
     return self.substr(0, self.find_last_of(L"\\/") + 1) + file;
 }
 
-int runAndWait(std::wstring commandLine) {
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                        &startup, &process)) {
-        return -1;
-    }
-    WaitForSingleObject(process.hProcess, 60000);
-    DWORD code = 1;
-    GetExitCodeProcess(process.hProcess, &code);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    return static_cast<int>(code);
+// The member names are ASCII.
+std::wstring wide(std::string_view ascii) {
+    return std::wstring(ascii.begin(), ascii.end());
 }
-
-std::string utf8(const std::wstring& wide) {
-    if (wide.empty()) {
-        return {};
-    }
-    const int size = static_cast<int>(wide.size());
-    const int n = WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, nullptr, 0, nullptr, nullptr);
-    std::string text(static_cast<std::size_t>(n), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, text.data(), n, nullptr, nullptr);
-    return text;
-}
-
-using ScriptFn = void (*)(const wchar_t*, const wchar_t*);
-using CallsFn = const wchar_t* (*)();
-using ResetFn = void (*)();
 
 class ComAdapter : public ::testing::Test {
 public:
     static void SetUpTestSuite() {
         const std::wstring dll = besideThisProgram(L"kestrix_test_pin_pad.dll");
-        s_registered = runAndWait(L"regsvr32.exe /s \"" + dll + L"\"") == 0;
-        // The same module COM loads from the registered path: the scripts reach the component.
-        const HMODULE module = LoadLibraryW(dll.c_str());
-        if (module != nullptr) {
-            s_script = reinterpret_cast<ScriptFn>(
-                reinterpret_cast<void*>(GetProcAddress(module, "TestPinPadScript")));
-            s_calls = reinterpret_cast<CallsFn>(
-                reinterpret_cast<void*>(GetProcAddress(module, "TestPinPadCalls")));
-            s_reset = reinterpret_cast<ResetFn>(
-                reinterpret_cast<void*>(GetProcAddress(module, "TestPinPadReset")));
-        }
+        s_registered = _wsystem((L"regsvr32.exe /s \"" + dll + L"\"").c_str()) == 0;
     }
 
     void SetUp() override {
         ASSERT_TRUE(s_registered) << "regsvr32 kestrix_test_pin_pad.dll failed";
-        ASSERT_NE(s_reset, nullptr) << "kestrix_test_pin_pad.dll not loaded";
-        s_reset();
+        TestPinPadReset();
     }
 
-    static void script(const wchar_t* member, const std::wstring& outcome) {
-        s_script(member, outcome.c_str());
+    static void script(std::string_view member, const std::wstring& outcome) {
+        TestPinPadScript(wide(member).c_str(), outcome.c_str());
     }
-    static std::wstring calls() { return s_calls(); }
+    static std::wstring calls() { return TestPinPadCalls(); }
     void map(std::string_view operation, std::string_view method) {
         store.set(store::kApp, store::section::kPinPadMethods, operation, method);
     }
@@ -90,9 +61,6 @@ public:
     sim::MemoryStore store;
 
     static inline bool s_registered = false;
-    static inline ScriptFn s_script = nullptr;
-    static inline CallsFn s_calls = nullptr;
-    static inline ResetFn s_reset = nullptr;
 };
 
 // With nothing configured, the class is found through the registered type library and every
@@ -102,33 +70,32 @@ public:
 TEST_F(ComAdapter, EveryOperationReachesTheComponentByItsDefaultName) {
     ComPaymentLibrary library(store);
     struct Reader {
-        const wchar_t* member;
+        const char* member;
         std::function<std::string()> read;
     };
     SaleRequest sale{"user",     "secret", "Compañía", "Mérida", "MX",
                      "PREPARED", "REF-7",  "11",       "MXN"};
     const std::vector<Reader> readers = {
-        {L"ReadCard", [&] { return library.readCard(); }},
-        {L"GetCardNumber", [&] { return library.cardNumber(); }},
-        {L"GetCardHolder", [&] { return library.cardHolder(); }},
-        {L"PrepareOperation", [&] { return library.prepareOperation("11"); }},
-        {L"RunSale", [&] { return library.runSale(sale); }},
-        {L"GetResult", [&] { return library.result(); }},
-        {L"GetDisplayMessage", [&] { return library.displayMessage(); }},
-        {L"GetOperationNumber", [&] { return library.operationNumber(); }},
-        {L"GetResponseCode", [&] { return library.responseCode(); }},
-        {L"GetDeclineCause", [&] { return library.declineCause(); }},
-        {L"GetErrorText", [&] { return library.errorText(); }},
-        {L"GetErrorCode", [&] { return library.errorCode(); }},
+        {"ReadCard", [&] { return library.readCard(); }},
+        {"GetCardNumber", [&] { return library.cardNumber(); }},
+        {"GetCardHolder", [&] { return library.cardHolder(); }},
+        {"PrepareOperation", [&] { return library.prepareOperation("11"); }},
+        {"RunSale", [&] { return library.runSale(sale); }},
+        {"GetResult", [&] { return library.result(); }},
+        {"GetDisplayMessage", [&] { return library.displayMessage(); }},
+        {"GetOperationNumber", [&] { return library.operationNumber(); }},
+        {"GetResponseCode", [&] { return library.responseCode(); }},
+        {"GetDeclineCause", [&] { return library.declineCause(); }},
+        {"GetErrorText", [&] { return library.errorText(); }},
+        {"GetErrorCode", [&] { return library.errorCode(); }},
     };
     for (const Reader& r : readers) {
-        script(r.member, std::wstring(L"text:") + r.member + L" ñ€");
-        EXPECT_EQ(r.read(), utf8(r.member) + " ñ€");
+        script(r.member, L"text:" + wide(r.member) + L" ñ€");
+        EXPECT_EQ(r.read(), std::string(r.member) + " ñ€");
     }
 
     for (int i = 1; i <= 4; ++i) {
-        const std::wstring member = L"GetErrorDetail" + std::to_wstring(i);
-        script(member.c_str(), L"text:detail " + std::to_wstring(i));
+        script("GetErrorDetail" + std::to_string(i), L"text:detail " + std::to_wstring(i));
     }
     const PinPadErrorDetails details = library.errorDetails();
     EXPECT_EQ(details.error, "detail 1");
@@ -136,12 +103,11 @@ TEST_F(ComAdapter, EveryOperationReachesTheComponentByItsDefaultName) {
     EXPECT_EQ(details.code, "detail 3");
     EXPECT_EQ(details.extra, "detail 4");
 
-    const wchar_t* identification[] = {L"Identify",        L"GetEMVFull",   L"GetModel",
-                                       L"GetSerialNumber", L"GetTradeMark", L"GetVersionApp",
-                                       L"GetCOM",          L"GetPrinter",   L"GetCompany",
-                                       L"GetBranch",       L"GetCountry"};
-    for (const wchar_t* member : identification) {
-        script(member, std::wstring(L"text:") + member);
+    const char* identification[] = {"Identify",     "GetEMVFull",    "GetModel",  "GetSerialNumber",
+                                    "GetTradeMark", "GetVersionApp", "GetCOM",    "GetPrinter",
+                                    "GetCompany",   "GetBranch",     "GetCountry"};
+    for (const char* member : identification) {
+        script(member, L"text:" + wide(member));
     }
     const PinPadIdentity id = library.identify();
     EXPECT_TRUE(id.online);
@@ -149,7 +115,7 @@ TEST_F(ComAdapter, EveryOperationReachesTheComponentByItsDefaultName) {
         id.emvFull, id.model,   id.serialNumber, id.tradeMark, id.versionApp,
         id.com,     id.printer, id.company,      id.branch,    id.country};
     for (std::size_t i = 0; i < fields.size(); ++i) {
-        EXPECT_EQ(fields[i], utf8(identification[i + 1]));
+        EXPECT_EQ(fields[i], identification[i + 1]);
     }
 
     // The calls that take inputs: their order is the component's argument order.
@@ -164,7 +130,7 @@ TEST_F(ComAdapter, EveryOperationReachesTheComponentByItsDefaultName) {
           L"RunSale(user|secret||Compañía|Mérida|MX||PREPARED|REF-7|11|MXN)\n",
           L"SetNumericParameter(50)\nSetCurrency(MXN)\nSetAmount(25.5)\nSetTextParameter()\n"
           L"CloseOperation()\nCancelOperation()\n"}) {
-        EXPECT_NE(calls().find(call), std::wstring::npos) << utf8(call);
+        EXPECT_NE(calls().find(call), std::wstring::npos) << calls().size();
     }
 }
 
@@ -177,9 +143,9 @@ TEST_F(ComAdapter, ByReferenceResultsPropertiesAndOtherResultTypes) {
     map("cardNumber", ".Amount");
     map("setTextParameter", "");
     ComPaymentLibrary library(store);
-    script(L"ReadCardRef", L"text:NO CARD");
-    script(L"PrepareOperationRef", L"text:OP-11");
-    script(L"GetResult", L"number:5");
+    script("ReadCardRef", L"text:NO CARD");
+    script("PrepareOperationRef", L"text:OP-11");
+    script("GetResult", L"number:5");
 
     EXPECT_EQ(library.readCard(), "NO CARD");
     EXPECT_EQ(library.prepareOperation("11"), "OP-11");
@@ -191,9 +157,9 @@ TEST_F(ComAdapter, ByReferenceResultsPropertiesAndOtherResultTypes) {
               L"ReadCardRef(&)\nPrepareOperationRef(11|&)\nput Amount(12.5)\nget Amount()\n"
               L"GetResult()\n");
 
-    script(L"Identify", L"bool:1");
+    script("Identify", L"bool:1");
     EXPECT_TRUE(library.identify().online);
-    script(L"Identify", L"bool:0");
+    script("Identify", L"bool:0");
     EXPECT_FALSE(library.identify().online);
 }
 
@@ -207,23 +173,26 @@ TEST_F(ComAdapter, FailuresComeAsTheErrorNumbersTheConsoleReports) {
     };
     const std::vector<Row> rows = {
         {"a name the component does not have",
-         [](ComAdapter& t) { t.map("readCard", "LeerTarjeta"); }, 438,
-         "Object doesn't support this property or method (LeerTarjeta)"},
+         [](ComAdapter& t) {
+             t.map("readCard", "LeerTarjeta");
+             script("LeerTarjeta", L"absent");
+         },
+         438, "Object doesn't support this property or method (LeerTarjeta)"},
         {"a Visual Basic error raised in the component",
-         [](ComAdapter&) { script(L"ReadCard", L"raise:0x800A0005:0:Invalid procedure call"); }, 5,
+         [](ComAdapter&) { script("ReadCard", L"raise:0x800A0005:0:Invalid procedure call"); }, 5,
          "Invalid procedure call (ReadCard)"},
         {"the component's own error",
-         [](ComAdapter&) { script(L"ReadCard", L"raise:0x800403E9:0:Pin pad not connected"); },
+         [](ComAdapter&) { script("ReadCard", L"raise:0x800403E9:0:Pin pad not connected"); },
          -2147220503, "Pin pad not connected (ReadCard)"},
         {"an error given as a code",
-         [](ComAdapter&) { script(L"ReadCard", L"raise:0:1001:Card reader time-out"); }, 1001,
+         [](ComAdapter&) { script("ReadCard", L"raise:0:1001:Card reader time-out"); }, 1001,
          "Card reader time-out (ReadCard)"},
-        {"wrong number of arguments", [](ComAdapter&) { script(L"ReadCard", L"fail:0x8002000E"); },
+        {"wrong number of arguments", [](ComAdapter&) { script("ReadCard", L"fail:0x8002000E"); },
          450, "Wrong number of arguments or invalid property assignment (ReadCard)"},
         {"an argument of the wrong type",
-         [](ComAdapter&) { script(L"ReadCard", L"fail:0x80020005"); }, 13,
+         [](ComAdapter&) { script("ReadCard", L"fail:0x80020005"); }, 13,
          "Type mismatch (ReadCard)"},
-        {"any other failure", [](ComAdapter&) { script(L"ReadCard", L"fail:0x80004005"); },
+        {"any other failure", [](ComAdapter&) { script("ReadCard", L"fail:0x80004005"); },
          -2147467259, "(ReadCard)"},
         {"a ProgID that is not registered",
          [](ComAdapter& t) { t.map("ProgID", "Kestrix.NotRegistered"); }, 429,
@@ -235,7 +204,7 @@ TEST_F(ComAdapter, FailuresComeAsTheErrorNumbersTheConsoleReports) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
         store = sim::MemoryStore();
-        s_reset();
+        TestPinPadReset();
         row.arrange(*this);
         ComPaymentLibrary library(store);
         try {
@@ -253,7 +222,7 @@ TEST_F(ComAdapter, TheClassMayBeNamedByProgIdOrClsid) {
     for (const char* name : {"Kestrix.TestPinPad", "{5E3C2A71-8D4B-4C3A-A1F2-7D9E0B6C4A12}"}) {
         store = sim::MemoryStore();
         map("ProgID", name);
-        script(L"GetCardHolder", L"text:PEREZ/JUAN");
+        script("GetCardHolder", L"text:PEREZ/JUAN");
         ComPaymentLibrary library(store);
         EXPECT_EQ(library.cardHolder(), "PEREZ/JUAN") << name;
     }

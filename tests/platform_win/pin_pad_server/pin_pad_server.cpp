@@ -1,7 +1,7 @@
-// A stand-in for the card payment component: an in-process COM automation server whose members
-// carry the default names of "Pin Pad Methods" (plus a by-reference, a property and a failing
-// variant), with outcomes the test scripts. It records every call as the component saw it, so a
-// test checks the names, argument types and argument order the adapter sends.
+// A stand-in for the card payment component: an in-process COM automation server that has every
+// member the adapter asks for by name (but those scripted "absent"), with outcomes the test
+// scripts. It records every call as the component saw it, so a test checks the names, argument
+// types and argument order the adapter sends.
 //
 // Registered like any component: `regsvr32 kestrix_test_pin_pad.dll` writes the class, the
 // ProgID "Kestrix.TestPinPad" and a type library (made at registration, saved beside the DLL)
@@ -11,7 +11,8 @@
 // Scripting (exports, called by the test in the same process):
 //   TestPinPadScript(member, outcome)  outcome: "text:<text>", "number:<n>", "bool:<0|1>",
 //                                      "raise:<scode>:<wCode>:<description>" (an exception the
-//                                      component raises), "fail:<hresult>" (a failed Invoke)
+//                                      component raises), "fail:<hresult>" (a failed Invoke),
+//                                      "absent" (no such member)
 //   TestPinPadCalls()                  the calls so far, one a line: "Name(arg|arg)", "get Name()",
 //                                      "put Name(arg)"; a by-reference argument shows as "&"
 //   TestPinPadReset()                  forgets scripts, calls and property values
@@ -26,6 +27,7 @@
 #include <cwctype>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -38,21 +40,8 @@ const GUID kLibraryId = {
     0x6B1D1E0A, 0x3C52, 0x4F7E, {0x9E, 0x59, 0x0B, 0x2B, 0x7C, 0x1A, 0x9D, 0x41}};
 const wchar_t kProgId[] = L"Kestrix.TestPinPad";
 
-const wchar_t* const kMembers[] = {
-    // The call table, by the default names.
-    L"SetNumericParameter", L"SetCurrency", L"SetAmount", L"ReadCard", L"GetErrorDetail1",
-    L"GetErrorDetail2", L"GetErrorDetail3", L"GetErrorDetail4", L"GetCardNumber", L"GetCardHolder",
-    L"SetTextParameter", L"PrepareOperation", L"RunSale", L"GetResult", L"CloseOperation",
-    L"CancelOperation", L"GetDisplayMessage", L"GetOperationNumber", L"GetResponseCode",
-    L"GetDeclineCause", L"GetErrorText", L"GetErrorCode",
-    // Identification.
-    L"Identify", L"GetEMVFull", L"GetModel", L"GetSerialNumber", L"GetTradeMark", L"GetVersionApp",
-    L"GetCOM", L"GetPrinter", L"GetCompany", L"GetBranch", L"GetCountry",
-    // Other shapes a site's component may have: a result by reference, properties.
-    L"ReadCardRef", L"PrepareOperationRef", L"Amount"};
-constexpr DISPID kMemberCount = static_cast<DISPID>(sizeof kMembers / sizeof kMembers[0]);
-
 HMODULE g_module = nullptr;
+std::vector<std::wstring> g_members;                // as first asked for; DISPID: place + 1
 std::map<std::wstring, std::wstring> g_scripts;     // lower-case member name -> outcome
 std::map<std::wstring, std::wstring> g_properties;  // lower-case member name -> value put
 std::wstring g_calls;
@@ -117,22 +106,28 @@ public:
         for (UINT i = 0; i < count; ++i) {
             ids[i] = DISPID_UNKNOWN;
         }
-        for (DISPID id = 0; id < kMemberCount; ++id) {
-            if (count > 0 && _wcsicmp(names[0], kMembers[id]) == 0) {
-                ids[0] = id + 1;
-                return count == 1 ? S_OK : DISP_E_UNKNOWNNAME;
-            }
+        const auto script = count == 1 ? g_scripts.find(lower(names[0])) : g_scripts.end();
+        if (count != 1 || (script != g_scripts.end() && script->second == L"absent")) {
+            return DISP_E_UNKNOWNNAME;
         }
-        return DISP_E_UNKNOWNNAME;
+        std::size_t at = 0;
+        while (at < g_members.size() && _wcsicmp(names[0], g_members[at].c_str()) != 0) {
+            ++at;
+        }
+        if (at == g_members.size()) {
+            g_members.push_back(names[0]);
+        }
+        ids[0] = static_cast<DISPID>(at + 1);
+        return S_OK;
     }
 
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
                                      VARIANT* result, EXCEPINFO* exception, UINT*) override {
-        if (id < 1 || id > kMemberCount) {
+        if (id < 1 || static_cast<std::size_t>(id) > g_members.size()) {
             return DISP_E_MEMBERNOTFOUND;
         }
-        const wchar_t* name = kMembers[id - 1];
-        const std::wstring key = lower(name);
+        const std::wstring name = g_members[static_cast<std::size_t>(id) - 1];
+        const std::wstring key = lower(name.c_str());
         const bool put = (flags & DISPATCH_PROPERTYPUT) != 0;
         const bool methodCall = (flags & DISPATCH_METHOD) != 0;
 
@@ -258,75 +253,40 @@ bool setText(const std::wstring& key, const wchar_t* name, const std::wstring& v
 }
 
 // The type library: the interface (a dispinterface: every member is reached by name) and the
-// class that implements it, saved beside the DLL and registered.
+// class that implements it, saved beside the DLL and registered. It runs once, in regsvr32, which
+// exits afterwards: nothing is released.
 HRESULT registerTypeLibrary() {
     std::wstring path = modulePath();
     path = path.substr(0, path.rfind(L'.')) + L".tlb";
     ITypeLib* stdole = nullptr;
-    HRESULT hr = LoadTypeLib(L"stdole2.tlb", &stdole);
-    if (FAILED(hr)) {
-        return hr;
-    }
     ITypeInfo* dispatchInfo = nullptr;
-    hr = stdole->GetTypeInfoOfGuid(IID_IDispatch, &dispatchInfo);
-    stdole->Release();
-    if (FAILED(hr)) {
-        return hr;
-    }
     ICreateTypeLib2* library = nullptr;
     ICreateTypeInfo* interfaceInfo = nullptr;
     ICreateTypeInfo* classInfo = nullptr;
     ITypeInfo* interfaceType = nullptr;
-    HREFTYPE reference = 0;
-    hr = CreateTypeLib2(SYS_WIN64, path.c_str(), &library);
-    if (SUCCEEDED(hr)) {
-        library->SetGuid(kLibraryId);
-        library->SetName(const_cast<LPOLESTR>(L"KestrixTestPinPad"));
-        library->SetVersion(1, 0);
-        library->SetLcid(LOCALE_NEUTRAL);
-        hr = library->CreateTypeInfo(const_cast<LPOLESTR>(L"_cpIntegracionEMV"), TKIND_DISPATCH,
-                                     &interfaceInfo);
-    }
-    if (SUCCEEDED(hr)) {
-        interfaceInfo->SetGuid(kInterfaceId);
-        hr = interfaceInfo->AddRefTypeInfo(dispatchInfo, &reference);
-    }
-    if (SUCCEEDED(hr)) {
-        hr = interfaceInfo->AddImplType(0, reference);
-    }
-    if (SUCCEEDED(hr)) {
-        hr = interfaceInfo->QueryInterface(IID_ITypeInfo, reinterpret_cast<void**>(&interfaceType));
-    }
-    if (SUCCEEDED(hr)) {
-        hr =
-            library->CreateTypeInfo(const_cast<LPOLESTR>(L"TestPinPad"), TKIND_COCLASS, &classInfo);
-    }
-    if (SUCCEEDED(hr)) {
-        classInfo->SetGuid(kClassId);
-        hr = classInfo->AddRefTypeInfo(interfaceType, &reference);
-    }
-    if (SUCCEEDED(hr)) {
-        hr = classInfo->AddImplType(0, reference);
-    }
-    if (SUCCEEDED(hr)) {
-        classInfo->SetImplTypeFlags(0, IMPLTYPEFLAG_FDEFAULT);
-        hr = library->SaveAllChanges();
-    }
-    for (IUnknown* p : {static_cast<IUnknown*>(classInfo), static_cast<IUnknown*>(interfaceType),
-                        static_cast<IUnknown*>(interfaceInfo), static_cast<IUnknown*>(library),
-                        static_cast<IUnknown*>(dispatchInfo)}) {
-        if (p != nullptr) {
-            p->Release();
-        }
-    }
-    if (FAILED(hr)) {
-        return hr;
-    }
     ITypeLib* saved = nullptr;
-    hr = LoadTypeLibEx(path.c_str(), REGKIND_REGISTER, &saved);
-    if (saved != nullptr) {
-        saved->Release();
-    }
+    HREFTYPE reference = 0;
+    HRESULT hr = S_OK;
+    const auto ok = [&hr](HRESULT step) { return SUCCEEDED(hr = step); };
+    ok(LoadTypeLib(L"stdole2.tlb", &stdole)) &&
+        ok(stdole->GetTypeInfoOfGuid(IID_IDispatch, &dispatchInfo)) &&
+        ok(CreateTypeLib2(SYS_WIN64, path.c_str(), &library)) && ok(library->SetGuid(kLibraryId)) &&
+        ok(library->SetName(const_cast<LPOLESTR>(L"KestrixTestPinPad"))) &&
+        ok(library->SetVersion(1, 0)) && ok(library->SetLcid(LOCALE_NEUTRAL)) &&
+        ok(library->CreateTypeInfo(const_cast<LPOLESTR>(L"_cpIntegracionEMV"), TKIND_DISPATCH,
+                                   &interfaceInfo)) &&
+        ok(interfaceInfo->SetGuid(kInterfaceId)) &&
+        ok(interfaceInfo->AddRefTypeInfo(dispatchInfo, &reference)) &&
+        ok(interfaceInfo->AddImplType(0, reference)) &&
+        ok(interfaceInfo->QueryInterface(IID_ITypeInfo,
+                                         reinterpret_cast<void**>(&interfaceType))) &&
+        ok(library->CreateTypeInfo(const_cast<LPOLESTR>(L"TestPinPad"), TKIND_COCLASS,
+                                   &classInfo)) &&
+        ok(classInfo->SetGuid(kClassId)) &&
+        ok(classInfo->AddRefTypeInfo(interfaceType, &reference)) &&
+        ok(classInfo->AddImplType(0, reference)) &&
+        ok(classInfo->SetImplTypeFlags(0, IMPLTYPEFLAG_FDEFAULT)) &&
+        ok(library->SaveAllChanges()) && ok(LoadTypeLibEx(path.c_str(), REGKIND_REGISTER, &saved));
     return hr;
 }
 
