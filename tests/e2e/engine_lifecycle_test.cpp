@@ -25,12 +25,7 @@ TEST(KestrixProgram, StartsOnTheSimulatedKioskRefusesASecondCopyAndExitsOnReques
     kiosk.set("Status", "Due", "9");  // a request left over from before the start
     ASSERT_TRUE(kiosk.start());
 
-    // The load reset the mailbox and the initialisation published the devices' state.
-    EXPECT_EQ(kiosk.get("Status", "Due"), "0");
-    EXPECT_EQ(kiosk.get("Status", "KSX_Error"), "0");
-    EXPECT_EQ(kiosk.get("Status", "BDCassette"), "OK");
-    EXPECT_EQ(kiosk.get("Status", "BDDispensed"), "0");
-    EXPECT_TRUE(test::eventually([&] { return kiosk.get("Status", "Tubes") == "320"; }, 30s));
+    EXPECT_EQ(kiosk.get("Status", "Due"), "0") << "reset by the load";
 
     // A second engine on the same store, reached through a link, on a simulated kiosk of its
     // own: refused before it starts its simulator or touches the store.
@@ -46,14 +41,11 @@ TEST(KestrixProgram, StartsOnTheSimulatedKioskRefusesASecondCopyAndExitsOnReques
     EXPECT_NE(second.err.find("Another version of this program is already running"),
               std::string::npos)
         << second.err;
-    std::string enginePid;
-    std::getline(std::ifstream(qt::engineLockPath(kiosk.store)), enginePid);
-    EXPECT_NE(second.err.find("the store " + link +
-                              "/KSX.db is in use by the engine with "
-                              "process id " +
-                              enginePid),
-              std::string::npos)
-        << second.err;
+    std::string pid;
+    std::getline(std::ifstream(qt::engineLockPath(kiosk.store)), pid);
+    const std::string inUse =
+        "the store " + link + "/KSX.db is in use by the engine with process id ";
+    EXPECT_NE(second.err.find(inUse + pid), std::string::npos) << second.err;
     EXPECT_FALSE(std::filesystem::exists(otherSim)) << "no simulator was started";
     EXPECT_EQ(kiosk.get("Ports", "1"), ports) << "the running engine's ports are left alone";
     EXPECT_EQ(kiosk.get("Status", "KSX_Error"), "0");
