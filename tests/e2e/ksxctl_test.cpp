@@ -40,12 +40,9 @@ struct Mailbox {
     qt::SqliteStore s{store};
     QLockFile engine{QString::fromStdString(qt::engineLockPath(store))};
 
-    // `reset`: the mailbox as the engine's load leaves it; otherwise the store stays empty.
-    explicit Mailbox(bool reset = true) {
+    // The mailbox as the engine's load leaves it.
+    Mailbox() {
         EXPECT_TRUE(engine.tryLock(0));
-        if (!reset) {
-            return;
-        }
         for (const char* key : {"Due", "DueCC", "Credit", "Tubes", "KSX_Error"}) {
             set(key, "0");
         }
@@ -65,9 +62,6 @@ struct Mailbox {
     std::vector<std::string> withStore(std::vector<std::string> args) const {
         args.insert(args.begin(), {"--store", store});
         return args;
-    }
-    test::RunResult ksxctl(const std::vector<std::string>& args) {
-        return kestrix::ksxctl(withStore(args));
     }
     std::vector<std::string> everything() {
         std::vector<std::string> all;
@@ -207,8 +201,7 @@ TEST(Ksxctl, CommandsExitStatusMessageAndWhatTheyWrite) {
 }
 
 TEST(Ksxctl, WatchPrintsEachChangeWithATimeStampUntilInterrupted) {
-    Mailbox box(false);
-    box.set("Due", "0");
+    Mailbox box;
     test::ChildProcess watch(test::ksxctlBinary(), box.withStore({"watch", "Status"}));
     const auto printed = [&](const std::string& text) {
         return test::eventually([&] { return watch.out().find(text) != std::string::npos; }, 10s);
