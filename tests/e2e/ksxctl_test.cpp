@@ -87,14 +87,13 @@ TEST(Ksxctl, CommandsExitStatusMessageAndWhatTheyWrite) {
     waitpid(ended, nullptr, 0);
     const std::string crashedLock = std::to_string(ended) + "\nkestrix\n" + host + "\n";
     const std::string noLock = "none";
-    const std::string insert = "Insert Coins or Bills...";
 
     struct Row {
         std::vector<std::string> args;
         int status;
         std::string says;  // in its output or error output
-        Values before = {};
         Values after = {};
+        Values before = {};
         std::optional<std::string> lock = {};  // the lock file instead of a held lock
     };
     std::vector<Row> rows = {
@@ -105,29 +104,23 @@ TEST(Ksxctl, CommandsExitStatusMessageAndWhatTheyWrite) {
         {{"set", "BillValidator", "BillType3_Value", "12,5"}, 2, "is a number"},
         {{"set", "Hoppers", "DispenseMode", "fast"}, 2, "serial, zeros8, noencrypt8"},
         {{"set", "Pin Pad", "Library", "simulted"}, 2, "com, simulated"},
-        {{"set", "coinacceptor", "cae", "1"}, 0, "", {}, {{"CoinAcceptor/CAE", "1"}}},
-        {{"set", "Settings", "COM", ""}, 0, "", {}, {{"Settings/COM", ""}}},
-        {{"set", "Hoppers", "h1Address", "3"}, 0, "", {}, {{"Hoppers/h1Address", "3"}}},
-        {{"set", "Status", "Anything", "at all"}, 0, "", {}, {{"Status/Anything", "at all"}}},
-        {{"set", "Ports", "1", "/dev/ttyUSB0"}, 0, "", {}, {{"Ports/1", "/dev/ttyUSB0"}}},
-        {{"set", "--force", "CoinAcceptor", "CAF", "yes"},
-         0,
-         "",
-         {},
-         {{"CoinAcceptor/CAF", "yes"}}},
+        {{"set", "coinacceptor", "cae", "1"}, 0, "", {{"CoinAcceptor/CAE", "1"}}},
+        {{"set", "Settings", "COM", ""}, 0, "", {{"Settings/COM", ""}}},
+        {{"set", "Hoppers", "h1Address", "3"}, 0, "", {{"Hoppers/h1Address", "3"}}},
+        {{"set", "Status", "Anything", "at all"}, 0, "", {{"Status/Anything", "at all"}}},
+        {{"set", "Ports", "1", "/dev/ttyUSB0"}, 0, "", {{"Ports/1", "/dev/ttyUSB0"}}},
+        {{"set", "--force", "CoinAcceptor", "CAF", "yes"}, 0, "", {{"CoinAcceptor/CAF", "yes"}}},
         // A store that is not there is neither created nor taken for an empty one.
-        {{"--store", missing, "get", "Status", "Due"},
-         3,
-         "settings store " + missing + " does not"},
+        {{"--store=" + missing, "get", "Status", "Due"}, 3, "store " + missing + " does not"},
         {{"--store", missing, "dump"}, 3, "settings store " + missing + " does not exist"},
         {{"--store", missing, "watch", "Status"}, 3, "settings store " + missing + " does not"},
         {{"--store", dir + "/KSX.db", "journal"}, 3, "no journal"},
         {{"--store", "/dev/null/KSX.db", "get", "Status", "Due"}, 3, "/dev/null/KSX.db"},
         {{"--store", dir, "get", "Status", "Due"}, 3, dir},
         // A request pending or running makes the next one wait.
-        {{"pay", "3", "--card"}, 6, "Due", {{"Status/Due", "12.5"}, {"Status/Status", insert}}},
-        {{"change", "2"}, 6, "DueCC", {{"Status/DueCC", "25"}, {"Status/Status", insert}}},
-        {{"pay", "1"}, 6, "Change", {{"Status/Change", "7.5"}, {"Status/Status", insert}}},
+        {{"pay", "3", "--card"}, 6, "Due", {}, {{"Status/Due", "12.5"}}},
+        {{"change", "2"}, 6, "DueCC", {}, {{"Status/DueCC", "25"}}},
+        {{"pay", "1"}, 6, "Change", {}, {{"Status/Change", "7.5"}}},
         // No engine: stopped at once, nothing written.
         {{"pay", "5", "--json"}, 7, "\"outcome\":\"no-engine\"", {}, {}, noLock},
         {{"pay", "5", "--json"}, 7, "no engine runs on the store", {}, {}, crashedLock},
@@ -135,28 +128,23 @@ TEST(Ksxctl, CommandsExitStatusMessageAndWhatTheyWrite) {
         // in case an engine took it at that very moment.
         {{"pay", "5", "--timeout", "0.5"},
          5,
-         "no engine took the request",
-         {},
+         "no engine took",
          {{"Status/Due", "0"}, {"Status/Cancel", "1"}}},
-        {{"pay", "5", "--card", "--timeout=0.5"}, 5, "", {}, {{"Status/DueCC", "0"}}},
-        {{"change", "2.5", "--timeout", "0.5"}, 5, "", {}, {{"Status/Change", ""}}},
-        {{"cancel"}, 0, "", {}, {{"Status/Cancel", "1"}}},
-        {{"cancel", "--keep"}, 0, "", {}, {{"Status/Cancel", "2"}}},
-        {{"exit"}, 0, "", {}, {{"Status/Exit", "1"}}},
+        {{"pay", "5", "--card", "--timeout=0.5"}, 5, "", {{"Status/DueCC", "0"}}},
+        {{"change", "2.5", "--timeout", "0.5"}, 5, "", {{"Status/Change", ""}}},
+        {{"cancel"}, 0, "", {{"Status/Cancel", "1"}}},
+        {{"cancel", "--keep"}, 0, "", {{"Status/Cancel", "2"}}},
+        {{"exit"}, 0, "", {{"Status/Exit", "1"}}},
         // Values and sections as the host gives them; the mailbox's open connection (the
         // engine's) sees a value written by ksxctl at once.
-        {{"get", "Status", "Credit"}, 0, "20\n", {{"Status/Credit", "20"}}},
-        {{"set", "Pin Pad", "User", "-o'neil \"x\""},
-         0,
-         "",
-         {},
-         {{"Pin Pad/User", "-o'neil \"x\""}}},
-        {{"--app", "OTHER", "set", "Status", "Due", "7"}, 0, "", {}, {{"Status/Due", "0"}}},
+        {{"get", "Status", "Credit"}, 0, "20\n", {}, {{"Status/Credit", "20"}}},
+        {{"set", "Pin Pad", "User", "-o'neil \"x\""}, 0, "", {{"Pin Pad/User", "-o'neil \"x\""}}},
+        {{"--app", "OTHER", "set", "Status", "Due", "7"}, 0, "", {{"Status/Due", "0"}}},
         {{"dump", "Pin Pad"},
          0,
          "Pin Pad/User=x\nPin Pad/Z=y\n",
+         {},
          {{"Pin Pad/Z", "y"}, {"Pin Pad/User", "x"}}},
-        {{"--store=" + missing, "get", "Status", "Due"}, 3, "does not exist"},
     };
     // Usage errors, command lines between "|"; which amounts pass is the unit tests' business.
     std::istringstream usageErrors(
