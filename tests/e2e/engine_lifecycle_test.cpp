@@ -69,6 +69,7 @@ TEST(KestrixProgram, AfterAKillARestartOpensEveryLineAndATerminationSignalEndsIt
     kiosk.engine().signal(SIGKILL);
     ASSERT_TRUE(kiosk.engine().wait(10s).has_value());
     EXPECT_EQ(kiosk.get("Pin Pad", "On Line"), "Yes") << "what a crash leaves behind";
+    EXPECT_EQ(kiosk.ksxctl({"pay", "5"}).status, 7) << "the host notices at once";
     kiosk.set("Status", "BDStatus", "");
     kiosk.set("Status", "Tubes", "0");
     ASSERT_TRUE(kiosk.start());

@@ -50,23 +50,20 @@ const std::string kGuide = std::string(KESTRIX_SOURCE_DIR) + "/docs/host-integra
 
 // What each runnable example must print on the simulated kiosk, where the customer inserts
 // 10.00 coins until a cash payment is covered and the pin pad approves.
-const std::map<std::string, std::vector<std::string>>& expectedOutput() {
-    static const std::map<std::string, std::vector<std::string>> expected = {
-        {"cash", {"Status=Payment Completed\n", "ChangeDispensed=7.5\n", "paid: yes\n"}},
-        {"card", {"approved: credit 25\n"}},
-        {"cancel", {"pay exited with status 4\n", "Status=Transaction Cancelled\n"}},
-        {"change", {"Status=Change dispensed\n", "ChangeDispensed=7.5\n"}},
-        {"raw", {"Payment Completed; change 5\n"}},
-        {"restart",
-         {"payment 99: Change 200 partly paid, credit 0, paid 120, unknown 0\n",
-          "nothing left to settle\n"}},
-        {"heartbeat", {"engine alive\n"}},
-        {"python",
-         {"cash: Payment Completed; received 20, change 7.5\n",
-          "card: Credit Card Approved; approved: True\n"}},
-    };
-    return expected;
-}
+const std::map<std::string, std::vector<std::string>> kExpectedOutput = {
+    {"cash", {"Status=Payment Completed\n", "ChangeDispensed=7.5\n", "paid: yes\n"}},
+    {"card", {"approved: credit 25\n"}},
+    {"cancel", {"pay exited with status 4\n", "Status=Transaction Cancelled\n"}},
+    {"change", {"Status=Change dispensed\n", "ChangeDispensed=7.5\n"}},
+    {"raw", {"Payment Completed; change 5\n"}},
+    {"restart",
+     {"payment 99: Change 200 partly paid, credit 0, paid 120, unknown 0\n",
+      "nothing left to settle\n"}},
+    {"heartbeat", {"engine alive\n"}},
+    {"python",
+     {"cash: Payment Completed; received 20, change 7.5\n",
+      "card: Credit Card Approved; approved: True\n"}},
+};
 
 const std::set<std::string> kWindowsExamples = {"vba", "csharp", "reg", "powershell"};
 
@@ -81,7 +78,7 @@ TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
             continue;
         }
         SCOPED_TRACE("example " + e.name);
-        ASSERT_EQ(expectedOutput().count(e.name), 1u) << "an example no test knows";
+        ASSERT_EQ(kExpectedOutput.count(e.name), 1u) << "an example no test knows";
         EXPECT_TRUE(run.insert(e.name).second) << "two examples of that name";
         const std::string file =
             kiosk.dir + "/" + e.name + (e.language == "python" ? ".py" : ".sh");
@@ -109,7 +106,7 @@ TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
                           kiosk.environment(), 180s);
         }
         EXPECT_EQ(r.status, 0) << r.out << r.err;
-        for (const std::string& line : expectedOutput().at(e.name)) {
+        for (const std::string& line : kExpectedOutput.at(e.name)) {
             EXPECT_NE(r.out.find(line), std::string::npos) << "missing \"" << line << "\" in:\n"
                                                            << r.out << r.err;
         }
@@ -123,7 +120,7 @@ TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
             10s));
     }
     kiosk.stopCustomer();
-    EXPECT_EQ(run.size(), expectedOutput().size()) << "an example is missing from the guide";
+    EXPECT_EQ(run.size(), kExpectedOutput.size()) << "an example is missing from the guide";
     // The headless engine prints a voucher after it has written the payment's result.
     EXPECT_TRUE(test::eventually(
         [&] { return kiosk.voucherFiles().size() >= static_cast<std::size_t>(cardApprovals); },
