@@ -50,51 +50,36 @@ const std::string kGuide = std::string(KESTRIX_SOURCE_DIR) + "/docs/host-integra
 
 // What each runnable example must print on the simulated kiosk, where the customer inserts
 // 10.00 coins until a cash payment is covered and the pin pad approves.
-const std::map<std::string, std::vector<std::string>>& expectedOutput() {
-    static const std::map<std::string, std::vector<std::string>> expected = {
-        {"cash", {"Status=Payment Completed\n", "ChangeDispensed=7.5\n", "paid: yes\n"}},
-        {"card", {"approved: credit 25\n"}},
-        {"cancel", {"pay exited with status 4\n", "Status=Transaction Cancelled\n"}},
-        {"change", {"Status=Change dispensed\n", "ChangeDispensed=7.5\n"}},
-        {"raw", {"Payment Completed; change 5\n"}},
-        {"restart",
-         {"payment 99: Change 200 partly paid, credit 0, paid 120, unknown 0\n",
-          "nothing left to settle\n"}},
-        {"heartbeat", {"engine alive\n"}},
-        {"python",
-         {"cash: Payment Completed; received 20, change 7.5\n",
-          "card: Credit Card Approved; approved: True\n"}},
-    };
-    return expected;
-}
+const std::map<std::string, std::vector<std::string>> kExpectedOutput = {
+    {"cash", {"Status=Payment Completed\n", "ChangeDispensed=7.5\n", "paid: yes\n"}},
+    {"card", {"approved: credit 25\n"}},
+    {"cancel", {"pay exited with status 4\n", "Status=Transaction Cancelled\n"}},
+    {"change", {"Status=Change dispensed\n", "ChangeDispensed=7.5\n"}},
+    {"raw", {"Payment Completed; change 5\n"}},
+    {"restart",
+     {"payment 99: Change 200 partly paid, credit 0, paid 120, unknown 0\n",
+      "nothing left to settle\n"}},
+    {"heartbeat", {"engine alive\n"}},
+    {"python",
+     {"cash: Payment Completed; received 20, change 7.5\n",
+      "card: Credit Card Approved; approved: True\n"}},
+};
 
 const std::set<std::string> kWindowsExamples = {"vba", "csharp", "reg", "powershell"};
-
-TEST(HostGuide, EveryExampleIsKnownToTheTests) {
-    std::set<std::string> names;
-    for (const Example& e : examplesOf(test::readFile(kGuide))) {
-        EXPECT_TRUE(names.insert(e.name).second) << "two examples named " << e.name;
-        EXPECT_TRUE(expectedOutput().count(e.name) == 1 || kWindowsExamples.count(e.name) == 1)
-            << "example " << e.name << " is run by no test";
-    }
-    for (const auto& [name, lines] : expectedOutput()) {
-        EXPECT_EQ(names.count(name), 1u) << "example " << name << " is missing from the guide";
-    }
-    for (const std::string& name : kWindowsExamples) {
-        EXPECT_EQ(names.count(name), 1u) << "example " << name << " is missing from the guide";
-    }
-}
 
 TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
     test::SimulatedKiosk kiosk;
     ASSERT_TRUE(kiosk.start());
     kiosk.startCustomer();
     int cardApprovals = 0;
+    std::set<std::string> run;
     for (const Example& e : examplesOf(test::readFile(kGuide))) {
         if (kWindowsExamples.count(e.name) != 0) {
             continue;
         }
         SCOPED_TRACE("example " + e.name);
+        ASSERT_EQ(kExpectedOutput.count(e.name), 1u) << "an example no test knows";
+        EXPECT_TRUE(run.insert(e.name).second) << "two examples of that name";
         const std::string file =
             kiosk.dir + "/" + e.name + (e.language == "python" ? ".py" : ".sh");
         std::ofstream(file) << e.code;
@@ -121,7 +106,7 @@ TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
                           kiosk.environment(), 180s);
         }
         EXPECT_EQ(r.status, 0) << r.out << r.err;
-        for (const std::string& line : expectedOutput().at(e.name)) {
+        for (const std::string& line : kExpectedOutput.at(e.name)) {
             EXPECT_NE(r.out.find(line), std::string::npos) << "missing \"" << line << "\" in:\n"
                                                            << r.out << r.err;
         }
@@ -135,6 +120,7 @@ TEST(HostGuide, ShellAndPythonExamplesRunOnTheSimulatedKiosk) {
             10s));
     }
     kiosk.stopCustomer();
+    EXPECT_EQ(run.size(), kExpectedOutput.size()) << "an example is missing from the guide";
     // The headless engine prints a voucher after it has written the payment's result.
     EXPECT_TRUE(test::eventually(
         [&] { return kiosk.voucherFiles().size() >= static_cast<std::size_t>(cardApprovals); },
@@ -155,14 +141,10 @@ TEST(HostGuide, WindowsExamplesUseTheRegistryStoreAndMailboxKeys) {
     const std::string mailboxPath = root + "\\KSX\\Status";
     EXPECT_NE(test::readFile(kGuide).find("HKEY_CURRENT_USER\\" + mailboxPath), std::string::npos);
 
-    const std::set<std::string> mailboxKeys = {
-        std::string(store::mailbox::kDue),         std::string(store::mailbox::kDueCC),
-        std::string(store::mailbox::kChange),      std::string(store::mailbox::kCancel),
-        std::string(store::mailbox::kExit),        std::string(store::mailbox::kStatus),
-        std::string(store::mailbox::kCredit),      std::string(store::mailbox::kChangeDispensed),
-        std::string(store::mailbox::kTubes),       std::string(store::mailbox::kBDStatus),
-        std::string(store::mailbox::kBDCassette),  std::string(store::mailbox::kBDDispensed),
-        std::string(store::mailbox::kReferenceCC), std::string(store::mailbox::kKsxError)};
+    std::set<std::string> mailboxKeys;
+    for (const store::MailboxValue& v : store::mailboxReset()) {
+        mailboxKeys.emplace(v.key);
+    }
     // How each kind of example names a mailbox key.
     const std::map<std::string, std::regex> keyUses = {
         {"vba", std::regex(R"re(Setting[ (]"KSX", "Status", "(\w+)")re")},
@@ -170,11 +152,13 @@ TEST(HostGuide, WindowsExamplesUseTheRegistryStoreAndMailboxKeys) {
         {"reg", std::regex(R"re(/v (\w+))re")},
         {"powershell", std::regex(R"re(-Name (\w+)|\)\.(\w+))re")},
     };
+    std::set<std::string> seen;
     for (const Example& e : examplesOf(test::readFile(kGuide))) {
         if (kWindowsExamples.count(e.name) == 0) {
             continue;
         }
         SCOPED_TRACE("example " + e.name);
+        EXPECT_TRUE(seen.insert(e.name).second) << "two examples of that name";
         if (e.name != "vba") {
             EXPECT_NE(e.code.find(mailboxPath), std::string::npos)
                 << "the example must name " << mailboxPath;
@@ -189,6 +173,7 @@ TEST(HostGuide, WindowsExamplesUseTheRegistryStoreAndMailboxKeys) {
         }
         EXPECT_GE(uses, 2) << "no mailbox key found";
     }
+    EXPECT_EQ(seen, kWindowsExamples);
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
 // The settings store misused while the engine runs on it: locked by a host that does not commit,
-// made read-only, corrupted, deleted, replaced by a directory. The engine never starts a payment
-// nobody asked for, never crashes, and serves the host again once the store is back.
+// or corrupted (made read-only, deleted or replaced: the store's own tests). The engine never
+// starts a payment nobody asked for, never crashes, and serves the host again once the store is
+// back.
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -65,7 +63,22 @@ std::string hostGet(const SimulatedKiosk& kiosk, const std::string& key) {
     return out;
 }
 
-TEST(HostileStore, LockedForThirtySecondsThePaymentGoesOnAndItsResultsArriveAfter) {
+// The engine still runs and has started no payment of its own.
+void expectNothingStarted(SimulatedKiosk& kiosk) {
+    std::this_thread::sleep_for(2s);
+    EXPECT_TRUE(kiosk.engine().running()) << kiosk.engine().err();
+    EXPECT_EQ(coinEnable(kiosk), "0000");
+}
+
+void expectServesAPayment(SimulatedKiosk& kiosk) {
+    EXPECT_EQ(kiosk.ksxctl({"set", "Status", "Due", "5"}).status, 0);
+    EXPECT_TRUE(
+        eventually([&] { return hostGet(kiosk, "Status") == "Insert Coins or Bills..."; }, 30s));
+    EXPECT_EQ(kiosk.ctl({"coin", "4"}).status, 0);
+    EXPECT_TRUE(eventually([&] { return hostGet(kiosk, "Status") == "Payment Completed"; }, 30s));
+}
+
+TEST(HostileStore, LockedOrCorruptedTheEngineCarriesOnAndServesTheHostOnceItIsBack) {
     SimulatedKiosk kiosk;
     ASSERT_TRUE(kiosk.start());
     kiosk.set("Status", "Status", "");
@@ -76,9 +89,10 @@ TEST(HostileStore, LockedForThirtySecondsThePaymentGoesOnAndItsResultsArriveAfte
     ASSERT_TRUE(eventually([&] { return kiosk.get("Status", "Credit") == "2"; }, 10s));
     {
         // A host that forgets to commit, while the customer puts in the rest: 20 against 10.5.
+        // The engine, whose writes are refused, must keep the devices running all the same.
         StoreLock lock(kiosk.store);
         ASSERT_EQ(kiosk.ctl({"bill", "1"}).status, 0);
-        const auto until = std::chrono::steady_clock::now() + 30s;
+        const auto until = std::chrono::steady_clock::now() + 15s;
         while (std::chrono::steady_clock::now() < until) {
             std::this_thread::sleep_for(1s);
             ASSERT_TRUE(kiosk.engine().running()) << kiosk.engine().err();
@@ -91,54 +105,11 @@ TEST(HostileStore, LockedForThirtySecondsThePaymentGoesOnAndItsResultsArriveAfte
     EXPECT_EQ(kiosk.get("Status", "Credit"), "0");
     EXPECT_EQ(kiosk.get("Status", "ChangeDispensed"), "9.5");
     EXPECT_EQ(kiosk.get("Status", "KSX_Error"), "0");
-    // The engine's own "Due" of the payment, refused during the lock, never started another.
-    std::this_thread::sleep_for(2s);
-    EXPECT_EQ(kiosk.get("Status", "Status"), "Payment Completed");
-    EXPECT_EQ(coinEnable(kiosk), "0000");
-
-    kiosk.set("Status", "Due", "5");
-    ASSERT_TRUE(eventually(
-        [&] { return kiosk.get("Status", "Status") == "Insert Coins or Bills..."; }, 30s));
-    ASSERT_EQ(kiosk.ctl({"coin", "4"}).status, 0);
-    EXPECT_TRUE(
-        eventually([&] { return kiosk.get("Status", "Status") == "Payment Completed"; }, 30s));
-}
-
-TEST(HostileStore, MadeReadOnlyOrCorruptedNothingStartsAndTheEngineCarriesOnOnceItIsBack) {
-    SimulatedKiosk kiosk;
-    ASSERT_TRUE(kiosk.start());
-    const auto servesAPayment = [&] {
-        EXPECT_EQ(kiosk.ksxctl({"set", "Status", "Due", "5"}).status, 0);
-        EXPECT_TRUE(eventually(
-            [&] { return hostGet(kiosk, "Status") == "Insert Coins or Bills..."; }, 30s));
-        EXPECT_EQ(kiosk.ctl({"coin", "4"}).status, 0);
-        EXPECT_TRUE(
-            eventually([&] { return hostGet(kiosk, "Status") == "Payment Completed"; }, 30s));
-    };
-    const std::filesystem::path store(kiosk.store);
-    const std::filesystem::path dir = store.parent_path();
-
-    // Read-only: the engine's connection was opened for writing before, and goes on with it.
-    // A host that opens the store now may no longer write (unless it runs as root).
-    std::filesystem::permissions(store, std::filesystem::perms::owner_read);
-    std::filesystem::permissions(
-        dir, std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
-    if (geteuid() != 0) {
-        const test::RunResult refused = kiosk.ksxctl({"set", "Status", "Due", "5"});
-        EXPECT_NE(refused.status, 0);
-        EXPECT_NE(refused.err.find("readonly"), std::string::npos) << refused.err;
-        std::this_thread::sleep_for(2s);
-        EXPECT_EQ(coinEnable(kiosk), "0000");
-    }
-    std::filesystem::permissions(dir, std::filesystem::perms::owner_all);
-    std::filesystem::permissions(
-        store, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-    servesAPayment();
-    ASSERT_TRUE(kiosk.engine().running()) << kiosk.engine().err();
+    expectNothingStarted(kiosk);  // the payment's own "Due", refused during the lock
+    expectServesAPayment(kiosk);
 
     // Corrupted: the file overwritten with text, everything of it in the file itself (nothing
-    // left in the write-ahead log). The host is told the file is no database and nothing starts;
-    // with the file back the engine serves the host again.
+    // left in the write-ahead log).
     {
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open(kiosk.store.c_str(), &db), SQLITE_OK);
@@ -152,47 +123,10 @@ TEST(HostileStore, MadeReadOnlyOrCorruptedNothingStartsAndTheEngineCarriesOnOnce
     const test::RunResult damaged = kiosk.ksxctl({"set", "Status", "Due", "5"});
     EXPECT_NE(damaged.status, 0);
     EXPECT_NE(damaged.err.find("damaged"), std::string::npos) << damaged.err;
-    std::this_thread::sleep_for(3s);
-    ASSERT_TRUE(kiosk.engine().running()) << kiosk.engine().err();
-    EXPECT_EQ(coinEnable(kiosk), "0000");
+    expectNothingStarted(kiosk);
     std::ofstream(kiosk.store, std::ios::binary | std::ios::trunc) << saved;
-    servesAPayment();
+    expectServesAPayment(kiosk);
     EXPECT_TRUE(kiosk.engine().running()) << kiosk.engine().err();
-}
-
-TEST(HostileStore, DeletedOrReplacedByADirectoryNothingStartsAndTheEngineStillStops) {
-    SimulatedKiosk kiosk;
-    ASSERT_TRUE(kiosk.start());
-    // Replaced by a directory: a host cannot open the store, and is told so.
-    std::filesystem::remove(kiosk.store);
-    std::filesystem::create_directory(kiosk.store);
-    const test::RunResult refused = kiosk.ksxctl({"set", "Status", "Due", "5"});
-    EXPECT_EQ(refused.status, 3);
-    EXPECT_NE(refused.err.find("unable to open database file"), std::string::npos) << refused.err;
-    std::this_thread::sleep_for(2s);
-    EXPECT_TRUE(kiosk.engine().running()) << kiosk.engine().err();
-    EXPECT_EQ(coinEnable(kiosk), "0000");
-
-    // Deleted: the engine notices, says so once, and serves the store a host makes at the path.
-    std::filesystem::remove(kiosk.store);
-    kiosk.ksxctl({"set", "Status", "Due", "abc"});
-    std::this_thread::sleep_for(2s);
-    EXPECT_TRUE(kiosk.engine().running()) << kiosk.engine().err();
-    EXPECT_EQ(coinEnable(kiosk), "0000");
-    EXPECT_EQ(kiosk.ksxctl({"set", "Status", "Due", "5"}).status, 0);
-    EXPECT_TRUE(test::eventually(
-        [&] {
-            return kiosk.ksxctl({"get", "Status", "Status"}).out == "Insert Coins or Bills...\n";
-        },
-        30s))
-        << kiosk.engine().err();
-    EXPECT_NE(kiosk.engine().err().find("while in use"), std::string::npos) << kiosk.engine().err();
-
-    // Whatever store it talks to, the engine still ends on a termination signal.
-    kiosk.engine().signal(SIGTERM);
-    const std::optional<int> status = kiosk.engine().wait(15s);
-    ASSERT_TRUE(status.has_value());
-    EXPECT_EQ(*status, 0) << kiosk.engine().err();
 }
 
 }  // namespace

@@ -34,18 +34,16 @@ public:
           vouchers(dir + "/vouchers"),
           m_devices(devices) {
         std::filesystem::create_directories(vouchers);
+        m_reader = std::make_unique<qt::SqliteStore>(store);
+        sim::seedSimulatedKioskSettings(*m_reader, sim::PortNumbers{});
         if (devices == Devices::OnPtys) {
+            sim::seedSimulatedPortPaths(*m_reader, sim::PortNumbers{}, simDir);
             m_sim = std::make_unique<ChildProcess>(kestrixSimBinary(),
                                                    std::vector<std::string>{"--dir", simDir});
             EXPECT_TRUE(
                 eventually([this] { return m_sim->out().find("ready") != std::string::npos; },
                            std::chrono::seconds(10)))
                 << m_sim->err();
-        }
-        m_reader = std::make_unique<qt::SqliteStore>(store);
-        sim::seedSimulatedKioskSettings(*m_reader, sim::PortNumbers{});
-        if (devices == Devices::OnPtys) {
-            sim::seedSimulatedPortPaths(*m_reader, sim::PortNumbers{}, simDir);
         }
         set("Pin Pad", "Printer", vouchers);
         set("Pin Pad Simulator", "Result", "approved");

@@ -2,11 +2,11 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <stdexcept>
+#include <algorithm>
 #include <thread>
 
 #include "support.h"
@@ -21,22 +21,15 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     m_outPath = dir + "/out";
     m_errPath = dir + "/err";
 
-    std::vector<std::string> environment;
+    std::vector<std::string> environment(env);
     for (char** e = environ; *e != nullptr; ++e) {
         const std::string entry(*e);
-        bool replaced = false;
-        for (const std::string& mine : env) {
-            const std::string name = mine.substr(0, mine.find('=') + 1);
-            if (entry.rfind(name, 0) == 0) {
-                replaced = true;
-            }
-        }
-        if (!replaced) {
+        if (std::none_of(env.begin(), env.end(), [&entry](const std::string& mine) {
+                return entry.rfind(mine.substr(0, mine.find('=') + 1), 0) == 0;
+            })) {
             environment.push_back(entry);
         }
     }
-    environment.insert(environment.end(), env.begin(), env.end());
-
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const std::string& a : args) {
         argv.push_back(const_cast<char*>(a.c_str()));
@@ -48,20 +41,17 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     }
     envp.push_back(nullptr);
 
-    m_pid = fork();
-    if (m_pid < 0) {
-        throw std::runtime_error("fork failed");
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    const int written = O_WRONLY | O_CREAT | O_TRUNC;
+    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, m_outPath.c_str(), written, 0600);
+    posix_spawn_file_actions_addopen(&files, STDERR_FILENO, m_errPath.c_str(), written, 0600);
+    if (posix_spawn(&m_pid, program.c_str(), &files, nullptr, argv.data(), envp.data()) != 0) {
+        m_pid = -1;
+        m_status = 127;  // as a shell reports a program it cannot run
     }
-    if (m_pid == 0) {
-        const int out = ::open(m_outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int err = ::open(m_errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int in = ::open("/dev/null", O_RDONLY);
-        dup2(in, STDIN_FILENO);
-        dup2(out, STDOUT_FILENO);
-        dup2(err, STDERR_FILENO);
-        execve(argv[0], argv.data(), envp.data());
-        _exit(127);
-    }
+    posix_spawn_file_actions_destroy(&files);
 }
 
 ChildProcess::~ChildProcess() {
