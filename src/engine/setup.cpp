@@ -35,8 +35,8 @@ Setup::Setup(Platform platform)
       m_storeWriter(platform.store, platform.clock, platform.log, platform.journal),
       m_link(std::make_unique<MdbLink>(m_platform.mdbPort, m_platform.clock, m_console,
                                        [this] { return pastDeadline(); })),
-      m_dispenser(std::make_unique<BillDispenser>(*this)),
-      m_hoppers(std::make_unique<Hoppers>(*this)),
+      m_dispenser(std::make_unique<BillDispenser>(*this, m_platform.dispenserPort)),
+      m_hoppers(std::make_unique<Hoppers>(*this, m_platform.hoppersPort)),
       m_health(std::make_unique<DeviceHealth>(m_platform.journal, m_platform.log)),
       m_recovery(std::make_unique<Recovery>(*this)),
       m_monitor(m_platform.scheduler.createTimer(

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "console.h"
+#include "device_context.h"
 #include "mdb/numbering.h"
 #include "money.h"
 #include "platform/clock.h"
@@ -92,10 +93,10 @@ struct EngineState {
 
 // The engine object, named after the console form that owns every device link, timer and
 // routine. Lives on the engine thread; every public routine runs there.
-class Setup {
+class Setup : public DeviceContext {
 public:
     explicit Setup(Platform platform);
-    ~Setup();
+    virtual ~Setup();
     Setup(const Setup&) = delete;
     Setup& operator=(const Setup&) = delete;
 
@@ -124,7 +125,7 @@ public:
     // Termination has been asked for (by a signal or by Exit).
     bool interrupted() const;
     // Termination's time is up: every device wait ends now.
-    bool pastDeadline() const;
+    bool pastDeadline() const override;
 
     // --- Device routines --------------------------------------------------------------------
     void InitEquipment();
@@ -138,7 +139,7 @@ public:
     void operatorClick(const std::string& name);
 
     // --- Shared services for the device routines --------------------------------------------
-    Console& console() { return m_console; }
+    Console& console() override { return m_console; }
     EngineState& state() { return m_state; }
     const EngineState& state() const { return m_state; }
     Platform& platform() { return m_platform; }
@@ -147,7 +148,7 @@ public:
     Hoppers& hoppers() { return *m_hoppers; }
     CardPayment& card() { return *m_card; }
     // Device faults and recoveries, journalled and logged once each.
-    DeviceHealth& health() { return *m_health; }
+    DeviceHealth& health() override { return *m_health; }
 
     Timer& monitorTimer() { return *m_monitor; }
 
@@ -155,24 +156,26 @@ public:
     // refuses is kept and written again once the store takes writes (never thrown: store
     // trouble is not a device fault); a read sees the engine's own pending writes.
     std::string getSetting(std::string_view section, std::string_view key,
-                           std::string_view defaultValue = {});
+                           std::string_view defaultValue = {}) override;
     void saveSetting(std::string_view section, std::string_view key, std::string_view value);
     // The host mailbox (section "Status"); reads default to "".
     std::string mailbox(std::string_view key);
-    void writeMailbox(std::string_view key, std::string_view value);
+    void writeMailbox(std::string_view key, std::string_view value) override;
     StoreWriter& storeWriter() { return m_storeWriter; }
 
     // The largest amount a request may ask for (setting "MaxAmount" of section "Settings").
     Money maxAmount();
 
     // A journal row (the running payment's id when the row names none); never throws.
-    void journal(JournalEntry entry);
-    Log& log() { return m_platform.log; }
+    void journal(JournalEntry entry) override;
+    Log& log() override { return m_platform.log; }
+    MessageBox& messageBox() override { return m_platform.messageBox; }
+    std::int64_t paymentId() const override { return m_state.paymentId; }
     // Seconds on the monotonic clock.
     double elapsed() const { return m_platform.clock.elapsedSeconds(); }
 
     // Waits `seconds` on the clock without yielding (the engine's Pause).
-    void pause(double seconds);
+    void pause(double seconds) override;
 
     // The change payout's yielding wait for the coin changer. While it runs, payment actions
     // (cash start/stop, card, change, exit) that arrive are held back and run after the routine

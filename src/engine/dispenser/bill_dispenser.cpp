@@ -6,11 +6,15 @@
 #include <initializer_list>
 
 #include "../bounds.h"
+#include "../console.h"
+#include "../device_context.h"
 #include "../errors.h"
 #include "../formulas.h"
 #include "../journal/device_health.h"
+#include "../platform/log.h"
+#include "../platform/message_box.h"
+#include "../platform/serial_port.h"
 #include "../settings/layout.h"
-#include "../setup.h"
 
 namespace kestrix {
 
@@ -191,7 +195,7 @@ DispenseAnswer decodeDispenseAnswer(std::string_view bytes) {
 // --- The dispenser routines ----------------------------------------------------------------------
 
 void BillDispenser::openPort(std::string_view portText) {
-    SerialPort& port = m_setup.platform().dispenserPort;
+    SerialPort& port = m_port;
     if (port.isOpen()) {
         port.close();
     }
@@ -199,16 +203,16 @@ void BillDispenser::openPort(std::string_view portText) {
 }
 
 void BillDispenser::sendAckTwice() {
-    SerialPort& port = m_setup.platform().dispenserPort;
+    SerialPort& port = m_port;
     port.write(bd::ackFrame());
-    m_setup.pause(bd::kAfterAckSeconds);
+    m_context.pause(bd::kAfterAckSeconds);
     port.write(bd::ackFrame());
-    m_setup.pause(bd::kAfterAckSeconds);
+    m_context.pause(bd::kAfterAckSeconds);
 }
 
 void BillDispenser::readReply() {
     // One read: whatever the receive buffer holds by now.
-    m_bdReply = bd::renderReply(m_setup.platform().dispenserPort.read());
+    m_bdReply = bd::renderReply(m_port.read());
 }
 
 void BillDispenser::apply(const bd::Decoded& d) {
@@ -221,7 +225,7 @@ void BillDispenser::apply(const bd::Decoded& d) {
 }
 
 void BillDispenser::show() {
-    Console& c = m_setup.console();
+    Console& c = m_context.console();
     c.setText("bdSWVersion", m_bdVersion);
     c.setText("bdCasetteStatus", m_bdLow ? "LOW" : "OK");
     c.setText("bdMaxLenght", m_bdMaxLen);
@@ -231,25 +235,25 @@ void BillDispenser::show() {
 }
 
 void BillDispenser::writeMailbox() {
-    Console& c = m_setup.console();
-    m_setup.writeMailbox(store::mailbox::kBDStatus, c.text("bdStatus"));
-    m_setup.writeMailbox(store::mailbox::kBDCassette, c.text("bdCasetteStatus"));
-    m_setup.writeMailbox(store::mailbox::kBDDispensed, c.text("bdBillsDispensed"));
+    Console& c = m_context.console();
+    m_context.writeMailbox(store::mailbox::kBDStatus, c.text("bdStatus"));
+    m_context.writeMailbox(store::mailbox::kBDCassette, c.text("bdCasetteStatus"));
+    m_context.writeMailbox(store::mailbox::kBDDispensed, c.text("bdBillsDispensed"));
 }
 
 void BillDispenser::switchButtons(bool enabled) {
-    m_setup.console().setEnabled("bdDispenseBills", enabled);
-    m_setup.console().setEnabled("bdDispenserRefill", enabled);
+    m_context.console().setEnabled("bdDispenseBills", enabled);
+    m_context.console().setEnabled("bdDispenserRefill", enabled);
 }
 
 void BillDispenser::initBillDispenser(int& bType) {
-    SerialPort& port = m_setup.platform().dispenserPort;
+    SerialPort& port = m_port;
     if (const std::optional<bd::SetupFrame> f = bd::setupFrame(bType)) {
         port.write(f->header);
-        m_setup.pause(bd::kHeaderToBodySeconds);
+        m_context.pause(bd::kHeaderToBodySeconds);
         port.write(f->body);
     }
-    m_setup.pause(bd::kSetupAnswerSeconds);
+    m_context.pause(bd::kSetupAnswerSeconds);
     sendAckTwice();
     readReply();
     apply(bd::decode(m_bdReply, bd::Answer::Setup));
@@ -257,41 +261,41 @@ void BillDispenser::initBillDispenser(int& bType) {
 }
 
 void BillDispenser::statusBillDispenser() {
-    SerialPort& port = m_setup.platform().dispenserPort;
+    SerialPort& port = m_port;
     port.write(bd::statusFrame());
-    m_setup.pause(bd::kStatusAnswerSeconds);
+    m_context.pause(bd::kStatusAnswerSeconds);
     sendAckTwice();
     readReply();
     apply(bd::decode(m_bdReply, bd::Answer::Status));
     show();
-    m_setup.console().setText("bdBillsDispensed", "0");
+    m_context.console().setText("bdBillsDispensed", "0");
     writeMailbox();
 }
 
 void BillDispenser::dispenseBD() {
-    SerialPort& port = m_setup.platform().dispenserPort;
+    SerialPort& port = m_port;
     // The console shows "--" for the whole wait (a view repaints on the change).
-    m_setup.console().setText("bdBillsDispensed", "--");
+    m_context.console().setText("bdBillsDispensed", "--");
     m_bdLastCount = 0;
     m_lastUnknown = false;
     const bd::DispenseFrame& f = bd::dispenseFrame();
     port.write(f.header);
-    m_setup.pause(bd::kHeaderToBodySeconds);
+    m_context.pause(bd::kHeaderToBodySeconds);
     for (const std::string& part : f.body) {
         port.write(part);
     }
-    m_setup.pause(bd::kDispenseAnswerSeconds);
+    m_context.pause(bd::kDispenseAnswerSeconds);
     // The dispenser answers when the bill has gone out, which takes as long as it takes: ask
     // until its whole answer has come, within a bound. Everything received since the request is
     // kept, so an answer split over two reads is read whole.
     std::string received;
     bd::DispenseAnswer answer;
     for (int round = 0; round < bounds::kDispenseAnswerRounds && !answer.complete; ++round) {
-        m_setup.pause(bd::kDispenseRoundSeconds);
+        m_context.pause(bd::kDispenseRoundSeconds);
         sendAckTwice();
         received += port.read();
         answer = bd::decodeDispenseAnswer(received);
-        if (m_setup.pastDeadline()) {
+        if (m_context.pastDeadline()) {
             break;
         }
     }
@@ -304,22 +308,22 @@ void BillDispenser::dispenseBD() {
         // in error until it is read again.
         m_lastUnknown = true;
         m_bdError = true;
-        m_setup.log().error(
+        m_context.log().error(
             "bill dispenser: no complete answer to a dispense; whether the bill "
             "left is unknown",
-            {"dispenser", m_setup.state().paymentId});
+            {"dispenser", m_context.paymentId()});
     }
-    m_setup.console().setText("bdStatus", m_bdError ? "ERR" : "OK");
+    m_context.console().setText("bdStatus", m_bdError ? "ERR" : "OK");
 }
 
 BillDispenser::Delivery BillDispenser::dispense(int count) {
-    Console& c = m_setup.console();
+    Console& c = m_context.console();
     switchButtons(false);
     Delivery d;
     c.setText("bdQtyBills", std::to_string(count));
     const bool ok = trapped([&] {
         int remaining = count;
-        while (remaining > 0 && !m_bdError && !m_setup.pastDeadline()) {
+        while (remaining > 0 && !m_bdError && !m_context.pastDeadline()) {
             dispenseBD();
             remaining -= m_bdLastCount;
             d.delivered += m_bdLastCount;
@@ -340,16 +344,16 @@ BillDispenser::Delivery BillDispenser::dispense(int count) {
 }
 
 void BillDispenser::bdDispenseBills_Click() {
-    const double asked = wholePart(leadingNumber(m_setup.console().text("bdQtyBills")));
+    const double asked = wholePart(leadingNumber(m_context.console().text("bdQtyBills")));
     const int count =
         asked > 0 ? static_cast<int>(std::min<double>(asked, kMaxBillsPerDispense)) : 0;
-    m_setup.journal(
+    m_context.journal(
         {.kind = journal_kind::kOperatorDispense, .device = "dispenser", .count = count});
     const Delivery d = dispense(count);
-    m_setup.journal({.kind = journal_kind::kPayoutConfirmed,
-                     .device = "dispenser",
-                     .count = d.delivered,
-                     .detail = d.unknown ? "last bill unknown" : ""});
+    m_context.journal({.kind = journal_kind::kPayoutConfirmed,
+                       .device = "dispenser",
+                       .count = d.delivered,
+                       .detail = d.unknown ? "last bill unknown" : ""});
 }
 
 void BillDispenser::bdDispenserRefill_Click() {
@@ -357,25 +361,24 @@ void BillDispenser::bdDispenserRefill_Click() {
     const bool read = trapped([this] { statusBillDispenser(); });
     if (!read) {
         m_bdError = true;
-        m_setup.console().setText("bdStatus", "ERR");
+        m_context.console().setText("bdStatus", "ERR");
         writeMailbox();
     }
     // The technician has refilled the cassette (the engine cannot count it): the journal's
     // cassette count starts again here, with the state the dispenser reports.
-    const Console& c = m_setup.console();
+    const Console& c = m_context.console();
     JournalEntry refill;
     refill.kind = journal_kind::kRefill;
     refill.device = "dispenser";
     refill.requester = "operator";
     refill.detail = "cassette " + c.text("bdCasetteStatus") + ", status " + c.text("bdStatus") +
                     ", bill value " + c.text("bDispType") + (read ? "" : ", status read failed");
-    m_setup.platform().journal.append(refill);
-    m_setup.platform().log.info("bill dispenser: refilled (" + refill.detail + ")",
-                                {"dispenser", 0});
+    m_context.journal(refill);
+    m_context.log().info("bill dispenser: refilled (" + refill.detail + ")", {"dispenser", 0});
     if (m_bdError) {
-        m_setup.health().fault("dispenser", "reports an error after the refill");
+        m_context.health().fault("dispenser", "reports an error after the refill");
     } else {
-        m_setup.health().working("dispenser");
+        m_context.health().working("dispenser");
     }
     switchButtons(true);
 }

@@ -6,7 +6,8 @@
 
 namespace kestrix {
 
-class Setup;
+class DeviceContext;
+class SerialPort;
 
 // The single-cassette bill dispenser on MSComm2 ("9600,e,8,1").
 //
@@ -78,7 +79,7 @@ class BillDispenser {
 public:
     static constexpr std::string_view kLineSettings = "9600,e,8,1";
 
-    explicit BillDispenser(Setup& setup) : m_setup(setup) {}
+    BillDispenser(DeviceContext& context, SerialPort& port) : m_context(context), m_port(port) {}
 
     // Opens MSComm2 on the port named by `portText` (closing it first if open). The text must be
     // a whole number (else KsxError); a port that cannot be opened throws PortError.
@@ -122,7 +123,8 @@ private:
     void writeMailbox();
     void switchButtons(bool enabled);
 
-    Setup& m_setup;
+    DeviceContext& m_context;
+    SerialPort& m_port;
     std::string m_bdReply;
     bool m_bdError = false;
     bool m_bdLow = false;

@@ -4,10 +4,14 @@
 #include <cctype>
 #include <cmath>
 
+#include "../console.h"
+#include "../device_context.h"
 #include "../errors.h"
 #include "../formulas.h"
+#include "../platform/log.h"
+#include "../platform/message_box.h"
+#include "../platform/serial_port.h"
 #include "../settings/layout.h"
-#include "../setup.h"
 #include "cctalk.h"
 #include "cctalk_link.h"
 
@@ -44,20 +48,21 @@ Hoppers::Outcome linkFailure(CcTalkLink::Outcome o) {
 
 }  // namespace
 
-Hoppers::Hoppers(Setup& setup) : m_setup(setup) {}
+Hoppers::Hoppers(DeviceContext& context, SerialPort& port) : m_context(context), m_port(port) {}
 Hoppers::~Hoppers() = default;
 
 void Hoppers::hDispenseCoins_Click() {
-    Console& c = m_setup.console();
+    Console& c = m_context.console();
     const Money amount = Money::fromDouble(leadingNumber(c.text("hToDispense"))).value_or(Money());
-    m_setup.journal(
+    m_context.journal(
         {.kind = journal_kind::kOperatorDispense, .device = "hoppers", .amount = amount});
     const Money paid = dispense(amount);
-    m_setup.journal({.kind = journal_kind::kPayoutConfirmed, .device = "hoppers", .amount = paid});
+    m_context.journal(
+        {.kind = journal_kind::kPayoutConfirmed, .device = "hoppers", .amount = paid});
 }
 
 Money Hoppers::dispense(Money amount) {
-    Console& c = m_setup.console();
+    Console& c = m_context.console();
     const bool buttonWasEnabled = c.enabled("hDispenseCoins");
     c.setEnabled("hDispenseCoins", false);
     m_paid = Money();
@@ -65,8 +70,8 @@ Money Hoppers::dispense(Money amount) {
     if (!trapped([&] { dispenseAmount(amount); })) {
         // A port that vanished or a store that failed ends the dispense; the coins counted out
         // until then are still reported, so the money stays accounted for.
-        m_setup.log().error("hoppers: dispense broken off by a port error",
-                            {"hoppers", m_setup.state().paymentId});
+        m_context.log().error("hoppers: dispense broken off by a port error",
+                              {"hoppers", m_context.paymentId()});
     }
     c.setText("hDispensed", m_paid.text());
     c.setEnabled("hDispenseCoins", buttonWasEnabled);
@@ -74,7 +79,7 @@ Money Hoppers::dispense(Money amount) {
 }
 
 void Hoppers::openPort(std::string_view portText) {
-    SerialPort& port = m_setup.platform().hoppersPort;
+    SerialPort& port = m_port;
     if (port.isOpen()) {
         port.close();
     }
@@ -82,16 +87,16 @@ void Hoppers::openPort(std::string_view portText) {
 }
 
 bool Hoppers::ensurePortOpen() {
-    SerialPort& port = m_setup.platform().hoppersPort;
+    SerialPort& port = m_port;
     if (port.isOpen()) {
         return true;
     }
     // Equipment initialisation opens the link; it is closed here only when that failed or the
     // port dropped since. One attempt to open it again, on the configured port.
     try {
-        const double number = leadingNumber(m_setup.console().text("comPorts2"));
+        const double number = leadingNumber(m_context.console().text("comPorts2"));
         openPort(std::to_string(static_cast<int>(std::clamp(number, 0.0, 65535.0))));
-        m_setup.pause(Hoppers::kAfterResetSeconds);
+        m_context.pause(Hoppers::kAfterResetSeconds);
     } catch (const PortError&) {
         return false;
     }
@@ -102,10 +107,10 @@ void Hoppers::dispenseAmount(Money amount) {
     if (!amount.positive()) {
         return;
     }
-    Console& c = m_setup.console();
+    Console& c = m_context.console();
     namespace key = store::key;
     const auto setting = [this](std::string_view k, std::string_view fallback) {
-        return m_setup.getSetting(store::section::kHoppers, k, fallback);
+        return m_context.getSetting(store::section::kHoppers, k, fallback);
     };
     const std::string modeText = lowerTrimmed(setting(key::kDispenseMode, "serial"));
     Mode mode = Mode::Serial;
@@ -114,7 +119,7 @@ void Hoppers::dispenseAmount(Money amount) {
     } else if (modeText == "noencrypt8") {
         mode = Mode::NoEncrypt8;
     } else if (modeText != "serial") {
-        m_setup.platform().messageBox.show(
+        m_context.messageBox().show(
             "Hoppers: dispense mode \"" + modeText +
                 "\" is not supported. Set DispenseMode to serial, zeros8 or noencrypt8 "
                 "(hoppers with encrypted payout cannot be used).",
@@ -142,7 +147,7 @@ void Hoppers::dispenseAmount(Money amount) {
     if (!ensurePortOpen()) {
         return;
     }
-    CcTalkLink link(m_setup.platform().hoppersPort, echo);
+    CcTalkLink link(m_port, echo);
 
     Money left = amount;
     for (const Hopper& h : {first, second}) {
@@ -159,7 +164,7 @@ void Hoppers::dispenseAmount(Money amount) {
         report.coinValue = h.value;
         // One dispense command asks for at most 255 coins; larger amounts take several, each
         // only after the previous one paid in full.
-        while (coinsWanted >= 1 && !m_setup.pastDeadline()) {
+        while (coinsWanted >= 1 && !m_context.pastDeadline()) {
             const auto batch =
                 static_cast<int>(std::min<std::int64_t>(coinsWanted, kMaxCoinsPerCommand));
             report.coinsAsked += batch;
@@ -202,7 +207,7 @@ bool Hoppers::prepare(CcTalkLink& link, std::uint8_t address, Report& report) {
         // A fault latched from an earlier payout (or the power-up flag): only a reset clears it,
         // and a reset leaves the hopper disabled.
         link.exchange(address, header::kResetDevice);
-        m_setup.pause(kAfterResetSeconds);
+        m_context.pause(kAfterResetSeconds);
     }
     if ((flags & (testFlag::kNeedsReset | testFlag::kPayoutDisabled)) != 0) {
         const std::string enable(1, static_cast<char>(kEnableCode));
@@ -304,7 +309,7 @@ int Hoppers::payFrom(CcTalkLink& link, std::uint8_t address, int coins, Mode mod
     bool finished = false;
     Status s;
     while (!finished) {
-        m_setup.pause(kStatusPollSeconds);
+        m_context.pause(kStatusPollSeconds);
         if (!readStatus(link, address, s, 1)) {
             if (++lost >= kLostStatusPolls) {
                 paid = stop(link, address, paid);

@@ -9,7 +9,8 @@
 
 namespace kestrix {
 
-class Setup;
+class DeviceContext;
+class SerialPort;
 class CcTalkLink;
 
 // The two coin hoppers behind the hoppers interface on MSComm3, spoken to in ccTalk.
@@ -65,7 +66,7 @@ public:
 
     static constexpr std::string_view kLineSettings = "9600,N,8,1";
 
-    explicit Hoppers(Setup& setup);
+    Hoppers(DeviceContext& context, SerialPort& port);
     ~Hoppers();
     Hoppers(const Hoppers&) = delete;
     Hoppers& operator=(const Hoppers&) = delete;
@@ -102,7 +103,8 @@ private:
     int stop(CcTalkLink& link, std::uint8_t address, int lastKnownPaid);
     bool ensurePortOpen();
 
-    Setup& m_setup;
+    DeviceContext& m_context;
+    SerialPort& m_port;
     Money m_paid;  // money paid by the running dispense so far
     std::vector<Report> m_reports;
 };
