@@ -645,6 +645,14 @@ void Setup::enablePaymentCC_Click() {
 
 // --- Operator input from a view ---------------------------------------------------------------
 
+namespace {
+// A control and what the operator's click (or change) on it runs.
+struct ControlHandler {
+    FieldName control;
+    void (*handler)(Setup&);
+};
+}  // namespace
+
 void Setup::operatorEdit(const std::string& name, const std::string& text, int value) {
     if (m_ended) {
         return;
@@ -666,8 +674,7 @@ void Setup::operatorEdit(const std::string& name, const std::string& text, int v
         m_console.setText(*edited, text);
     }
     // Check boxes and lists raise their click when the operator changes them.
-    using Handler = void (*)(Setup&);
-    static const std::vector<std::pair<std::string_view, Handler>> handlers = {
+    static const ControlHandler handlers[] = {
         {"comPorts", [](Setup& s) { s.comPorts_Click(); }},
         {"comPorts1", [](Setup& s) { s.comPorts_Click(); }},
         {"CoinAcceptorEnabled", [](Setup& s) { s.comPorts_Click(); }},
@@ -679,7 +686,7 @@ void Setup::operatorEdit(const std::string& name, const std::string& text, int v
         {"ccPrinters", [](Setup& s) { s.m_card->ccPrinters_Click(); }},
     };
     for (const auto& [control, handler] : handlers) {
-        if (control == name) {
+        if (control == *edited) {
             // The handler's own trap has reported what the operator needs to know.
             guarded(name, [this, handler = handler] { trapped([&] { handler(*this); }); });
             return;
@@ -699,8 +706,7 @@ void Setup::operatorClick(const std::string& name) {
     if (!f.enabled || f.kind != FieldKind::Button) {
         return;  // a disabled button cannot be pressed
     }
-    using Handler = void (*)(Setup&);
-    static const std::vector<std::pair<std::string_view, Handler>> buttons = {
+    static const ControlHandler buttons[] = {
         {"Save", [](Setup& s) { s.Save_Click(); }},
         {"Cancel", [](Setup& s) { s.Exit(); }},
         {"enablePayment", [](Setup& s) { s.paymentClick("operator"); }},
@@ -711,11 +717,11 @@ void Setup::operatorClick(const std::string& name) {
         {"ccReadCard", [](Setup& s) { s.m_card->ccReadCard_Click(); }},
     };
     for (const auto& [control, handler] : buttons) {
-        if (control == name) {
+        if (control == *button) {
             // The payment buttons hold themselves back with what they meant; the others are
             // held here.
-            const bool holdsItself = name == "enablePayment" || name == "enablePaymentCC";
-            if (name != "Save" && !holdsItself &&
+            const bool holdsItself = control == "enablePayment" || control == "enablePaymentCC";
+            if (control != "Save" && !holdsItself &&
                 holdDuringPayout([this, name] { operatorClick(name); })) {
                 return;
             }
