@@ -152,29 +152,6 @@ std::string singleText(float value) {
     return text;
 }
 
-std::string currencyText(double value) {
-    // Beyond this no amount is real, and the digits below would not fit an integer.
-    constexpr double kLargest = 1e15;
-    if (!std::isfinite(value) || std::fabs(value) >= kLargest) {
-        return "$0.00";
-    }
-    const bool negative = value < 0;
-    const double cents = std::round(std::fabs(value) * 100.0);
-    char buf[64];
-    std::snprintf(buf, sizeof buf, "%.0f", std::floor(cents / 100.0));
-    std::string whole(buf);
-    std::string grouped;
-    for (std::size_t i = 0; i < whole.size(); ++i) {
-        if (i > 0 && (whole.size() - i) % 3 == 0) {
-            grouped += ',';
-        }
-        grouped += whole[i];
-    }
-    const auto frac = static_cast<int>(std::fmod(cents, 100.0));
-    std::snprintf(buf, sizeof buf, ".%02d", frac);
-    return std::string(negative && cents > 0 ? "-$" : "$") + grouped + buf;
-}
-
 namespace {
 
 // Length of the longest decimal number at the start of `s` (sign, digits, point, exponent).

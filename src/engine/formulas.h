@@ -35,8 +35,6 @@ void Pause(Clock& clock, double seconds);
 std::string numberText(double value);
 // The same for single-precision values (the tube money): up to 7 significant digits.
 std::string singleText(float value);
-// Console currency text: "$0.00", "$1,234.50", "-$5.00".
-std::string currencyText(double value);
 
 // Lenient text-to-number: the leading decimal number of the text (after leading blanks), 0 for
 // an empty or non-numeric text. Never throws; a number too large for a double gives 0, so a

@@ -131,19 +131,6 @@ TEST(NumberText, WritesTheShortestPlainDecimal) {
     EXPECT_EQ(singleText(1234567.8f), "1234568");
 }
 
-TEST(CurrencyText, DollarsWithTwoDecimalsAndThousands) {
-    EXPECT_EQ(currencyText(0), "$0.00");
-    EXPECT_EQ(currencyText(1234.5), "$1,234.50");
-    EXPECT_EQ(currencyText(12.5), "$12.50");
-    EXPECT_EQ(currencyText(0.005), "$0.01");
-    EXPECT_EQ(currencyText(1234567.891), "$1,234,567.89");
-    EXPECT_EQ(currencyText(-5), "-$5.00");
-    EXPECT_EQ(currencyText(std::nan("")), "$0.00");
-    // No amount is that large; its digits would not fit the integer the cents are taken from.
-    EXPECT_EQ(currencyText(1e307), "$0.00");
-    EXPECT_EQ(currencyText(-1e300), "$0.00");
-}
-
 TEST(LeadingNumber, TakesTheLeadingNumberAndNeverInventsAnAmount) {
     struct Row {
         std::string text;

@@ -23,13 +23,9 @@ inline constexpr std::uint8_t kTestHopper = 163;
 inline constexpr std::uint8_t kEnableHopper = 164;
 inline constexpr std::uint8_t kHopperStatus = 166;
 inline constexpr std::uint8_t kDispenseHopperCoins = 167;
-inline constexpr std::uint8_t kDispenseCount = 168;
 inline constexpr std::uint8_t kEmergencyStop = 172;
-inline constexpr std::uint8_t kPayoutLevelStatus = 217;
 inline constexpr std::uint8_t kSerialNumber = 242;
 inline constexpr std::uint8_t kProductCode = 244;
-inline constexpr std::uint8_t kEquipmentCategory = 245;
-inline constexpr std::uint8_t kSimplePoll = 254;
 }  // namespace header
 
 // The data byte of header 164 that enables a hopper; any other value disables it.
