@@ -8,7 +8,6 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPlainTextEdit>
-#include <QStringList>
 #include <QStyle>
 #include <QTabWidget>
 #include <QTest>
@@ -134,17 +133,6 @@ public:
             }
         }
         return false;
-    }
-
-    // What a control showed, in order, for failure messages.
-    QString history(const std::string& name) const {
-        QStringList out;
-        for (const auto& [n, t] : displayed) {
-            if (n == name) {
-                out << "\"" + t + "\"";
-            }
-        }
-        return out.join(" ");
     }
 
     sim::VirtualKiosk kiosk;
