@@ -31,10 +31,6 @@ struct Kiosk : VirtualKiosk {
         }
         return r;
     }
-    std::string dispenserStatus() {
-        LinkDevice& d = models().dispenserLink();
-        return renderReply(exchange(d, test::bytesOf(bd::statusFrame()), 0.9));
-    }
     // Read rounds until the dispense answer came, and the last read.
     std::pair<int, std::string> dispense() {
         LinkDevice& d = models().dispenserLink();
@@ -79,15 +75,9 @@ std::string pollAfterReset(Kiosk& k) {
 
 const FaultRow kRows[] = {
     {"adapter", "garbage", [](Kiosk& k) { return k.mdb({0x0B}); }, "0b00 0b01 ", "0b00 #~0b01 "},
-    {"changer", "silent", [](Kiosk& k) { return k.mdb({0x08}); }, "0001 ", ""},
     {"changer", "reset-only",
      [](Kiosk& k) { return k.mdb({0x08}) + "/" + std::to_string(k.mdb({0x09}).size()); },
      "0001 /120", "0001 /0"},
-    {"changer", "cassette-removed",
-     [](Kiosk& k) {
-         return k.mdb({0x0F, 0x05});
-     },
-     "0300 0000 0301 ", "1500 0200 1701 "},
     {"changer", "payout-jam",
      [](Kiosk& k) {
          k.mdb({0x0B});
@@ -103,48 +93,20 @@ const FaultRow kRows[] = {
      },
      "tube 9", "07, tube 10"},
     {"changer", "busy-forever", pollAfterReset, "0001 ", "0200 0201 "},
-    {"validator", "silent", [](Kiosk& k) { return k.mdb({0x30}); }, "0001 ", ""},
     {"validator", "ccd",
      [](Kiosk& k) {
          const ByteList id = test::replyBytes(k.mdb({0x37, 0x00}));
          return std::string(id.begin(), id.begin() + 3);
      },
      "KSX", "CCD"},
-    {"validator", "flaky",
-     [](Kiosk& k) {
-         std::string seen;
-         for (int i = 0; i < 4; ++i) {
-             seen += k.mdb({0x33}).empty() ? "-" : "y";
-         }
-         return seen;
-     },
-     "yyyy", "--y-"},
-    {"dispenser", "silent",
-     [](Kiosk& k) { return std::string(k.dispenserStatus().empty() ? "nothing" : "answer"); },
-     "answer", "nothing"},
-    {"dispenser", "error", [](Kiosk& k) { return field(k.dispenserStatus(), 21, 6); }, "E00124",
-     "F10124"},
-    {"dispenser", "low", [](Kiosk& k) { return field(k.dispenserStatus(), 57, 2); }, "00", "80"},
     {"dispenser", "empty", [](Kiosk& k) { return field(k.dispense().second, 100, 2); }, "B1", "00"},
-    {"dispenser", "shifted", [](Kiosk& k) { return field(k.dispenserStatus(), 67, 2); }, "8B",
-     "B7"},
     {"dispenser", "slow", [](Kiosk& k) { return field(k.dispense().second, 1, 8); }, "10061006",
      "10051002"},
-    {"hopper1", "silent",
-     [](Kiosk& k) { return hexBytes(k.exchange(k.models().hoppersLink(), hex("03 00 01 FE FE"))); },
-     "03 00 01 FE FE 01 00 03 00 FC", "03 00 01 FE FE"},
-    {"hopper2", "silent",
-     [](Kiosk& k) { return hexBytes(k.exchange(k.models().hoppersLink(), hex("04 00 01 FE FD"))); },
-     "04 00 01 FE FD 01 00 04 00 FB", "04 00 01 FE FD"},
     {"hopper1", "empty", [](Kiosk& k) { return k.hopperStatusAfterPayingThree(); }, "0 3 0",
      "0 0 3"},
-    {"hopper1", "jam", [](Kiosk& k) { return k.hopperStatusAfterPayingThree(); }, "0 3 0", "3 0 0"},
     {"hopper2", "no-echo",
      [](Kiosk& k) { return hexBytes(k.exchange(k.models().hoppersLink(), hex("03 00 01 FE FE"))); },
      "03 00 01 FE FE 01 00 03 00 FC", "01 00 03 00 FC"},
-    {"pinpad", "offline",
-     [](Kiosk& k) { return std::string(k.pinPad().identify().online ? "online" : "offline"); },
-     "online", "offline"},
 };
 
 TEST(FaultSwitches, EachFaultChangesWhatTheDeviceDoes) {
