@@ -60,7 +60,6 @@ TEST(View, RenderingNeverComesBackAsAnOperatorEdit) {
     c.setText("due", "12.5");
     c.setValue("CoinAcceptorEnabled", 1);
     c.setText("bDispType", "200");
-    c.setText("comPorts", "3");
     c.setText("ccPassword", "secret");
     c.setEnabled("enablePayment", false);
     e.guiRuns();
@@ -68,7 +67,6 @@ TEST(View, RenderingNeverComesBackAsAnOperatorEdit) {
     EXPECT_EQ(e.edit("due")->text(), "12.5");
     EXPECT_TRUE(qobject_cast<QCheckBox*>(e.window->control("CoinAcceptorEnabled"))->isChecked());
     EXPECT_EQ(qobject_cast<QComboBox*>(e.window->control("bDispType"))->currentData(), "200");
-    EXPECT_EQ(qobject_cast<QComboBox*>(e.window->control("comPorts"))->currentData(), "3");
     EXPECT_EQ(e.edit("ccPassword")->text(), "secret");
     EXPECT_FALSE(e.window->control("enablePayment")->isEnabled());
 }
