@@ -114,6 +114,7 @@ TEST(QtPrinter, VouchersArePdfFilesWithEveryLineWholeOnThePage) {
 
     voucher::printCommunicationError(printer, "Sin respuesta del autorizador", "T01");
     printer.endDoc();
+    printer.endDoc();
     EXPECT_EQ(pdfFiles(dir).size(), 2) << "every document is a file of its own, an empty one none";
     double pageWidth = 0;
     const std::vector<Word> words = pdfWords(printer.lastFile(), pageWidth);
