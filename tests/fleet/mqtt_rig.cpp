@@ -10,7 +10,6 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "engine/platform/journal.h"
 #include "support/support.h"
 
 namespace kestrix::test {
@@ -161,28 +160,6 @@ std::optional<Subscriber::Message> Subscriber::waitFor(
 void Subscriber::publish(const std::string& topic, const std::string& payload) {
     mosquitto_publish(m_mosq, nullptr, topic.c_str(), static_cast<int>(payload.size()),
                       payload.data(), 1, false);
-}
-
-void TestJournal::append(fleet::JournalRow row) {
-    std::lock_guard lock(m_shared->mutex);
-    row.sequence = static_cast<std::int64_t>(m_shared->rows.size()) + 1;
-    m_shared->rows.push_back(row);
-}
-
-std::vector<fleet::JournalRow> TestJournal::rowsAfter(std::int64_t sequence, std::size_t limit) {
-    std::lock_guard lock(m_shared->mutex);
-    std::vector<fleet::JournalRow> out;
-    for (const fleet::JournalRow& r : m_shared->rows) {
-        if (r.sequence > sequence && out.size() < limit) {
-            out.push_back(r);
-        }
-    }
-    return out;
-}
-
-std::int64_t TestJournal::lastSequence() {
-    std::lock_guard lock(m_shared->mutex);
-    return static_cast<std::int64_t>(m_shared->rows.size());
 }
 
 void SharedLog::write(LogLevel level, std::string_view message, const LogFields&) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// A real mosquitto broker for the fleet tests, a subscriber on it, and a journal the test writes.
+// A real mosquitto broker for the fleet tests, a subscriber on it, and a log for the publisher.
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "engine/platform/log.h"
-#include "fleet/event_source.h"
 #include "support/process.h"
 
 struct mosquitto;
@@ -77,25 +76,6 @@ private:
     mosquitto* m_mosq = nullptr;
     mutable std::mutex m_mutex;
     std::vector<Message> m_messages;
-};
-
-// A journal the test appends to; safe to read from the publisher's thread. Its copies share its
-// rows (a publisher owns its copy). Its faults are read as events: a publisher starts on it
-// before any is written.
-class TestJournal : public fleet::EventSource {
-public:
-    // Appends a row, its sequence the next one.
-    void append(fleet::JournalRow row);
-    std::vector<fleet::JournalRow> rowsAfter(std::int64_t sequence, std::size_t limit) override;
-    std::int64_t lastSequence() override;
-    std::vector<fleet::JournalRow> latestFaultRows() override { return {}; }
-
-private:
-    struct Rows {
-        std::mutex mutex;
-        std::vector<fleet::JournalRow> rows;
-    };
-    std::shared_ptr<Rows> m_shared = std::make_shared<Rows>();
 };
 
 // A log safe to write from the publisher's thread.

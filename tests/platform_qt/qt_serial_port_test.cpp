@@ -1,10 +1,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
-#include <chrono>
 #include <cstdlib>
 #include <string>
 
@@ -15,8 +13,8 @@
 namespace kestrix::qt {
 namespace {
 
-// The far end of a pseudo-terminal: the test plays the device on the master side while the port
-// opens the slave like any serial device.
+// The far end of a pseudo-terminal: the port opens the slave like any serial device. (Bytes both
+// ways and the read quantum are what every engine run on the simulator's ptys relies on.)
 class PtyDevice {
 public:
     PtyDevice() {
@@ -29,25 +27,6 @@ public:
     ~PtyDevice() { hangUp(); }
 
     const std::string& path() const { return m_slave; }
-    void send(const std::string& bytes) {
-        ASSERT_EQ(::write(m_master, bytes.data(), bytes.size()),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    // Everything the port wrote, waiting up to two seconds for `count` bytes.
-    std::string receive(std::size_t count) {
-        std::string got;
-        for (int i = 0; i < 200 && got.size() < count; ++i) {
-            pollfd p{m_master, POLLIN, 0};
-            if (::poll(&p, 1, 10) > 0) {
-                char buffer[256];
-                const ssize_t n = ::read(m_master, buffer, sizeof buffer);
-                if (n > 0) {
-                    got.append(buffer, static_cast<std::size_t>(n));
-                }
-            }
-        }
-        return got;
-    }
     void hangUp() {
         if (m_master >= 0) {
             ::close(m_master);
@@ -60,7 +39,7 @@ private:
     std::string m_slave;
 };
 
-// Port 7 is the slave of a pty the test plays the device on.
+// Port 7 is the slave of a pty.
 struct PortFixture : ::testing::Test {
     sim::MemoryStore store;
     PtyDevice device;
@@ -80,42 +59,6 @@ TEST(QtSerialPortMapping, NumbersMapToDevices) {
     EXPECT_EQ(resolve(3), "/dev/ttyUSB0");
     EXPECT_EQ(resolve(4), "/dev/ttyS3");
     EXPECT_EQ(resolve(0), "");
-}
-
-TEST_F(PortFixture, ExchangesRawBytesBothWays) {
-    port.open(7, "9600,N,8,1");
-    ASSERT_TRUE(port.isOpen());
-    EXPECT_EQ(port.portNumber(), 7);
-    const std::string frame("\x01\x02\xff\x00\x80 abc", 8);
-    port.write(frame);
-    EXPECT_EQ(device.receive(frame.size()), frame);
-
-    std::string reply;
-    for (int i = 0; i < 300; ++i) {
-        reply += static_cast<char>(i % 256);
-    }
-    device.send(reply);
-    std::string got;
-    for (int i = 0; i < 2000 && got.size() < reply.size(); ++i) {
-        got += port.read();
-    }
-    EXPECT_EQ(got, reply);
-    EXPECT_EQ(port.read(), "") << "nothing more has arrived";
-}
-
-// A read loop "limited to 500 reads" must give up after about a second of silence: every read
-// of nothing waits one quantum, and never much longer.
-TEST_F(PortFixture, AReadOfNothingWaitsOneQuantum) {
-    port.open(7, "9600,e,8,1");
-    constexpr int kReads = 200;
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < kReads; ++i) {
-        ASSERT_EQ(port.read(), "");
-    }
-    const double ms =
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_GE(ms, kReads * SerialPort::kReadQuantumMs * 0.9);
-    EXPECT_LT(ms, 20000.0);
 }
 
 TEST_F(PortFixture, OpeningFailuresArePortErrors) {

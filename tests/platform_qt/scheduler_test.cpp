@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QThread>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <stdexcept>
@@ -42,30 +40,6 @@ private:
 INSTANTIATE_TEST_SUITE_P(Qt, SchedulerContract, ::testing::Values(test::SchedulerFactory([] {
                              return std::make_unique<QtUnderTest>();
                          })));
-
-TEST(QtScheduler, PostsFromAnotherThreadRunInOrderOnTheSchedulersThread) {
-    QtScheduler scheduler([](int) {});
-    constexpr int kTasks = 200;
-    std::vector<int> order;
-    std::atomic<int> wrongThread{0};
-    QThread* const engineThread = QThread::currentThread();
-    std::thread gui([&] {
-        for (int i = 0; i < kTasks; ++i) {
-            scheduler.post([&, i] {
-                if (QThread::currentThread() != engineThread) {
-                    ++wrongThread;
-                }
-                order.push_back(i);
-            });
-        }
-    });
-    gui.join();
-    scheduler.yieldUntil([&] { return order.size() == kTasks; });
-    EXPECT_EQ(wrongThread.load(), 0);
-    for (int i = 0; i < kTasks; ++i) {
-        ASSERT_EQ(order[static_cast<std::size_t>(i)], i);
-    }
-}
 
 TEST(QtScheduler, ErrorsInTicksStayInsideAndTimersMayEndThemselves) {
     QtScheduler scheduler([](int) {});

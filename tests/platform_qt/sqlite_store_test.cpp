@@ -20,20 +20,18 @@ std::string freshStore() {
     return test::makeTempDir("ksx-store") + "/nested/dir/KSX.db";
 }
 
-// What only SQLite could get wrong: text that is SQL, and bytes that are not UTF-8 or are NUL (the
-// registry takes UTF-16 text and the store contract covers the texts every store keeps).
-TEST(SqliteStore, SqlNulAndNonUtf8BytesComeBackUnchanged) {
+// What only SQLite could get wrong: bytes that are NUL or not UTF-8 (the registry takes UTF-16
+// text, and the store contract covers the texts every store keeps, SQL among them).
+TEST(SqliteStore, NulAndNonUtf8BytesComeBackUnchanged) {
     SqliteStore store(freshStore());
     std::string bytes;
     for (int c = 0; c < 256; ++c) {
         bytes += static_cast<char>(c);
     }
-    for (const std::string& value : {std::string("'; DROP TABLE settings; --"), bytes}) {
-        store.set("KSX", "Status", "Hostile", value);
-        EXPECT_EQ(store.get("KSX", "Status", "Hostile"), value) << value.substr(0, 40);
-        store.set("KSX", value, value, "as names too");
-        EXPECT_EQ(store.get("KSX", value, value), "as names too") << value.substr(0, 40);
-    }
+    store.set("KSX", "Status", "Hostile", bytes);
+    EXPECT_EQ(store.get("KSX", "Status", "Hostile"), bytes);
+    store.set("KSX", bytes, bytes, "as names too");
+    EXPECT_EQ(store.get("KSX", bytes, bytes), "as names too");
 }
 
 TEST(SqliteStore, EngineAndGuiThreadsShareOneStore) {

@@ -9,7 +9,8 @@
 // class when no ProgID is configured.
 //
 // Scripting (exports, called by the test in the same process):
-//   TestPinPadScript(member, outcome)  outcome: "text:<text>", "number:<n>", "bool:<0|1>",
+//   TestPinPadScript(member, outcome)  outcome: "text:<text>" (unscripted: the member's name),
+//                                      "number:<n>", "bool:<0|1>",
 //                                      "raise:<scode>:<wCode>:<description>" (an exception the
 //                                      component raises), "fail:<hresult>" (a failed Invoke),
 //                                      "absent" (no such member)
@@ -152,11 +153,11 @@ public:
             return S_OK;
         }
 
-        std::wstring outcome = L"text:";
+        std::wstring outcome = L"text:" + name;
         if (const auto it = g_scripts.find(key); it != g_scripts.end()) {
             outcome = it->second;
         } else if (const auto prop = g_properties.find(key); prop != g_properties.end()) {
-            outcome += prop->second;
+            outcome = L"text:" + prop->second;
         }
         std::wstring rest;
         if (after(outcome, L"fail:", rest)) {
@@ -326,13 +327,6 @@ HRESULT STDAPICALLTYPE DllRegisterServer() {
         return SELFREG_E_CLASS;
     }
     return SUCCEEDED(registerTypeLibrary()) ? S_OK : SELFREG_E_TYPELIB;
-}
-
-HRESULT STDAPICALLTYPE DllUnregisterServer() {
-    RegDeleteTreeW(HKEY_CLASSES_ROOT, (L"CLSID\\" + guidText(kClassId)).c_str());
-    RegDeleteTreeW(HKEY_CLASSES_ROOT, kProgId);
-    UnRegisterTypeLib(kLibraryId, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
-    return S_OK;
 }
 
 void TestPinPadScript(const wchar_t* member, const wchar_t* outcome) {
