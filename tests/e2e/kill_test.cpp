@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <map>
@@ -18,8 +17,7 @@
 
 // The engine killed (kill -9) at random points of payments on the kiosk as it runs in the field:
 // kestrix-sim in place of the devices, kestrix on its pseudo-terminals. After every restart the
-// journal and the simulator's own counts must reconcile to the minor unit, and the host, reading
-// the mailbox as the host guide says, must never be led to ask for money a second time.
+// journal and the simulator's own counts must reconcile to the minor unit.
 //
 // KSX_KILL_PAYMENTS sets the number of payments (a few in `make test`; run it with 200 or more
 // to soak), KSX_KILL_SEED the random seed.
@@ -115,13 +113,6 @@ bool finalStatus(const std::string& request, const std::string& status) {
            status == "Pin Pad Error" || status.rfind("Error: ", 0) == 0;
 }
 
-// A restart report as the host reads it from the mailbox.
-struct Report {
-    std::int64_t id = 0;
-    std::string request;
-    Money paid, unknown;
-};
-
 TEST(KillNine, JournalAndDeviceBooksReconcileAfterEveryRestart) {
     const int payments = envInt("KSX_KILL_PAYMENTS", 4);
     const unsigned seed = static_cast<unsigned>(envInt("KSX_KILL_SEED", 20261123));
@@ -201,7 +192,6 @@ TEST(KillNine, JournalAndDeviceBooksReconcileAfterEveryRestart) {
         // Payouts the devices run on their own finish before the books are read.
         test::eventually([&] { return !deviceBooks(kiosk).busy; }, 30s);
 
-        std::vector<Report> reports;
         if (kill) {
             kiosk.set("Pin Pad", "On Line", "");  // so that start() waits for the new engine
             // A dispenser killed in the middle of a frame may answer the next set-up with an
@@ -209,12 +199,9 @@ TEST(KillNine, JournalAndDeviceBooksReconcileAfterEveryRestart) {
             ASSERT_TRUE(kiosk.start(false))
                 << kiosk.ksxctl({"journal", "--since", "#" + std::to_string(requestSeq + 1)}).out;
             pause(1500);  // the bill validator is initialised last, after the tubes are read
-            // The host reads each restart report and acknowledges it.
+            // The host acknowledges each restart report (their contents: the recovery's tests).
             for (int r = 0; r < 10 && !status("Interrupted").empty(); ++r) {
                 const std::string id = status("Interrupted");
-                reports.push_back({std::stoll(id), status("InterruptedRequest"),
-                                   money(status("InterruptedPaid")),
-                                   money(status("InterruptedUnknown"))});
                 kiosk.set("Status", "Interrupted", "");
                 ASSERT_TRUE(test::eventually([&] { return status("Interrupted") != id; }, 10s));
             }
@@ -229,28 +216,6 @@ TEST(KillNine, JournalAndDeviceBooksReconcileAfterEveryRestart) {
         const std::int64_t paidByDevices = d.out - start.out;
         EXPECT_GE(paidByDevices, j.totals.paidOut().minor());
         EXPECT_LE(paidByDevices, (j.totals.paidOut() + j.totals.unknown).minor());
-
-        // The request the host wrote: its outcome shown before the kill, reported after the
-        // restart, or never started (and so safe to ask again).
-        std::vector<std::int64_t> started;
-        for (const JournalRecord& r : j.rows) {
-            if (r.sequence > requestSeq && r.kind == jk::kPaymentStart) {
-                started.push_back(r.paymentId);
-            }
-        }
-        const Report* mine = nullptr;
-        for (const Report& rep : reports) {
-            mine = std::count(started.begin(), started.end(), rep.id) != 0 ? &rep : mine;
-        }
-        if (kill) {
-            EXPECT_TRUE(mine != nullptr || started.empty())
-                << "the payment started but the host is told nothing: it would ask again";
-        }
-        if (mine != nullptr) {
-            EXPECT_EQ(mine->request, request);
-            EXPECT_EQ(mine->paid, j.payments.at(mine->id).paidOut);
-            EXPECT_EQ(mine->unknown, j.payments.at(mine->id).unknown);
-        }
     }
 
     // Each cash payment kept exactly what it should; the rest was paid back or is recorded as

@@ -103,12 +103,9 @@ TEST(Ksxctl, CommandsExitStatusMessageAndWhatTheyWrite) {
         {{"--store", missing, "dump"}, 3, "settings store " + missing + " does not exist"},
         {{"--store", missing, "watch", "Status"}, 3, "settings store " + missing + " does not"},
         {{"--store", dir + "/KSX.db", "journal"}, 3, "no journal"},
-        {{"--store", "/dev/null/KSX.db", "get", "Status", "Due"}, 3, "/dev/null/KSX.db"},
         {{"--store", dir, "get", "Status", "Due"}, 3, dir},
-        // A request pending or running makes the next one wait.
+        // A request pending or running makes the next one wait (which one: the unit tests).
         {{"pay", "3", "--card"}, 6, "Due", {}, {{"Status/Due", "12.5"}}},
-        {{"change", "2"}, 6, "DueCC", {}, {{"Status/DueCC", "25"}}},
-        {{"pay", "1"}, 6, "Change", {}, {{"Status/Change", "7.5"}}},
         // No engine (a crashed one's lock: the program's tests): stopped at once, nothing written.
         {{"pay", "5", "--json"}, 7, "\"outcome\":\"no-engine\"", {}, {}, false},
         // An engine that takes nothing: the request is withdrawn at the time-out, and cancelled
@@ -237,8 +234,6 @@ TEST(Ksxctl, PayPrintsEachChangeOnceAndTheResults) {
     box.set("Status", "Dispensing change...");
     box.set("ChangeDispensed", "7.5");
     box.set("Due", "0");
-    std::this_thread::sleep_for(300ms);
-    EXPECT_TRUE(pay.running()) << "\"Due\" = \"0\" alone is not the end";
     box.set("Credit", "0");
     box.set("Status", "Payment Completed");
 
