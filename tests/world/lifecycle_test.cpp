@@ -127,17 +127,6 @@ TEST(Monitor, PublishesItsHeartbeatEveryFewSeconds) {
     EXPECT_EQ(e.mailbox("Engine"), "2026-11-22 09:00:05") << "an ended engine's heartbeat stops";
 }
 
-TEST(Monitor, ACancelWithNothingRunningIsDiscarded) {
-    for (const char* cancel : {"1", "2", "0", "anything"}) {
-        Kiosk e(false);
-        ASSERT_TRUE(e.engine().startUp());
-        e.set("Status", "Cancel", cancel);
-        e.scheduler().runFor(0.6);
-        EXPECT_EQ(e.mailbox("Cancel"), "") << cancel;
-        EXPECT_EQ(e.engine().state().cancelKeepsCredit, 0);
-    }
-}
-
 TEST(Monitor, HidesTheConsoleOnlyForAnExactTrailingHideSwitch) {
     struct Row {
         const char* commandLine;
