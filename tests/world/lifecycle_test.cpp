@@ -93,17 +93,6 @@ TEST(Load, APortNotSetYetReadsAsNoneWithoutComplaint) {
     EXPECT_TRUE(complaintsIn(e.log()).empty());
 }
 
-// (What Save writes is the console's test; here: the devices are left as they run.)
-TEST(Save, WritesTheEditedSettingsWithoutReinitialising) {
-    Kiosk e;
-    ASSERT_TRUE(e.start());
-    e.engine().operatorEdit("bt9_value", "500", 0);
-    const int opens = e.mdbPort().opens() + e.dispenserPort().opens() + e.hoppersPort().opens();
-    e.engine().operatorClick("Save");
-    EXPECT_EQ(e.setting("BillValidator", "BillType9_Value"), "500");
-    EXPECT_EQ(e.mdbPort().opens() + e.dispenserPort().opens() + e.hoppersPort().opens(), opens);
-}
-
 TEST(Handlers, BeforeTheLoadDeviceBoxesSwitchTheirButtonsButReinitialiseNothing) {
     Kiosk e(false);
     e.engine().operatorEdit("billDispenserEnabled", "", 1);
