@@ -221,6 +221,7 @@ TEST(CardPayment, NothingToChargeOrNoPinPadOnlyRunsTheCommonEnd) {
     CardKiosk disabled;
     disabled.set(store::section::kPinPad, "PPE", "0");
     ASSERT_TRUE(disabled.startIdle());
+    EXPECT_FALSE(disabled.console().enabled("enablePaymentCC"));
     disabled.hostWrite(mb::kDueCC, "25");
     disabled.runFor(3);
     EXPECT_EQ(disabled.mailbox(mb::kDueCC), "0") << "the request is consumed";

@@ -107,30 +107,6 @@ TEST(InitEquipment, PublishesWhatEveryDeviceOfTheKioskReports) {
     }
 }
 
-TEST(InitEquipment, WithNothingEnabledOnlyClearsTheDisplays) {
-    Kiosk k;
-    for (const auto& [section, key] : {std::pair{"Pin Pad", "PPE"},
-                                       {"BillDispenser", "BDE"},
-                                       {"Hoppers", "HE"},
-                                       {"CoinAcceptor", "CAE"},
-                                       {"BillValidator", "BVE"}}) {
-        k.set(section, key, "0");
-    }
-    ASSERT_TRUE(k.start());
-    for (FieldName f : std::initializer_list<FieldName>{
-             "ccEMVFull", "ccCompany", "caScalingFactor", "ct16_value", "tubeCoinType5",
-             "tubeCoinQty1", "tubesAmount", "bvSoftwareVersion", "bdThickness", "bdStatus"}) {
-        EXPECT_EQ(k.text(f), "N/A") << f.str();
-    }
-    EXPECT_EQ(k.text("bdQtyBills"), "1");
-    EXPECT_EQ(k.text("bdBillsDispensed"), "0");
-    EXPECT_EQ(k.text("ccOnLine"), "No");
-    EXPECT_EQ(k.text("bt3_Value"), "100") << "bill values are the operator's";
-    EXPECT_FALSE(k.engine().console().enabled("enablePaymentCC"));
-    EXPECT_EQ(k.mdbPort().opens() + k.dispenserPort().opens() + k.hoppersPort().opens(), 0);
-    EXPECT_EQ(k.clock().elapsed(), 0);
-}
-
 TEST(InitEquipment, AnAbsentChangerIsGivenUpOnItsFiveHundredFirstReadAndTheValidatorGoesOn) {
     Kiosk k;
     k.control("fault changer silent on");
