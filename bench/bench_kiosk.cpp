@@ -120,7 +120,12 @@ public:
 
 private:
     void startSimulator();
-    void startEngine(bool console, const std::string& display);
+    // Traced: headless, writing the timing record the floors are replayed from. Quiet: headless
+    // as a kiosk runs it, for processor time and memory. Console: with its window.
+    enum class Mode { Traced, Quiet, Console };
+    void startEngine(Mode mode, const std::string& display = {});
+    // A payment of 1000 taking `coins` coins of 0.5, each once the one before is credited.
+    void payCoins(int coins, std::vector<double>* moments);
     void stopEngine();
     bool waitFor(const std::function<bool()>& done, double seconds = kWaitSeconds);
     std::string get(const std::string& section, const std::string& key) {
@@ -216,7 +221,8 @@ void Bench::startSimulator() {
     m_reader->set("KSX", "Pin Pad Simulator", "Seconds", std::to_string(kPinPadSaleSeconds));
 }
 
-void Bench::startEngine(bool console, const std::string& display) {
+void Bench::startEngine(Mode mode, const std::string& display) {
+    const bool console = mode == Mode::Console;
     std::vector<std::string> args{"--store", m_store};
     std::vector<std::string> env{"XDG_RUNTIME_DIR=" + m_root, "XDG_CONFIG_HOME=" + m_root + "/cfg"};
     if (console) {
@@ -227,9 +233,9 @@ void Bench::startEngine(bool console, const std::string& display) {
         }
     } else {
         args.insert(args.begin(), "--headless");
-        env.push_back("KSX_TIMING_TRACE=" + m_trace);
     }
-    if (!console) {
+    if (mode == Mode::Traced) {
+        env.push_back("KSX_TIMING_TRACE=" + m_trace);
         m_spawned = now();
     }
     m_engine = std::make_unique<ChildProcess>(kestrix::test::kestrixBinary(), args, env);
@@ -245,9 +251,24 @@ void Bench::stopEngine() {
     requireSteps(m_engine->wait(std::chrono::seconds(30)).has_value(), "the engine did not exit");
 }
 
+void Bench::payCoins(int coins, std::vector<double>* moments) {
+    host("Due", "1000");
+    requireSteps(waitFor([this] { return status() == "Insert Coins or Bills..."; }), "start");
+    for (int i = 0; i < coins; ++i) {
+        const std::string before = get("Status", "Credit");
+        const double t = customer("coin 1");
+        if (moments != nullptr) {
+            moments->push_back(t);
+        }
+        requireSteps(waitFor([&] { return get("Status", "Credit") != before; }), "coin credit");
+    }
+}
+
 void Bench::run(double cpuWindow, int coins) {
     startSimulator();
-    startEngine(false, "");
+    // Processor time and memory of the engine as a kiosk runs it, without the timing record,
+    // on the kiosk as it comes up.
+    startEngine(Mode::Quiet);
     const pid_t engine = m_engine->pid();
     const pid_t sim = m_sim->pid();
 
@@ -283,6 +304,31 @@ void Bench::run(double cpuWindow, int coins) {
         m_rssHeadless = statusKb(engine, "VmRSS");
     }
 
+    // Paying: one payment kept open while coins come one after the other; the processor time
+    // is taken over the whole payment.
+    {
+        const double e0 = cpuSeconds(engine), s0 = cpuSeconds(sim), t0 = now();
+        payCoins(coins, nullptr);
+        sleepFor(std::max(0.0, cpuWindow - (now() - t0)));
+        const double t1 = now();
+        m_payingSeconds = t1 - t0;
+        m_enginePaying = (cpuSeconds(engine) - e0) / m_payingSeconds * 100;
+        m_simPaying = (cpuSeconds(sim) - s0) / m_payingSeconds * 100;
+        m_rssHeadlessPeak = statusKb(engine, "VmHWM");
+    }
+    host("Cancel", "2");
+    requireSteps(waitFor([this] { return status() == "Transaction Cancelled"; }), "cancel");
+    sleepFor(1.5);
+    stopEngine();
+
+    // The phases, on an engine writing the timing record, against a simulator started afresh:
+    // its wire record is read in step with the engine's timing record.
+    m_sim->signal(SIGTERM);
+    m_sim->wait(std::chrono::seconds(10));
+    std::filesystem::remove(m_wire);
+    startSimulator();
+    startEngine(Mode::Traced);
+
     // A standard payment: 12.5 due, a coin of 10 and one of 5, 2.5 change from the tubes.
     m_standardDue = host("Due", "12.5");
     requireSteps(waitFor([this] { return status() == "Insert Coins or Bills..."; }), "start");
@@ -296,24 +342,8 @@ void Bench::run(double cpuWindow, int coins) {
                  "completion");
     sleepFor(1.5);
 
-    // Paying: one payment kept open while coins of 0.5 come one after the other, each once the
-    // one before is credited; the processor time is taken over the whole payment.
-    host("Due", "1000");
-    requireSteps(waitFor([this] { return status() == "Insert Coins or Bills..."; }), "start");
-    {
-        const double e0 = cpuSeconds(engine), s0 = cpuSeconds(sim), t0 = now();
-        for (int i = 0; i < coins; ++i) {
-            const std::string before = get("Status", "Credit");
-            m_coins.push_back(customer("coin 1"));
-            requireSteps(waitFor([&] { return get("Status", "Credit") != before; }), "coin credit");
-        }
-        sleepFor(std::max(0.0, cpuWindow - (now() - t0)));
-        const double t1 = now();
-        m_payingSeconds = t1 - t0;
-        m_enginePaying = (cpuSeconds(engine) - e0) / m_payingSeconds * 100;
-        m_simPaying = (cpuSeconds(sim) - s0) / m_payingSeconds * 100;
-        m_rssHeadlessPeak = statusKb(engine, "VmHWM");
-    }
+    // Coin to credit: 200 coins of 0.5 into one payment.
+    payCoins(coins, &m_coins);
     host("Cancel", "2");  // the credit stays with the host: no refund
     requireSteps(waitFor([this] { return status() == "Transaction Cancelled"; }), "cancel");
     sleepFor(1.5);
@@ -364,7 +394,7 @@ void Bench::run(double cpuWindow, int coins) {
     } else {
         m_consoleDisplay = "offscreen";
     }
-    startEngine(true, display);
+    startEngine(Mode::Console, display);
     {
         const double t0 = now();
         while (now() - t0 < cpuWindow) {

@@ -192,6 +192,8 @@ def main():
         "`kestrix-sim` on pseudo-terminals (the simulator gives each line its wire time).",
         "- **Ratio**: measured / floor, or measured / goal. Goal for every phase: within 3 % "
         "of its floor.",
+        "- **Processor time and memory** are measured on a second run of the engine, without the "
+        "timing record (a kiosk never writes it), against the same simulator.",
         "",
     ]
     if kiosk:

@@ -299,14 +299,6 @@ int main(int argc, char* argv[]) {
         // engine's memory, and they are needed only to lay out a voucher, which a helper
         // process does (HelperPrinter).
         opt.headless = true;
-#ifdef __linux__
-        // Qt's own event loop rather than GLib's: nothing headless needs GLib's, and an idle
-        // engine's processor time is mostly waking for the monitor's tick, which costs less
-        // this way.
-        if (qEnvironmentVariableIsEmpty("QT_NO_GLIB")) {
-            qputenv("QT_NO_GLIB", "1");
-        }
-#endif
         app = std::make_unique<QCoreApplication>(argc, argv);
     }
     QCoreApplication::setApplicationName("kestrix");
