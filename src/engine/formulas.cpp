@@ -215,6 +215,19 @@ bool parseDouble(std::string_view s, double& out) {
 
 }  // namespace
 
+int hexDigit(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
 double leadingNumber(std::string_view text) {
     std::string_view s = text;
     while (!s.empty() && std::isspace(static_cast<unsigned char>(s.front()))) {

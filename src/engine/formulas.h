@@ -54,6 +54,9 @@ int strictInt(std::string_view text);
 // every text the lenient reader makes 0 of.
 std::optional<Money> requestedAmount(std::string_view text, Money maximum);
 
+// The value of one hexadecimal digit (either case), or -1 for any other character.
+int hexDigit(char c);
+
 // The whole part of a number (toward minus infinity), as the classic Int() does.
 double wholePart(double value);
 

@@ -2,6 +2,8 @@
 
 #include <deque>
 
+#include "../formulas.h"
+
 namespace kestrix::books {
 
 namespace jk = journal_kind;
@@ -19,19 +21,6 @@ std::string requestOf(const std::string& detail) {
         return "Change";
     }
     return {};
-}
-
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
 }
 
 // What a device reports it paid, in a payment or for the operator's own dispense (which is

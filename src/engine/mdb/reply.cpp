@@ -69,23 +69,6 @@ std::string Reply::characters(int first, int last) const {
     return text;
 }
 
-namespace {
-
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
-}  // namespace
-
 std::optional<std::vector<std::uint8_t>> Reply::message() const {
     constexpr std::uint8_t kNak = 0xFF;
     std::vector<std::uint8_t> bytes;
