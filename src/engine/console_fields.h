@@ -27,6 +27,8 @@ inline constexpr std::string_view kPay = "Pay";
 inline constexpr std::string_view kStopPayment = "Stop Payment...";
 inline constexpr std::string_view kCreditCard = "Credit Card";
 inline constexpr std::string_view kCancelPayment = "Cancel Payment...";
+// What a device's fields show while the device has told nothing.
+inline constexpr std::string_view kNotAvailable = "N/A";
 }  // namespace caption
 
 // The values the operator picks from: a dispenser cassette's bill, a hopper's coin.

@@ -8,7 +8,7 @@ namespace kestrix::console {
 
 namespace {
 
-constexpr std::string_view kNotAvailable = "N/A";
+constexpr std::string_view kNotAvailable = caption::kNotAvailable;
 
 struct DeviceInfo {
     std::string_view enable;    // its check box

@@ -41,7 +41,7 @@ constexpr double kHoppersOpenSeconds = 0.1;
 using mdb::kCoinTypes;
 using mdb::kTubeSlots;
 
-constexpr std::string_view kNotAvailable = "N/A";
+constexpr std::string_view kNotAvailable = caption::kNotAvailable;
 
 // The device a link's port error is about, as the journal and the log name devices.
 std::optional<DeviceEvent> portError(std::string_view portName) {

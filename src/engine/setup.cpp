@@ -163,7 +163,7 @@ void Setup::readSetting(const store::DeviceSetting& s) {
         case SettingKind::Text: {
             std::string v = getSetting(s.section, s.key, "");
             if (s.key == "URL" && v.empty()) {
-                v = "N/A";
+                v = caption::kNotAvailable;
             }
             m_console.setText(s.control, std::move(v));
             break;

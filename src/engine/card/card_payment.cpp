@@ -15,7 +15,7 @@ constexpr std::string_view kCardCaption = caption::kCreditCard;
 constexpr std::string_view kCancelCaption = caption::kCancelPayment;
 constexpr std::string_view kReadCaption = "Read Card";
 constexpr std::string_view kReadCancelCaption = "Cancel";
-constexpr std::string_view kNotAvailable = "N/A";
+constexpr std::string_view kNotAvailable = caption::kNotAvailable;
 
 // What the library is told about the sale. The numeric parameter and the operation code are the
 // values the pin pad's acquirer configured for unattended sales; their meaning stays inside the
