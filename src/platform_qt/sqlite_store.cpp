@@ -23,6 +23,12 @@ namespace kestrix::qt {
 
 namespace {
 
+#ifndef _WIN32
+long long nanoseconds(const timespec& t) {
+    return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
+}
+#endif
+
 using sqlite::bindText;
 using sqlite::columnText;
 using sqlite::Reset;
@@ -272,6 +278,9 @@ void SqliteStore::followFile() {
         const bool present = ::stat(m_path.c_str(), &st) == 0;
         if (present && static_cast<unsigned long long>(st.st_dev) == m_device &&
             static_cast<unsigned long long>(st.st_ino) == m_inode) {
+            m_dbMark.dbSize = static_cast<long long>(st.st_size);
+            m_dbMark.dbModifiedNs = nanoseconds(st.st_mtim);
+            m_dbMark.dbChangedNs = nanoseconds(st.st_ctim);
             return;
         }
         // Writing on into a file nobody else can open any more would lose every request the
@@ -367,9 +376,37 @@ std::vector<SettingsStore::Entry> SqliteStore::list(std::string_view app,
     }
 }
 
+SqliteStore::FileMark SqliteStore::fileMark() const {
+    FileMark mark = m_dbMark;
+#ifndef _WIN32
+    struct stat st {};
+    if (::stat((m_path + "-wal").c_str(), &st) == 0) {
+        mark.walSize = static_cast<long long>(st.st_size);
+        mark.walModifiedNs = nanoseconds(st.st_mtim);
+        mark.walChangedNs = nanoseconds(st.st_ctim);
+        mark.walInode = static_cast<long long>(st.st_ino);
+    }
+#endif
+    return mark;
+}
+
 std::optional<std::uint64_t> SqliteStore::changeCount() {
     std::lock_guard lock(m_mutex);
     followFile();
+    // Asking SQLite takes a read transaction: file locks and a statement, twice a second for as
+    // long as the kiosk is idle, most of what an idle engine costs. Another program's commit
+    // writes the write-ahead log (or, in another journal mode, the database file), which shows
+    // in its size or change time; a file looked at alone cannot tell two writes apart within
+    // the file system's clock tick, so SQLite is still asked every kFullLookSeconds.
+    const auto now = std::chrono::steady_clock::now();
+    const FileMark mark = fileMark();
+#ifndef _WIN32
+    if (mark == m_lastMark && now < m_nextFullLook) {
+        return m_changes;
+    }
+#endif
+    m_lastMark = mark;
+    m_nextFullLook = now + std::chrono::seconds(kFullLookSeconds);
     Reset reset{m_dataVersion};
     if (sqlite3_step(m_dataVersion) != SQLITE_ROW) {
         fail("cannot tell whether the settings changed");

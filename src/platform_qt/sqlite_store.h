@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -74,6 +75,8 @@ public:
     // written again later, and a long wait would only stall the device work meanwhile.
     static constexpr int kEngineBusyTimeoutMs = 250;
     void setBusyTimeout(int milliseconds);
+    // changeCount() asks SQLite at least this often even when the files look untouched.
+    static constexpr int kFullLookSeconds = 5;
 
 private:
     [[noreturn]] void fail(const std::string& what);
@@ -81,6 +84,14 @@ private:
     void closeAll();
     // Reopens when the file at the path is no longer the one open. Throws StoreError.
     void followFile();
+    // What the file system tells of the last writes to the store: the size, change times and
+    // inode of the database file and of its write-ahead log.
+    struct FileMark {
+        long long dbSize = -1, dbModifiedNs = -1, dbChangedNs = -1;
+        long long walSize = -1, walModifiedNs = -1, walChangedNs = -1, walInode = -1;
+        bool operator==(const FileMark&) const = default;
+    };
+    FileMark fileMark() const;
     void notice(const std::string& message);
     void exec(const char* sql);
     sqlite3_stmt* prepare(const char* sql);
@@ -96,6 +107,11 @@ private:
     // Counts this object's writes and opens and the other connections' commits it has seen.
     std::uint64_t m_changes = 0;
     long long m_lastDataVersion = -1;
+    // The files as the last full look at data_version found them, and when the next full look
+    // is due whatever the files tell.
+    FileMark m_lastMark;
+    FileMark m_dbMark;
+    std::chrono::steady_clock::time_point m_nextFullLook{};
     // The identity (device, inode) of the file open.
     unsigned long long m_device = 0;
     unsigned long long m_inode = 0;
