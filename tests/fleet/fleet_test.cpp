@@ -387,11 +387,8 @@ TEST(FleetEngine, APaymentIsOneEventAndAKilledEngineIsMarkedOffLine) {
     ASSERT_TRUE(event);
     EXPECT_EQ(event->json()["amountMinor"].toDouble(), 1250) << event->payload;
     EXPECT_EQ(event->json()["time"].toString().left(2), "20") << "the row's wall time";
-    int ends = 0;
-    for (const auto& m : sub.messages("kestrix/engine/event")) {
-        ends += isEnd(m) ? 1 : 0;
-    }
-    EXPECT_EQ(ends, 1);
+    const std::vector<Subscriber::Message> events = sub.messages("kestrix/engine/event");
+    EXPECT_EQ(std::count_if(events.begin(), events.end(), isEnd), 1);
 }
 
 }  // namespace

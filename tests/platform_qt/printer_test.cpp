@@ -45,10 +45,6 @@ std::vector<Word> pdfWords(const std::string& file, double& pageWidth) {
     return words;
 }
 
-QStringList pdfFiles(const std::string& dir) {
-    return QDir(QString::fromStdString(dir)).entryList({"*.pdf"}, QDir::Files, QDir::Name);
-}
-
 // Vouchers go to a directory as PDF files, one a document: Spanish text in either encoding, long
 // lines whole, hostile font settings survived. On the kiosk's paper an error voucher keeps its
 // box whole, nothing past the page's edge, its details at half the size of its heading.
@@ -112,7 +108,8 @@ TEST(QtPrinter, VouchersArePdfFilesWithEveryLineWholeOnThePage) {
     voucher::printCommunicationError(printer, "Sin respuesta del autorizador", "T01");
     printer.endDoc();
     printer.endDoc();
-    EXPECT_EQ(pdfFiles(dir).size(), 2) << "every document is a file of its own, an empty one none";
+    EXPECT_EQ(QDir(QString::fromStdString(dir)).entryList({"*.pdf"}, QDir::Files).size(), 2)
+        << "every document is a file of its own, an empty one none";
     double pageWidth = 0;
     const std::vector<Word> words = pdfWords(printer.lastFile(), pageWidth);
     ASSERT_GT(pageWidth, 0);

@@ -8,7 +8,6 @@
 #include <fstream>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform_qt/sqlite_store.h"
@@ -33,20 +32,6 @@ TEST(SqliteStore, NulAndNonUtf8BytesComeBackUnchanged) {
     EXPECT_EQ(store.get("KSX", "Status", "Hostile"), bytes);
     store.set("KSX", bytes, bytes, "as names too");
     EXPECT_EQ(store.get("KSX", bytes, bytes), "as names too");
-}
-
-TEST(SqliteStore, EngineAndGuiThreadsShareOneStore) {
-    SqliteStore store(freshStore());
-    std::thread gui([&] {
-        for (int i = 0; i < 200; ++i) {
-            store.get("KSX", "Status", "Due");
-        }
-    });
-    for (int i = 0; i < 200; ++i) {
-        store.set("KSX", "Status", "Due", std::to_string(i));
-    }
-    gui.join();
-    EXPECT_EQ(store.get("KSX", "Status", "Due"), "199");
 }
 
 TEST(SqliteStore, UnusablePathIsAStoreError) {
