@@ -19,6 +19,7 @@
 #include "fleet/publisher.h"
 #include "mqtt_rig.h"
 #include "platform_qt/sqlite_journal.h"
+#include "platform_qt/stderr_log.h"
 #include "sim/world/virtual_kiosk.h"
 #include "support/support.h"
 
@@ -257,20 +258,23 @@ TEST(FleetPublisher, TlsWithAUserAndPassword) {
         c.caCertificate = r.ca;
         c.username = "kiosk";
         c.password = r.password;
-        test::SharedLog log;
+        const std::string logFile = dir + "/" + r.name + ".log";
+        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> out(std::fopen(logFile.c_str(), "w"),
+                                                                  &std::fclose);
+        qt::StderrLog log(LogLevel::Debug, out.get());
         TestJournal journal;
         fleet::Publisher publisher = publisherFor(c, journal, dir + "/" + r.name + ".seq", &log);
         publisher.start();
         if (std::string(r.logged).empty()) {
-            EXPECT_TRUE(markedOnline(sub, r.name, true)) << log.text();
+            EXPECT_TRUE(markedOnline(sub, r.name, true)) << test::readFile(logFile);
             journal.append(paymentEnd(42));
             EXPECT_TRUE(sub.waitFor(
                 "kestrix/good/event", [](auto&) { return true; }, 10s));
         } else {
             EXPECT_TRUE(test::eventually(
-                [&] { return log.text().find(r.logged) != std::string::npos; }, 10s))
+                [&] { return test::readFile(logFile).find(r.logged) != std::string::npos; }, 10s))
                 << r.name << "\n"
-                << log.text();
+                << test::readFile(logFile);
             EXPECT_FALSE(publisher.connected());
         }
     }

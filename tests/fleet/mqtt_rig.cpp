@@ -129,14 +129,4 @@ std::optional<Subscriber::Message> Subscriber::waitFor(
     return found;
 }
 
-void SharedLog::write(LogLevel level, std::string_view message, const LogFields&) {
-    std::lock_guard lock(m_mutex);
-    m_text += "<" + std::to_string(static_cast<int>(level)) + ">" + std::string(message) + "\n";
-}
-
-std::string SharedLog::text() const {
-    std::lock_guard lock(m_mutex);
-    return m_text;
-}
-
 }  // namespace kestrix::test

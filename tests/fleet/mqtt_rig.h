@@ -1,17 +1,15 @@
 #pragma once
 
-// A real mosquitto broker for the fleet tests, a subscriber on it, and a log for the publisher.
+// A real mosquitto broker for the fleet tests, and a subscriber on it.
 
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "engine/platform/log.h"
 #include "support/process.h"
 
 namespace kestrix::test {
@@ -66,18 +64,6 @@ public:
 
 private:
     ChildProcess m_client;
-};
-
-// A log safe to write from the publisher's thread.
-class SharedLog : public Log {
-public:
-    void write(LogLevel level, std::string_view message, const LogFields&) override;
-    bool enabled(LogLevel) const override { return true; }
-    std::string text() const;
-
-private:
-    mutable std::mutex m_mutex;
-    std::string m_text;
 };
 
 }  // namespace kestrix::test
