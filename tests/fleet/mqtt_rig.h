@@ -1,21 +1,16 @@
 #pragma once
 
-// A real mosquitto broker for the fleet tests, a subscriber on it, and a log for the publisher.
+// A real mosquitto broker for the fleet tests, and a subscriber on it.
 
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "engine/platform/log.h"
 #include "support/process.h"
-
-struct mosquitto;
-struct mosquitto_message;
 
 namespace kestrix::test {
 
@@ -25,9 +20,9 @@ int freePort();
 // A mosquitto broker on a port of its own, killed with the test.
 class Broker {
 public:
+    // A self-signed certificate for "localhost", which clients trust as their CA, and its key.
     struct Tls {
-        std::string caFile;    // the test CA's certificate (clients trust it)
-        std::string certFile;  // the broker's certificate for "localhost", signed by the CA
+        std::string certFile;
         std::string keyFile;
     };
     // A plain listener for anyone on `port` (0: a free one); with `tls`, a second listener
@@ -45,11 +40,11 @@ private:
     std::unique_ptr<ChildProcess> m_process;
 };
 
-// A CA, and a certificate for "localhost" signed by it, made with openssl in `dir`.
-Broker::Tls makeTestCa(const std::string& dir, const std::string& name);
+// Made with openssl in `dir`.
+Broker::Tls makeTestCertificate(const std::string& dir, const std::string& name);
 
-// A client on the broker's plain port that keeps every message under "kestrix/" (retained ones
-// included).
+// mosquitto_sub on the broker's plain port, keeping every message under "kestrix/" (retained ones
+// included) in its output.
 class Subscriber {
 public:
     struct Message {
@@ -60,34 +55,15 @@ public:
         }
     };
     explicit Subscriber(int port);
-    ~Subscriber();
-    Subscriber(const Subscriber&) = delete;
-    Subscriber& operator=(const Subscriber&) = delete;
 
     std::vector<Message> messages(const std::string& topic) const;
     // The last message on `topic` once `accept` holds for it, within `timeout`.
     std::optional<Message> waitFor(const std::string& topic,
                                    const std::function<bool(const Message&)>& accept,
                                    std::chrono::milliseconds timeout);
-    void publish(const std::string& topic, const std::string& payload);
 
 private:
-    static void onMessage(mosquitto*, void* obj, const ::mosquitto_message* m);
-    mosquitto* m_mosq = nullptr;
-    mutable std::mutex m_mutex;
-    std::vector<Message> m_messages;
-};
-
-// A log safe to write from the publisher's thread.
-class SharedLog : public Log {
-public:
-    void write(LogLevel level, std::string_view message, const LogFields&) override;
-    bool enabled(LogLevel) const override { return true; }
-    std::string text() const;
-
-private:
-    mutable std::mutex m_mutex;
-    std::string m_text;
+    ChildProcess m_client;
 };
 
 }  // namespace kestrix::test

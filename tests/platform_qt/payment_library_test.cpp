@@ -13,18 +13,6 @@
 namespace kestrix::qt {
 namespace {
 
-struct FactoryWorld {
-    sim::VirtualClock clock;
-    sim::VirtualScheduler scheduler{clock};
-    sim::MemoryStore store;
-    std::unique_ptr<PaymentLibrary> make(const char* library) {
-        if (library != nullptr) {
-            store.set(store::kApp, store::section::kPinPad, store::key::kLibrary, library);
-        }
-        return makePaymentLibrary(store, clock, scheduler);
-    }
-};
-
 // A store without the key (set up by hand, holding only the console's keys) gets the real
 // library, which needs Windows: a missing setting must not approve every card by simulation.
 TEST(PaymentLibraryFactory, SimulatedOnlyWhenNamedAndUnusableChoicesFailEveryCall) {
@@ -36,8 +24,13 @@ TEST(PaymentLibraryFactory, SimulatedOnlyWhenNamedAndUnusableChoicesFailEveryCal
                                    {"", "Windows"},   {"com", "Windows"},  {"comm", "\"comm\""}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.choice ? row.choice : "(missing)");
-        FactoryWorld w;
-        auto lib = w.make(row.choice);
+        sim::VirtualClock clock;
+        sim::VirtualScheduler scheduler{clock};
+        sim::MemoryStore store;
+        if (row.choice != nullptr) {
+            store.set(store::kApp, store::section::kPinPad, store::key::kLibrary, row.choice);
+        }
+        auto lib = makePaymentLibrary(store, clock, scheduler);
         EXPECT_EQ(dynamic_cast<sim::SimPinPad*>(lib.get()) != nullptr, row.mentions.empty());
         if (row.mentions.empty()) {
             continue;

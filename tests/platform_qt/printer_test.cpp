@@ -6,12 +6,9 @@
 #include <QRegularExpression>
 
 #include <cmath>
-#include <filesystem>
 #include <string>
 
 #include "engine/card/voucher.h"
-#include "platform_qt/engine_lock.h"
-#include "platform_qt/lock_file_instance.h"
 #include "platform_qt/qt_printer.h"
 #include "support/process.h"
 #include "support/support.h"
@@ -46,10 +43,6 @@ std::vector<Word> pdfWords(const std::string& file, double& pageWidth) {
                          m.captured(3).toDouble(), m.captured(4).toDouble()});
     }
     return words;
-}
-
-QStringList pdfFiles(const std::string& dir) {
-    return QDir(QString::fromStdString(dir)).entryList({"*.pdf"}, QDir::Files, QDir::Name);
 }
 
 // Vouchers go to a directory as PDF files, one a document: Spanish text in either encoding, long
@@ -115,7 +108,8 @@ TEST(QtPrinter, VouchersArePdfFilesWithEveryLineWholeOnThePage) {
     voucher::printCommunicationError(printer, "Sin respuesta del autorizador", "T01");
     printer.endDoc();
     printer.endDoc();
-    EXPECT_EQ(pdfFiles(dir).size(), 2) << "every document is a file of its own, an empty one none";
+    EXPECT_EQ(QDir(QString::fromStdString(dir)).entryList({"*.pdf"}, QDir::Files).size(), 2)
+        << "every document is a file of its own, an empty one none";
     double pageWidth = 0;
     const std::vector<Word> words = pdfWords(printer.lastFile(), pageWidth);
     ASSERT_GT(pageWidth, 0);
@@ -143,23 +137,6 @@ TEST(QtPrinter, NoPrinterAtAllIsAnError) {
     ASSERT_EQ(printer.current(), "");
     printer.printLine("x");
     EXPECT_THROW(printer.endDoc(), std::runtime_error);
-}
-
-// The engine's lock is found from any spelling of the store's path, as a host program writes it.
-TEST(LockFileInstance, OneEnginePerStoreHoweverItsPathIsWritten) {
-    const std::string dir = test::makeTempDir("ksx-lock");
-    std::filesystem::create_directory(dir + "/sub");
-    std::filesystem::create_directory_symlink(dir, dir + "/link");
-    {
-        LockFileInstance engine(LockFileInstance::lockPathFor(dir + "/KSX.db"),
-                                {"kestrix", "--store", "x", "/hide"});
-        EXPECT_FALSE(engine.anotherIsRunning());
-        EXPECT_EQ(engine.commandLine(), "--store x /hide");
-        for (const std::string& same : {dir + "/link/KSX.db", dir + "/sub/../KSX.db"}) {
-            EXPECT_EQ(engineLockState(same).holder, EngineLockState::Holder::Running) << same;
-        }
-    }
-    EXPECT_EQ(engineLockState(dir + "/KSX.db").holder, EngineLockState::Holder::None);
 }
 
 }  // namespace

@@ -1,51 +1,29 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <QCoreApplication>
-#include <cstdlib>
 #include <string>
 
 #include "engine/settings/layout.h"
 #include "platform_qt/qt_serial_port.h"
+#include "sim/pty_kiosk.h"
 #include "sim/world/memory_store.h"
+#include "support/support.h"
 
 namespace kestrix::qt {
 namespace {
 
-// The far end of a pseudo-terminal: the port opens the slave like any serial device. (Bytes both
-// ways and the read quantum are what every engine run on the simulator's ptys relies on.)
-class PtyDevice {
-public:
-    PtyDevice() {
-        m_master = posix_openpt(O_RDWR | O_NOCTTY);
-        if (m_master < 0 || grantpt(m_master) != 0 || unlockpt(m_master) != 0) {
-            throw std::runtime_error("no pseudo-terminal");
-        }
-        m_slave = ptsname(m_master);
-    }
-    ~PtyDevice() { hangUp(); }
-
-    const std::string& path() const { return m_slave; }
-    void hangUp() {
-        if (m_master >= 0) {
-            ::close(m_master);
-            m_master = -1;
-        }
-    }
-
-private:
-    int m_master = -1;
-    std::string m_slave;
-};
-
-// Port 7 is the slave of a pty.
+// The simulator's links are pseudo-terminals that the port opens like any serial device (bytes
+// both ways and the read quantum are what every engine run on them relies on). Port 7 is its
+// MDB link.
 struct PortFixture : ::testing::Test {
     sim::MemoryStore store;
-    PtyDevice device;
+    sim::PtyKiosk device{test::makeTempDir("ksx-port")};
     QtSerialPort port{storePortResolver(store)};
 
-    void SetUp() override { store.set(store::kApp, store::section::kPorts, "7", device.path()); }
+    void SetUp() override {
+        device.start();
+        store.set(store::kApp, store::section::kPorts, "7", device.path("mdb"));
+    }
 };
 
 TEST(QtSerialPortMapping, NumbersMapToDevices) {
@@ -100,11 +78,12 @@ TEST(QtSerialPort, AVanishedDeviceClosesThePort) {
     for (const bool byRead : {true, false}) {
         SCOPED_TRACE(byRead ? "found by a read" : "found by the event loop");
         sim::MemoryStore store;
-        PtyDevice device;
-        store.set(store::kApp, store::section::kPorts, "7", device.path());
+        sim::PtyKiosk device(test::makeTempDir("ksx-port"));
+        device.start();
+        store.set(store::kApp, store::section::kPorts, "7", device.path("mdb"));
         QtSerialPort port(storePortResolver(store));
         port.open(7, "9600,N,8,1");
-        device.hangUp();
+        device.stop();
         int reported = 0;
         for (int i = 0; i < (byRead ? 50 : 500) && port.isOpen(); ++i) {
             if (!byRead) {

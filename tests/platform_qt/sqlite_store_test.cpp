@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform_qt/sqlite_store.h"
@@ -32,20 +32,6 @@ TEST(SqliteStore, NulAndNonUtf8BytesComeBackUnchanged) {
     EXPECT_EQ(store.get("KSX", "Status", "Hostile"), bytes);
     store.set("KSX", bytes, bytes, "as names too");
     EXPECT_EQ(store.get("KSX", bytes, bytes), "as names too");
-}
-
-TEST(SqliteStore, EngineAndGuiThreadsShareOneStore) {
-    SqliteStore store(freshStore());
-    std::thread gui([&] {
-        for (int i = 0; i < 200; ++i) {
-            store.get("KSX", "Status", "Due");
-        }
-    });
-    for (int i = 0; i < 200; ++i) {
-        store.set("KSX", "Status", "Due", std::to_string(i));
-    }
-    gui.join();
-    EXPECT_EQ(store.get("KSX", "Status", "Due"), "199");
 }
 
 TEST(SqliteStore, UnusablePathIsAStoreError) {
@@ -167,19 +153,17 @@ TEST(SqliteStore, ANewStoreIsPrivateAndALookNeverCreatesOne) {
 // The store path as the programs resolve it with KSX_STORE and XDG_CONFIG_HOME set as given
 // (nullptr: unset) and HOME=/home/kiosk. The test's own environment is put back afterwards.
 std::string pathWith(const char* ksxStore, const char* xdg, const std::string& cli = {}) {
-    const char* names[] = {"KSX_STORE", "XDG_CONFIG_HOME", "HOME"};
-    const char* values[] = {ksxStore, xdg, "/home/kiosk"};
-    std::string saved[3];
-    bool had[3];
-    for (int i = 0; i < 3; ++i) {
-        const char* old = std::getenv(names[i]);
-        had[i] = old != nullptr;
-        saved[i] = had[i] ? old : "";
-        values[i] != nullptr ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
+    const std::pair<const char*, const char*> given[] = {
+        {"KSX_STORE", ksxStore}, {"XDG_CONFIG_HOME", xdg}, {"HOME", "/home/kiosk"}};
+    std::vector<std::pair<const char*, std::optional<std::string>>> saved;
+    for (const auto& [name, value] : given) {
+        const char* old = std::getenv(name);
+        saved.emplace_back(name, old != nullptr ? std::optional<std::string>(old) : std::nullopt);
+        value != nullptr ? setenv(name, value, 1) : unsetenv(name);
     }
     const std::string path = resolveStorePath(cli);
-    for (int i = 0; i < 3; ++i) {
-        had[i] ? setenv(names[i], saved[i].c_str(), 1) : unsetenv(names[i]);
+    for (const auto& [name, value] : saved) {
+        value ? setenv(name, value->c_str(), 1) : unsetenv(name);
     }
     return path;
 }

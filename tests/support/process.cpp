@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <thread>
 
 #include "support.h"
@@ -21,25 +20,16 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     m_outPath = dir + "/out";
     m_errPath = dir + "/err";
 
-    std::vector<std::string> environment(env);
-    for (char** e = environ; *e != nullptr; ++e) {
-        const std::string entry(*e);
-        if (std::none_of(env.begin(), env.end(), [&entry](const std::string& mine) {
-                return entry.rfind(mine.substr(0, mine.find('=') + 1), 0) == 0;
-            })) {
-            environment.push_back(entry);
-        }
-    }
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const std::string& a : args) {
-        argv.push_back(const_cast<char*>(a.c_str()));
+    // env(1) adds `env` to this process's environment and runs the program in its own place, so
+    // the pid is the program's; a program it cannot run ends it with status 127, as in a shell.
+    std::vector<std::string> command(env);
+    command.push_back(program);
+    command.insert(command.end(), args.begin(), args.end());
+    std::vector<char*> argv{const_cast<char*>("/usr/bin/env")};
+    for (std::string& word : command) {
+        argv.push_back(word.data());
     }
     argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (std::string& e : environment) {
-        envp.push_back(e.data());
-    }
-    envp.push_back(nullptr);
 
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
@@ -47,9 +37,9 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     const int written = O_WRONLY | O_CREAT | O_TRUNC;
     posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, m_outPath.c_str(), written, 0600);
     posix_spawn_file_actions_addopen(&files, STDERR_FILENO, m_errPath.c_str(), written, 0600);
-    if (posix_spawn(&m_pid, program.c_str(), &files, nullptr, argv.data(), envp.data()) != 0) {
+    if (posix_spawn(&m_pid, argv[0], &files, nullptr, argv.data(), environ) != 0) {
         m_pid = -1;
-        m_status = 127;  // as a shell reports a program it cannot run
+        m_status = 127;
     }
     posix_spawn_file_actions_destroy(&files);
 }
@@ -97,12 +87,8 @@ std::string ChildProcess::err() const {
 RunResult run(const std::string& program, const std::vector<std::string>& args,
               const std::vector<std::string>& env, std::chrono::milliseconds timeout) {
     ChildProcess child(program, args, env);
-    RunResult r;
     const std::optional<int> status = child.wait(timeout);
-    r.status = status.value_or(-1);
-    r.out = child.out();
-    r.err = child.err();
-    return r;
+    return {status.value_or(-1), child.out(), child.err()};
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

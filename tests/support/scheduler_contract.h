@@ -1,12 +1,8 @@
 #pragma once
 
 // The tick rules every scheduler of the engine keeps (the Qt one and the virtual one), as one
-// suite. A test executable instantiates it with a factory for its scheduler:
-//
-//   INSTANTIATE_TEST_SUITE_P(Virtual, SchedulerContract,
-//                            ::testing::Values(SchedulerFactory(makeVirtualScheduler)));
-//
-// Intervals are a few milliseconds, so the suite is quick in real time as well.
+// suite that a test executable instantiates with a SchedulerFactory for its scheduler. Intervals
+// are a few milliseconds, so the suite is quick in real time as well.
 
 #include <gtest/gtest.h>
 

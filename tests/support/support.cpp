@@ -1,7 +1,6 @@
 #include "support.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -27,9 +26,8 @@ Cleanup& cleanup() {
 }
 }  // namespace
 
+// A random name, made only if nobody has it yet (Windows has no mkdtemp), and the user's alone.
 std::string makeTempDir(const std::string& prefix) {
-#ifdef _WIN32
-    // No mkdtemp: a random name, created only if nobody has it yet.
     std::random_device entropy;
     std::mt19937_64 random((static_cast<std::uint64_t>(entropy()) << 32) ^ entropy());
     for (int attempt = 0; attempt < 100; ++attempt) {
@@ -37,19 +35,12 @@ std::string makeTempDir(const std::string& prefix) {
                                           (prefix + "-" + std::to_string(random() % 1000000000));
         std::error_code ec;
         if (std::filesystem::create_directory(dir, ec)) {
+            std::filesystem::permissions(dir, std::filesystem::perms::owner_all, ec);
             cleanup().dirs.push_back(dir);
             return dir.string();
         }
     }
     throw std::runtime_error("cannot create a temporary directory");
-#else
-    std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("cannot create a temporary directory");
-    }
-    cleanup().dirs.emplace_back(pattern);
-    return pattern;
-#endif
 }
 
 std::string readFile(const std::string& path) {

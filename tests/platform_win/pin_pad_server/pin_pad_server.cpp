@@ -132,18 +132,11 @@ public:
         const bool put = (flags & DISPATCH_PROPERTYPUT) != 0;
         const bool methodCall = (flags & DISPATCH_METHOD) != 0;
 
-        std::wstring line = put ? L"put " : (methodCall ? L"" : L"get ");
-        line += name;
-        line += L"(";
-        // Arguments come last first.
-        for (UINT i = params->cArgs; i > 0; --i) {
-            line += describe(params->rgvarg[i - 1]);
-            if (i > 1) {
-                line += L"|";
-            }
+        g_calls += (put ? L"put " : (methodCall ? L"" : L"get ")) + name + L"(";
+        for (UINT i = params->cArgs; i > 0; --i) {  // arguments come last first
+            g_calls += describe(params->rgvarg[i - 1]) + (i > 1 ? L"|" : L"");
         }
-        line += L")\n";
-        g_calls += line;
+        g_calls += L")\n";
 
         if (put) {
             if (params->cArgs != 1 || params->rgvarg[0].vt != VT_BSTR) {
