@@ -26,6 +26,7 @@ public:
     std::optional<int> wait(std::chrono::milliseconds timeout);
     bool running();
     void signal(int sig);
+    pid_t pid() const { return m_pid; }
 
     std::string out() const;
     std::string err() const;
