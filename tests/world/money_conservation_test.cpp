@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <iostream>
 #include <map>
 #include <random>
 #include <sstream>
@@ -93,7 +92,6 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
     Kiosk k;
     ASSERT_TRUE(k.start());
     std::map<std::string, int> outcomes;
-    double in = 0, kept = 0, paid = 0, unpaid = 0, unknown = 0;
     int failures = 0;
     const int payments = paymentCount();
 
@@ -247,24 +245,9 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
                           << " and unpaid " << recordedUnpaid;
             ++failures;
         }
-        in += got;
-        kept += credited - owed;
-        paid += out;
-        unpaid += owed - out;
-        unknown += out - reported;
     }
-    EXPECT_NEAR(in, kept + paid + unpaid, 1e-3);
     EXPECT_GT(outcomes["Payment Completed"], payments / 2);
     EXPECT_GT(outcomes["Transaction Cancelled"], payments / 20);
-    std::ostringstream summary;
-    for (const auto& [status, n] : outcomes) {
-        summary << status << ": " << n << "; ";
-    }
-    summary << "in " << in << ", kept " << kept << ", paid back " << paid
-            << " (of which without a device's account " << unknown << "), owed and unpaid "
-            << unpaid << ", " << k.now() / 3600 << " virtual hours";
-    RecordProperty("summary", summary.str());
-    std::cout << summary.str() << "\n";
 }
 
 }  // namespace
