@@ -98,18 +98,6 @@ bool finalCard(const std::string& s) {
            (s.starts_with("Error: ") && s.find(" Código = ") != std::string::npos);
 }
 
-// Journal rows of one kind since `from`, summed.
-double journalSum(Kiosk& k, std::size_t from, std::string_view kind) {
-    double v = 0;
-    const auto& rows = k.kiosk().journal().rows();
-    for (std::size_t i = from; i < rows.size(); ++i) {
-        if (rows[i].kind == kind) {
-            v += rows[i].amount.toDouble();
-        }
-    }
-    return v;
-}
-
 // The cash scenario asks 11 and gets a coin of 2, then a bill of 100: change of 91 takes a bill
 // of 50 from the dispenser, 5 from the tubes (which hold little) and 36 from the hoppers (7 coins
 // of 5, one of 1). The cancel asks 200, gets 2, 20 and 100, and pays the 122 back from the same
@@ -213,9 +201,9 @@ double runCell(const Row& row, Phase phase) {
     EXPECT_FALSE(k.engine().ended());
 
     // The books of the payment.
-    const double credited = journalSum(k, journalFrom, journal_kind::kCredit);
+    const double credited = k.journalSum(journalFrom, journal_kind::kCredit);
     const double reported = leadingNumber(k.mailbox(mb::kChangeDispensed));
-    const double unknown = journalSum(k, journalFrom, journal_kind::kPayoutUnknown);
+    const double unknown = k.journalSum(journalFrom, journal_kind::kPayoutUnknown);
     double owed = 0;
     if (phase == Phase::Card) {
         EXPECT_TRUE(finalCard(status)) << status;
@@ -253,7 +241,7 @@ double runCell(const Row& row, Phase phase) {
     EXPECT_GE(out, reported - 1e-9) << "ChangeDispensed more than left the kiosk";
     EXPECT_LE(out, reported + unknown + 1e-9) << "money left without an account";
     EXPECT_LE(out, owed + 1e-9) << "paid more than owed";
-    EXPECT_NEAR(journalSum(k, journalFrom, journal_kind::kPayoutConfirmed), reported, 1e-9);
+    EXPECT_NEAR(k.journalSum(journalFrom, journal_kind::kPayoutConfirmed), reported, 1e-9);
     EXPECT_TRUE(k.runUntil([&] { return k.mailbox(mb::kCancel).empty(); }, 10));
     k.hostWrite(mb::kStatus, "");
     EXPECT_TRUE(k.requestPayment("5")) << "the next payment does not start";
@@ -265,8 +253,8 @@ double runCell(const Row& row, Phase phase) {
     // Money a device took in while the engine could not hear it is recorded when it is heard
     // again (before the reset that starts the next payment).
     EXPECT_NEAR(k.inserted(before, k.till()),
-                credited + journalSum(k, nextFrom, journal_kind::kCredit) +
-                    journalSum(k, journalFrom, journal_kind::kUncredited),
+                credited + k.journalSum(nextFrom, journal_kind::kCredit) +
+                    k.journalSum(journalFrom, journal_kind::kUncredited),
                 1e-9)
         << "money taken in and neither credited nor recorded";
     return seconds;

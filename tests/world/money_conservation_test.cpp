@@ -205,22 +205,11 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
         const Till after = k.till();
         const std::string status = k.mailbox(mb::kStatus);
         const double reported = leadingNumber(k.mailbox(mb::kChangeDispensed));
-        double credited = 0, confirmed = 0, uncertain = 0, uncredited = 0, recordedUnpaid = 0;
-        const auto& rows = k.kiosk().journal().rows();
-        for (std::size_t r = journalFrom; r < rows.size(); ++r) {
-            const double v = rows[r].amount.toDouble();
-            if (rows[r].kind == journal_kind::kCredit) {
-                credited += v;
-            } else if (rows[r].kind == journal_kind::kUncredited) {
-                uncredited += v;
-            } else if (rows[r].kind == journal_kind::kPayoutConfirmed) {
-                confirmed += v;
-            } else if (rows[r].kind == journal_kind::kPayoutUnknown) {
-                uncertain += v;
-            } else if (rows[r].kind == journal_kind::kUnpaid) {
-                recordedUnpaid += v;
-            }
-        }
+        const double credited = k.journalSum(journalFrom, journal_kind::kCredit);
+        const double uncredited = k.journalSum(journalFrom, journal_kind::kUncredited);
+        const double confirmed = k.journalSum(journalFrom, journal_kind::kPayoutConfirmed);
+        const double uncertain = k.journalSum(journalFrom, journal_kind::kPayoutUnknown);
+        const double recordedUnpaid = k.journalSum(journalFrom, journal_kind::kUnpaid);
         double owed = 0;  // an error of the changer pays nothing back: the host settles the credit
         if (status == "Payment Completed" || status == "Error: Bill Validator") {
             owed = std::max(0.0, credited - due);
