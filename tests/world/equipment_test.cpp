@@ -57,11 +57,8 @@ int sent(Kiosk& k, std::string_view bytes) {
     return n;
 }
 
-// An MDB identification text field: twelve characters, padded with blanks.
-std::string padded(std::string text) {
-    text.resize(12, ' ');
-    return text;
-}
+// The validator's model number: an MDB identification text field of twelve characters.
+const std::string kValidatorModel = "KSX-BV-5    ";
 
 const std::string kReset = std::string("\x30\x01\x30\x00", 4);
 
@@ -107,7 +104,7 @@ TEST(InitEquipment, AnAbsentChangerIsGivenUpOnItsFiveHundredFirstReadAndTheValid
     EXPECT_EQ(k.shown(), std::vector<std::string>{"Check Coin Acceptor Connection!"});
     EXPECT_FALSE(k.checked("CoinAcceptorEnabled"));
     EXPECT_EQ(k.text("caScalingFactor"), "N/A");
-    EXPECT_EQ(k.text("bvModelNumber"), padded("KSX-BV-5"));
+    EXPECT_EQ(k.text("bvModelNumber"), kValidatorModel);
     EXPECT_EQ(k.mailbox("KSX_Error"), "0");
 
     Kiosk alone;  // the changer alone on the link: exactly 501 reads
@@ -132,7 +129,7 @@ TEST(InitEquipment, AnAbsentValidatorGetsThreeHundredAndOneResetsThenTheRoutineE
     flaky.control("fault validator flaky on");
     ASSERT_TRUE(flaky.start());
     EXPECT_TRUE(flaky.messageBox().shown().empty());
-    EXPECT_EQ(flaky.text("bvModelNumber"), padded("KSX-BV-5"));
+    EXPECT_EQ(flaky.text("bvModelNumber"), kValidatorModel);
     EXPECT_GT(sent(flaky, kReset), 1);
 }
 
@@ -204,7 +201,7 @@ TEST(InitEquipment, AnOffLineOrUnreachablePinPadIsNotAPortError) {
     ASSERT_TRUE(engine->startUp());
     EXPECT_TRUE(k.messageBox().shown().empty());
     EXPECT_EQ(engine->console().text("ccOnLine"), "No");
-    EXPECT_EQ(engine->console().text("bvModelNumber"), padded("KSX-BV-5"));
+    EXPECT_EQ(engine->console().text("bvModelNumber"), kValidatorModel);
     EXPECT_EQ(k.setting("Pin Pad", "On Line"), "No");
 
     Kiosk offline;

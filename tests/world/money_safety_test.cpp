@@ -21,43 +21,6 @@ namespace mb = store::mailbox;
 
 constexpr std::string_view kChangerPoll("\x0B\x01\x0B\x00", 4);
 
-TEST(MoneySafety, SumsAreExact) {
-    // Coins of 0.1, 0.2, 0.5, 1 and 2.
-    sim::KioskProfile p = sim::defaultProfile();
-    p.changer.scalingFactor = 10;
-    p.changer.coinCredits = {1, 2, 5, 10, 20};
-    struct Row {
-        const char* due;
-        std::vector<int> coins;  // console types
-        const char* change;
-    };
-    const Row rows[] = {
-        {"0.8", {2, 3, 1}, ""},     // 0.2 + 0.5 + 0.1
-        {"0.3", {1, 1, 1}, ""},     // 0.1 x 3: no payout at all
-        {"0.5", {2, 2, 2}, "0.1"},  // 0.6 against 0.5
-        {"1.1", {4, 2}, "0.1"},     // 1.2 against 1.1
-    };
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.due);
-        Kiosk k(p);
-        ASSERT_TRUE(k.start());
-        int payouts = 0;
-        k.onPayout([&payouts](int) { ++payouts; });
-        const Till before = k.till();
-        ASSERT_TRUE(k.requestPayment(r.due));
-        for (int type : r.coins) {
-            ASSERT_TRUE(k.insertCoin(type));
-        }
-        ASSERT_TRUE(k.runUntilIdle(60));
-        EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");
-        EXPECT_EQ(k.mailbox(mb::kChangeDispensed), r.change);
-        if (std::string(r.change).empty()) {
-            EXPECT_EQ(payouts, 0);
-        }
-        expectBooksBalance(k, before, leadingNumber(r.due), leadingNumber(r.change));
-    }
-}
-
 TEST(MoneySafety, ChangeCountsWhatLeftTheTubesWhateverATechnicianDoesMeanwhile) {
     struct Row {
         const char* what;
