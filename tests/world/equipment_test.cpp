@@ -279,8 +279,6 @@ TEST(InitEquipment, ScriptedRepliesNoPeripheralShouldSend) {
     EXPECT_TRUE(garbage.checked("CoinAcceptorEnabled"));
 }
 
-// --- Bill dispenser ----------------------------------------------------------------------------
-
 TEST(BillDispenser, IsSetUpForItsBillTypeAndATypeWithoutASetUpIsAnError) {
     for (int type : {20, 50, 100, 1000, 0, 5}) {
         Kiosk k;
@@ -369,8 +367,6 @@ TEST(BillDispenser, NothingToPayPaysNothingAndAVanishedPortIsAnError) {
     EXPECT_TRUE(k.engine().console().enabled("bdDispenserRefill"));
 }
 
-// --- Exit ---------------------------------------------------------------------------------
-
 TEST(Exit, ResetsTheChangerThenTheValidatorUntilItAnswers) {
     Kiosk k;
     ASSERT_TRUE(k.start());
@@ -387,8 +383,6 @@ TEST(Exit, ResetsTheChangerThenTheValidatorUntilItAnswers) {
     EXPECT_FALSE(k.mdbPort().isOpen());
     EXPECT_TRUE(k.engine().ended());
 }
-
-// --- The virtual kiosk itself ----------------------------------------------------------------
 
 TEST(VirtualKiosk, ControlCommandsReachTheModelsAndTheStateDumpShowsThem) {
     sim::VirtualKiosk k;

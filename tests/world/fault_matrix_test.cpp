@@ -126,12 +126,7 @@ double runCell(const Row& row, Phase phase) {
             }
         };
     } else if (phase == Phase::Tubes) {
-        k.mdbTap().onWrite = [&, state = 0](std::string_view b) mutable {
-            if (state == 1 && b == std::string_view("\x02\x00", 2)) {
-                strike();
-            }
-            state = b == std::string_view("\x0F\x01", 2) ? 1 : 0;
-        };
+        k.onPayout([&](int) { strike(); });
     } else if (phase == Phase::Dispenser) {
         v.dispenserPort().setWriteListener([&](std::string_view b) {
             if (b == std::string_view("\x10\x05\x10\x02\x00\x19", 6)) {

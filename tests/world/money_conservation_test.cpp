@@ -121,20 +121,17 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
             EXPECT_TRUE(k.kiosk().control("fault " + picked.fault + " on").ok) << picked.fault;
         }
         // Faults that strike when the changer is asked to pay out.
-        k.mdbTap().onWrite = [&k, &trouble, &chance, state = 0](std::string_view b) mutable {
-            if (state == 1 && b == std::string_view("\x02\x00", 2)) {
-                if (trouble == "cancel in payout") {
-                    k.hostWrite(mb::kCancel, "1");
-                } else if (trouble == "changer silent in payout") {
-                    k.kiosk().control("fault changer silent on");
-                    k.mdbTap().at(k.now() + chance(0, 10),
-                                  [&k] { k.kiosk().control("fault changer silent off"); });
-                } else if (trouble == "changer busy in payout") {
-                    k.kiosk().control("fault changer busy-forever on");
-                }
+        k.onPayout([&k, &trouble, &chance](int) {
+            if (trouble == "cancel in payout") {
+                k.hostWrite(mb::kCancel, "1");
+            } else if (trouble == "changer silent in payout") {
+                k.kiosk().control("fault changer silent on");
+                k.mdbTap().at(k.now() + chance(0, 10),
+                              [&k] { k.kiosk().control("fault changer silent off"); });
+            } else if (trouble == "changer busy in payout") {
+                k.kiosk().control("fault changer busy-forever on");
             }
-            state = b == std::string_view("\x0F\x01", 2) ? 1 : 0;
-        };
+        });
         if (trouble == "store trouble") {
             const double from = k.now() + chance(0, 60) / 10.0;
             const double seconds = chance(1, 20);

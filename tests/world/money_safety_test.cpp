@@ -47,25 +47,6 @@ TEST(MoneySafety, ChangeCountsWhatLeftTheTubesWhateverATechnicianDoesMeanwhile) 
     }
 }
 
-TEST(MoneySafety, AChangerThatFailedIsNotAskedForChange) {
-    Kiosk k;
-    k.set(store::section::kBillDispenser, "BDE", "0");
-    ASSERT_TRUE(k.start());
-    ASSERT_TRUE(k.requestPayment("50"));
-    ASSERT_TRUE(k.insertCoin(4));
-    k.control("fault changer silent on");
-    ASSERT_TRUE(k.runUntilIdle(60));
-    ASSERT_EQ(k.mailbox(mb::kStatus), "Error: Coin Acceptor");
-    // The host refunds the published credit: the hoppers pay it, the dead changer is left alone.
-    const Till before = k.till();
-    k.hostWrite(mb::kChange, "5");
-    const double t0 = k.now();
-    ASSERT_TRUE(k.runUntil([&] { return k.mailbox(mb::kChange).empty(); }, 600));
-    EXPECT_LT(k.now() - t0, 20);
-    EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "5");
-    EXPECT_EQ(k.till().hopper2Out - before.hopper2Out, 1);
-}
-
 TEST(MoneySafety, StopsApplyToThePaymentTheyWereMeantFor) {
     // The operator presses "Stop Payment..." while the completion's change is paid: the click
     // does not become a new payment.
