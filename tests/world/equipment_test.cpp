@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <tuple>
 
 #include "engine/dispenser/bill_dispenser.h"
 #include "engine/errors.h"
@@ -292,30 +293,26 @@ TEST(BillDispenser, IsSetUpForItsBillTypeAndATypeWithoutASetUpIsAnError) {
 }
 
 TEST(BillDispenser, FaultsShowInStatusCassetteAndFields) {
-    struct Row {
-        const char* fault;
-        const char* status;
-        const char* cassette;
-        const char* version;
-    };
-    const Row rows[] = {
+    // Fault, status, cassette, software version. "shifted": a byte 0Ch in the cassette count, so
+    // every later field is read one character early.
+    const std::tuple<std::string, const char*, const char*, const char*> rows[] = {
         {"low", "OK", "LOW", "0215"},
         {"error", "ERR", "OK", "0215"},
         {"silent", "ERR", "OK", ""},
-        // A byte 0Ch in the cassette count: every later field is read one character early.
         {"shifted", "OK", "OK", "0215"},
     };
-    for (const Row& row : rows) {
+    for (const auto& [fault, status, cassette, version] : rows) {
+        SCOPED_TRACE(fault);
         Kiosk k;
-        k.control(std::string("fault dispenser ") + row.fault + " on");
+        k.control("fault dispenser " + fault + " on");
         ASSERT_TRUE(k.start());
-        EXPECT_TRUE(k.messageBox().shown().empty()) << row.fault;
-        EXPECT_EQ(k.text("bdStatus"), row.status) << row.fault;
-        EXPECT_EQ(k.mailbox("BDStatus"), row.status) << row.fault;
-        EXPECT_EQ(k.text("bdCasetteStatus"), row.cassette) << row.fault;
-        EXPECT_EQ(k.mailbox("BDCassette"), row.cassette) << row.fault;
-        EXPECT_EQ(k.text("bdSWVersion"), row.version) << row.fault;
-        if (std::string(row.fault) == "shifted") {
+        EXPECT_TRUE(k.messageBox().shown().empty());
+        EXPECT_EQ(k.text("bdStatus"), status);
+        EXPECT_EQ(k.mailbox("BDStatus"), status);
+        EXPECT_EQ(k.text("bdCasetteStatus"), cassette);
+        EXPECT_EQ(k.mailbox("BDCassette"), cassette);
+        EXPECT_EQ(k.text("bdSWVersion"), version);
+        if (fault == "shifted") {
             EXPECT_NE(k.text("bdMaxLenght"), "139");
         }
     }

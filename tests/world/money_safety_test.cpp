@@ -21,32 +21,6 @@ namespace mb = store::mailbox;
 
 constexpr std::string_view kChangerPoll("\x0B\x01\x0B\x00", 4);
 
-TEST(MoneySafety, ChangeCountsWhatLeftTheTubesWhateverATechnicianDoesMeanwhile) {
-    struct Row {
-        const char* what;
-        int type;   // the tube a technician fills or empties while the changer pays
-        int count;  // coins in it afterwards
-    };
-    const Row rows[] = {
-        {"a tube topped up", 4, 40},
-        {"a tube emptied", 5, 0},
-    };
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.what);
-        Kiosk k;
-        k.set(store::section::kBillDispenser, "BDE", "0");
-        ASSERT_TRUE(k.start());
-        const Till before = k.till();
-        k.onPayout([&k, &r](int) { k.models().setTube(r.type, r.count); });
-        k.hostWrite(mb::kChange, "1");
-        ASSERT_TRUE(k.runUntil([&] { return k.mailbox(mb::kChange).empty(); }, 60));
-        EXPECT_EQ(k.mailbox(mb::kChangeDispensed), "1");
-        EXPECT_EQ(k.till().hopper1Out, before.hopper1Out);
-        EXPECT_EQ(k.till().hopper2Out, before.hopper2Out);
-        EXPECT_NEAR(k.paidOut(before, k.till()), 1, 1e-9);
-    }
-}
-
 TEST(MoneySafety, StopsApplyToThePaymentTheyWereMeantFor) {
     // The operator presses "Stop Payment..." while the completion's change is paid: the click
     // does not become a new payment.
