@@ -216,6 +216,16 @@ public:
                                                 mdbPort(), dispenserPort(), hoppersPort()});
     }
 
+    // The amounts of the journal's rows of one kind from row `from` on, summed.
+    double journalSum(std::size_t from, std::string_view kind) {
+        double v = 0;
+        const auto& rows = journal().rows();
+        for (std::size_t i = from; i < rows.size(); ++i) {
+            v += rows[i].kind == kind ? rows[i].amount.toDouble() : 0;
+        }
+        return v;
+    }
+
     // The values a mailbox key was written with, in order, by the store's write log (since it
     // was last cleared); how often it was written with `value`.
     std::vector<std::string> written(std::string_view key) {

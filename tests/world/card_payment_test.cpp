@@ -363,8 +363,6 @@ TEST(VoucherPrinter, AnInstalledPrinterChosenOnTheConsoleOrSavedIsCurrent) {
     EXPECT_EQ(saved.console().field("ccPrinters").items.size(), 1u);
 }
 
-// --- Pin pad test -------------------------------------------------------------------------------
-
 TEST(PinPadTest, AReadShowsTheCardOrTheErrorAndTouchesNeitherMailboxNorPrinter) {
     for (const bool fails : {false, true}) {
         SCOPED_TRACE(fails ? "failed read" : "read");

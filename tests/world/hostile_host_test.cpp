@@ -50,14 +50,26 @@ std::vector<double> paymentStarts(Kiosk& k, std::size_t from, std::string_view k
 TEST(HostileHost, RequestsRewrittenEveryFewMillisecondsStartOnlyWhatWasAsked) {
     Kiosk k;
     ASSERT_TRUE(k.start());
-    const std::vector<std::string> noise = {"abc"s, "0"s,   "\0007"s, "\u0665"s, ""s,
-                                            "-1"s,  "NaN"s, "0x10"s,  "\0335"s};
+    // Amounts that are no request: junk, control and full-width characters, a decimal comma,
+    // too small, too large, beyond a double, or not a finite number.
+    const std::vector<std::string> noise = {
+        "abc"s,       "0"s,     "\0007"s,       "\u0665"s, ""s,          "-1"s,    "NaN"s,
+        "0x10"s,      "\0335"s, "5,50"s,        "0.001"s,  "100000.01"s, "1e309"s, "4e-320"s,
+        "-Infinity"s, "&H10"s,  "\uFF15\uFF10"s};
 
     // Nothing but noise in every request key: nothing starts.
     std::size_t from = k.kiosk().journal().rows().size();
     {
         Rewriter due(k, "Due", noise), card(k, "DueCC", noise), change(k, "Change", noise);
         k.runFor(20);
+    }
+    // And each value held for a poll of the monitor: refused, and left as it is.
+    for (const std::string& value : noise) {
+        for (const char* key : {"Due", "DueCC", "Change"}) {
+            k.hostWrite(key, value);
+        }
+        k.runFor(0.6);
+        EXPECT_EQ(k.mailbox(mb::kDue), value);
     }
     EXPECT_TRUE(paymentStarts(k, from, "cash").empty());
     EXPECT_TRUE(paymentStarts(k, from, "change").empty());
@@ -104,11 +116,9 @@ TEST(HostileHost, RequestsRewrittenEveryFewMillisecondsStartOnlyWhatWasAsked) {
     test::expectBooksBalance(k, before, 20 - back, back);
     EXPECT_EQ(paymentStarts(k, from, "cash").size(), 1U);
 
-    // The engine carries on with a clean request.
-    ASSERT_TRUE(k.requestPayment("5"));
-    ASSERT_TRUE(k.insertCoin(4));
-    ASSERT_TRUE(k.runUntilIdle(60));
-    EXPECT_EQ(k.mailbox(mb::kStatus), "Payment Completed");
+    // The engine carries on with a clean request, up to a larger maximum when one is set.
+    k.set(store::section::kSettings, "MaxAmount", "200000");
+    ASSERT_TRUE(k.requestPayment("150000"));
 }
 
 }  // namespace

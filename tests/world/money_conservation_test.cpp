@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <iostream>
 #include <map>
 #include <random>
 #include <sstream>
@@ -93,7 +92,6 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
     Kiosk k;
     ASSERT_TRUE(k.start());
     std::map<std::string, int> outcomes;
-    double in = 0, kept = 0, paid = 0, unpaid = 0, unknown = 0;
     int failures = 0;
     const int payments = paymentCount();
 
@@ -123,20 +121,17 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
             EXPECT_TRUE(k.kiosk().control("fault " + picked.fault + " on").ok) << picked.fault;
         }
         // Faults that strike when the changer is asked to pay out.
-        k.mdbTap().onWrite = [&k, &trouble, &chance, state = 0](std::string_view b) mutable {
-            if (state == 1 && b == std::string_view("\x02\x00", 2)) {
-                if (trouble == "cancel in payout") {
-                    k.hostWrite(mb::kCancel, "1");
-                } else if (trouble == "changer silent in payout") {
-                    k.kiosk().control("fault changer silent on");
-                    k.mdbTap().at(k.now() + chance(0, 10),
-                                  [&k] { k.kiosk().control("fault changer silent off"); });
-                } else if (trouble == "changer busy in payout") {
-                    k.kiosk().control("fault changer busy-forever on");
-                }
+        k.onPayout([&k, &trouble, &chance](int) {
+            if (trouble == "cancel in payout") {
+                k.hostWrite(mb::kCancel, "1");
+            } else if (trouble == "changer silent in payout") {
+                k.kiosk().control("fault changer silent on");
+                k.mdbTap().at(k.now() + chance(0, 10),
+                              [&k] { k.kiosk().control("fault changer silent off"); });
+            } else if (trouble == "changer busy in payout") {
+                k.kiosk().control("fault changer busy-forever on");
             }
-            state = b == std::string_view("\x0F\x01", 2) ? 1 : 0;
-        };
+        });
         if (trouble == "store trouble") {
             const double from = k.now() + chance(0, 60) / 10.0;
             const double seconds = chance(1, 20);
@@ -207,22 +202,11 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
         const Till after = k.till();
         const std::string status = k.mailbox(mb::kStatus);
         const double reported = leadingNumber(k.mailbox(mb::kChangeDispensed));
-        double credited = 0, confirmed = 0, uncertain = 0, uncredited = 0, recordedUnpaid = 0;
-        const auto& rows = k.kiosk().journal().rows();
-        for (std::size_t r = journalFrom; r < rows.size(); ++r) {
-            const double v = rows[r].amount.toDouble();
-            if (rows[r].kind == journal_kind::kCredit) {
-                credited += v;
-            } else if (rows[r].kind == journal_kind::kUncredited) {
-                uncredited += v;
-            } else if (rows[r].kind == journal_kind::kPayoutConfirmed) {
-                confirmed += v;
-            } else if (rows[r].kind == journal_kind::kPayoutUnknown) {
-                uncertain += v;
-            } else if (rows[r].kind == journal_kind::kUnpaid) {
-                recordedUnpaid += v;
-            }
-        }
+        const double credited = k.journalSum(journalFrom, journal_kind::kCredit);
+        const double uncredited = k.journalSum(journalFrom, journal_kind::kUncredited);
+        const double confirmed = k.journalSum(journalFrom, journal_kind::kPayoutConfirmed);
+        const double uncertain = k.journalSum(journalFrom, journal_kind::kPayoutUnknown);
+        const double recordedUnpaid = k.journalSum(journalFrom, journal_kind::kUnpaid);
         double owed = 0;  // an error of the changer pays nothing back: the host settles the credit
         if (status == "Payment Completed" || status == "Error: Bill Validator") {
             owed = std::max(0.0, credited - due);
@@ -247,24 +231,9 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
                           << " and unpaid " << recordedUnpaid;
             ++failures;
         }
-        in += got;
-        kept += credited - owed;
-        paid += out;
-        unpaid += owed - out;
-        unknown += out - reported;
     }
-    EXPECT_NEAR(in, kept + paid + unpaid, 1e-3);
     EXPECT_GT(outcomes["Payment Completed"], payments / 2);
     EXPECT_GT(outcomes["Transaction Cancelled"], payments / 20);
-    std::ostringstream summary;
-    for (const auto& [status, n] : outcomes) {
-        summary << status << ": " << n << "; ";
-    }
-    summary << "in " << in << ", kept " << kept << ", paid back " << paid
-            << " (of which without a device's account " << unknown << "), owed and unpaid "
-            << unpaid << ", " << k.now() / 3600 << " virtual hours";
-    RecordProperty("summary", summary.str());
-    std::cout << summary.str() << "\n";
 }
 
 }  // namespace
