@@ -56,34 +56,6 @@ TEST(KestrixProgram, StartsOnTheSimulatedKioskRefusesASecondCopyAndExitsOnReques
         << "Exit is left for the next start to clear";
 }
 
-// The dead engine's settings of the lines (the dispenser's runs with even parity) must not keep
-// the next engine from opening them; a termination signal then runs Exit within its bound, even
-// with the changer falling silent while it pays change from the tubes.
-TEST(KestrixProgram, AfterAKillARestartOpensEveryLineAndATerminationSignalEndsIt) {
-    SimulatedKiosk kiosk(SimulatedKiosk::Devices::OnPtys);
-    ASSERT_TRUE(kiosk.start());
-    kiosk.engine().signal(SIGKILL);
-    ASSERT_TRUE(kiosk.engine().wait(10s).has_value());
-    EXPECT_EQ(kiosk.get("Pin Pad", "On Line"), "Yes") << "what a crash leaves behind";
-    EXPECT_EQ(kiosk.ksxctl({"pay", "5"}).status, 7) << "the host notices at once";
-    kiosk.set("Status", "BDStatus", "");
-    kiosk.set("Status", "Tubes", "0");
-    ASSERT_TRUE(kiosk.start());
-    EXPECT_EQ(kiosk.get("Status", "BDStatus"), "OK");
-    EXPECT_EQ(kiosk.get("Status", "KSX_Error"), "0") << kiosk.engine().err();
-
-    kiosk.set("Status", "Change", "45");
-    ASSERT_TRUE(test::eventually(
-        [&] { return kiosk.get("Status", "Status") == "Dispensing change..."; }, 30s));
-    EXPECT_EQ(kiosk.ctl({"fault", "changer", "silent", "on"}).status, 0);
-    const auto signalled = std::chrono::steady_clock::now();
-    kiosk.engine().signal(SIGTERM);
-    const std::optional<int> status = kiosk.engine().wait(30s);
-    EXPECT_LT(std::chrono::steady_clock::now() - signalled, 10s);
-    ASSERT_TRUE(status.has_value());
-    EXPECT_EQ(*status, 0) << kiosk.engine().err();
-}
-
 // Misuse is a usage error of one line (status 2). Starts that cannot work until someone acts
 // end at once saying what to do; a store refused ends with status 4, which the service unit does
 // not restart on.
