@@ -4,7 +4,6 @@
 #include <map>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,25 +23,14 @@ struct Example {
 };
 
 std::vector<Example> examplesOf(const std::string& markdown) {
-    static const std::regex opening(R"(^```(\w+) +example=([\w-]+)\s*$)");
+    static const std::regex opening(R"((^|\n)```(\w+) +example=([\w-]+)[ \t]*\n)");
     std::vector<Example> examples;
-    std::istringstream in(markdown);
-    std::string line;
-    Example* open = nullptr;
-    while (std::getline(in, line)) {
-        std::smatch m;
-        if (open != nullptr) {
-            if (line.rfind("```", 0) == 0) {
-                open = nullptr;
-            } else {
-                open->code += line + "\n";
-            }
-        } else if (std::regex_match(line, m, opening)) {
-            examples.push_back({m[1], m[2], ""});
-            open = &examples.back();
-        }
+    for (std::sregex_iterator m(markdown.begin(), markdown.end(), opening), end; m != end; ++m) {
+        const std::size_t code = static_cast<std::size_t>(m->position() + m->length());
+        const std::size_t closing = markdown.find("\n```", code - 1);
+        EXPECT_NE(closing, std::string::npos) << "an example block is not closed";
+        examples.push_back({(*m)[2], (*m)[3], markdown.substr(code, closing + 1 - code)});
     }
-    EXPECT_EQ(open, nullptr) << "an example block is not closed";
     return examples;
 }
 

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "engine/settings/layout.h"
 #include "platform_qt/engine_lock.h"
 #include "platform_qt/sqlite_store.h"
 #include "support/process.h"
@@ -40,11 +41,8 @@ struct Mailbox {
     // The mailbox as the engine's load leaves it.
     Mailbox() {
         EXPECT_TRUE(engine.tryLock(0));
-        for (const char* key : {"Due", "DueCC", "Credit", "Tubes", "KSX_Error"}) {
-            set(key, "0");
-        }
-        for (const char* key : {"Change", "Cancel", "Exit", "Status", "ChangeDispensed"}) {
-            set(key, "");
+        for (const store::MailboxValue& v : store::mailboxReset()) {
+            s.set("KSX", "Status", v.key, v.value);
         }
     }
     std::string get(const std::string& key) { return s.get("KSX", "Status", key, ""); }
@@ -124,7 +122,7 @@ TEST(Ksxctl, CommandsExitStatusMessageAndWhatTheyWrite) {
         {{"get", "Status", "Credit"}, 0, "20\n", {}, {{"Status/Credit", "20"}}},
         {{"set", "Pin Pad", "User", "-o'neil \"x\""}, 0, "", {{"Pin Pad/User", "-o'neil \"x\""}}},
         {{"--app", "OTHER", "set", "Status", "Due", "7"}, 0, "", {{"Status/Due", "0"}}},
-        {{"dump"}, 0, "Pin Pad/Z=y\nStatus/Cancel=\n", {}, {{"Pin Pad/Z", "y"}}},
+        {{"dump"}, 0, "Pin Pad/Z=y\nStatus/BDCassette=\n", {}, {{"Pin Pad/Z", "y"}}},
         {{"dump", "Pin Pad"},
          0,
          "Pin Pad/User=x\nPin Pad/Z=y\n",
@@ -216,12 +214,13 @@ TEST(Ksxctl, OnATerminalTheProgressLineIsRewrittenInPlace) {
         << "the results start on a line of their own";
 }
 
-// The test writes what the engine writes, in its order, and pay follows it.
-TEST(Ksxctl, PayPrintsEachChangeOnceAndTheResults) {
+// The test writes what the engine writes, in its order: pay shows each state once, and an
+// interrupt cancels the payment, then waits for the engine to confirm it.
+TEST(Ksxctl, PayPrintsEachChangeOnceAndAnInterruptCancelsThePayment) {
     Mailbox box;
     box.set("Status", "Payment Completed");
     box.set("Credit", "25");
-    test::ChildProcess pay(test::ksxctlBinary(), box.withStore({"pay", "12.5"}));
+    test::ChildProcess pay(test::ksxctlBinary(), box.withStore({"pay", "12.5", "--json"}));
     ASSERT_TRUE(test::eventually([&] { return box.get("Due") == "12.5"; }, 10s));
     EXPECT_EQ(box.get("Status"), "") << "blanked before the request";
 
@@ -231,17 +230,22 @@ TEST(Ksxctl, PayPrintsEachChangeOnceAndTheResults) {
     std::this_thread::sleep_for(300ms);
     box.set("Credit", "20");
     std::this_thread::sleep_for(300ms);
+    pay.signal(SIGINT);
+    ASSERT_TRUE(test::eventually([&] { return box.get("Cancel") == "1"; }, 10s));
+    EXPECT_TRUE(pay.running()) << "pay waits for the engine to confirm the cancel";
     box.set("Status", "Dispensing change...");
-    box.set("ChangeDispensed", "7.5");
+    box.set("ChangeDispensed", "20");
     box.set("Due", "0");
     box.set("Credit", "0");
-    box.set("Status", "Payment Completed");
+    box.set("Status", "Transaction Cancelled");
+    box.set("Cancel", "");
 
-    EXPECT_EQ(pay.wait(10s), std::optional<int>(0)) << pay.err();
+    EXPECT_EQ(pay.wait(10s), std::optional<int>(4)) << pay.err();
     // The results on standard output, the progress on standard error.
     EXPECT_EQ(pay.out(),
-              "Status=Payment Completed\nCredit=0\nDue=0\nChangeDispensed=7.5\nTubes=0\n"
-              "KSX_Error=0\n");
+              "{\"outcome\":\"failed\",\"exitStatus\":4,\"request\":\"Due\",\"amount\":\"12.5\","
+              "\"results\":{\"Status\":\"Transaction Cancelled\",\"Credit\":\"0\",\"Due\":\"0\","
+              "\"ChangeDispensed\":\"20\",\"Tubes\":\"0\",\"KSX_Error\":\"0\"}}\n");
     const std::string progress = pay.err();
     EXPECT_EQ(progress.rfind("waiting for the engine... | credit 0 | due 12.5\n", 0), 0u)
         << "the previous payment's credit is not this one's:\n"
@@ -252,27 +256,6 @@ TEST(Ksxctl, PayPrintsEachChangeOnceAndTheResults) {
     const std::string coinIn = "Insert Coins or Bills... | credit 20 | due 12.5\n";
     EXPECT_NE(progress.find(coinIn), std::string::npos) << progress;
     EXPECT_EQ(progress.find(coinIn), progress.rfind(coinIn)) << progress;
-}
-
-TEST(Ksxctl, InterruptCancelsTheRunningPayment) {
-    Mailbox box;
-    test::ChildProcess pay(test::ksxctlBinary(), box.withStore({"pay", "40", "--json"}));
-    ASSERT_TRUE(test::eventually([&] { return box.get("Due") == "40"; }, 10s));
-    box.set("Status", "Insert Coins or Bills...");
-    box.set("Credit", "10");
-    std::this_thread::sleep_for(300ms);
-    pay.signal(SIGINT);
-    ASSERT_TRUE(test::eventually([&] { return box.get("Cancel") == "1"; }, 10s));
-    EXPECT_TRUE(pay.running()) << "pay waits for the engine to confirm the cancel";
-    box.set("Due", "0");
-    box.set("Credit", "0");
-    box.set("Status", "Transaction Cancelled");
-    box.set("Cancel", "");
-    EXPECT_EQ(pay.wait(10s), std::optional<int>(4)) << pay.err();
-    EXPECT_EQ(pay.out(),
-              "{\"outcome\":\"failed\",\"exitStatus\":4,\"request\":\"Due\",\"amount\":\"40\","
-              "\"results\":{\"Status\":\"Transaction Cancelled\",\"Credit\":\"0\",\"Due\":\"0\","
-              "\"ChangeDispensed\":\"\",\"Tubes\":\"0\",\"KSX_Error\":\"0\"}}\n");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -94,6 +95,10 @@ public:
     std::string get(const std::string& section, const std::string& key) {
         return m_reader->get("KSX", section, key, "");
     }
+    bool statusBecomes(const std::string& status,
+                       std::chrono::seconds within = std::chrono::seconds(30)) {
+        return eventually([&] { return get("Status", "Status") == status; }, within);
+    }
     void set(const std::string& section, const std::string& key, const std::string& value) {
         m_reader->set("KSX", section, key, value);
     }
@@ -107,6 +112,9 @@ public:
         command.insert(command.begin(), {"ctl", simDir});
         return run(kestrixSimBinary(), command);
     }
+
+    // What the simulated devices hold, have taken and have paid (`kestrix-sim ctl SIMDIR state`).
+    nlohmann::json deviceState() const { return nlohmann::json::parse(ctl({"state"}).out); }
 
     std::vector<std::string> voucherFiles() const {
         std::vector<std::string> files;
