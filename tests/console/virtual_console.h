@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 #include <QAbstractButton>
 #include <QCheckBox>
-#include <QComboBox>
 #include <QCoreApplication>
 #include <QLabel>
 #include <QLineEdit>
-#include <QPlainTextEdit>
 #include <QStyle>
 #include <QTabWidget>
 #include <QTest>
@@ -42,13 +40,6 @@ inline QString shownText(QWidget* w) {
     }
     if (auto* button = qobject_cast<QAbstractButton*>(w)) {
         return button->text();
-    }
-    if (auto* combo = qobject_cast<QComboBox*>(w)) {
-        return combo->currentIndex() < 0 ? combo->placeholderText()
-                                         : combo->currentData().toString();
-    }
-    if (auto* text = qobject_cast<QPlainTextEdit*>(w)) {
-        return text->toPlainText();
     }
     return {};
 }
@@ -86,7 +77,6 @@ public:
     }
 
     ~VirtualConsole() {
-        m_guiTimer.reset();
         kiosk.engine().console().setChangeListener({});
         kiosk.engine().console().setIndicatorListener({});
         kiosk.engine().console().setDeviceEventListener({});
