@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <array>
 #include <string>
 
 #include "engine/errors.h"
@@ -11,17 +10,6 @@ namespace kestrix {
 namespace {
 
 using test::fromHex;
-
-TEST(MdbCheckByte, MatchesTheStandardsVectors) {
-    const std::array<std::uint8_t, 12> v1{0x02, 0x00, 0x01, 0x05, 0x02, 0x00,
-                                          0x07, 0x01, 0x02, 0x05, 0x14, 0xFF};
-    const std::array<std::uint8_t, 5> v2{0x34, 0xFF, 0xFF, 0x00, 0x00};
-    EXPECT_EQ(mdb::checkByte(v1), 0x2C);
-    EXPECT_EQ(mdb::checkByte(v2), 0x32);
-    // The payout command's check is 11h plus its amount byte, modulo 256.
-    const std::array<std::uint8_t, 3> payout{0x0F, 0x02, 0xF5};
-    EXPECT_EQ(mdb::checkByte(payout), 0x06);
-}
 
 // The engine paces these commands word by word, as the adapters it was built for need.
 TEST(MdbFrames, WordByWordCommandsWriteOneWordAtATime) {

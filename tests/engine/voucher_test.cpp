@@ -152,12 +152,10 @@ TEST(Voucher, LayoutsAndFonts) {
     }
 }
 
-TEST(CardTexts, ReferenceAndPinPadMessage) {
+TEST(CardTexts, Reference) {
     EXPECT_EQ(CardPayment::buildReference("00-1A-2B-3C-4D-5E", {2025, 3, 14, 9, 30, 15}),
               "001A2B3C4D5E_250314093015");
     EXPECT_EQ(CardPayment::buildReference("", {2100, 12, 1, 23, 5, 0}), "_001201230500");
-    EXPECT_EQ(CardPayment::pinPadErrorMessage({"E1", "Sin tarjeta", "07", "ignored"}),
-              "E1 DescError = Sin tarjeta CodError =  07\n");
 }
 
 }  // namespace
