@@ -89,7 +89,6 @@ public:
         return ok;
     }
 
-    // Runs both loops for `seconds` of virtual time.
     void run(double seconds) {
         kiosk.runFor(seconds);
         guiTurn();
@@ -108,7 +107,6 @@ public:
         return done();
     }
 
-    // The text a control shows on screen.
     QString shown(const char* name) const { return shownText(window->control(name)); }
     template <typename W>
     W* widget(const char* name) const {
