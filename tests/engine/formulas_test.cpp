@@ -97,11 +97,7 @@ TEST(Pause, WaitsOnTheClockAndRestartsAtMidnight) {
 }
 
 TEST(NumberText, WritesTheShortestPlainDecimal) {
-    struct Row {
-        double value;
-        const char* expected;
-    };
-    const Row rows[] = {
+    const std::pair<double, const char*> rows[] = {
         {0, "0"},
         {-0.0, "0"},
         {2.5, "2.5"},
@@ -113,8 +109,8 @@ TEST(NumberText, WritesTheShortestPlainDecimal) {
         {123456789012345.0, "123456789012345"},
         {1e15, "1E+15"},
     };
-    for (const Row& r : rows) {
-        EXPECT_EQ(numberText(r.value), r.expected) << r.value;
+    for (const auto& [value, expected] : rows) {
+        EXPECT_EQ(numberText(value), expected) << value;
     }
     EXPECT_EQ(singleText(142.5f), "142.5");
     EXPECT_EQ(singleText(0.1f + 0.2f), "0.3");
@@ -123,35 +119,17 @@ TEST(NumberText, WritesTheShortestPlainDecimal) {
 }
 
 TEST(LeadingNumber, TakesTheLeadingNumberAndNeverInventsAnAmount) {
-    struct Row {
-        std::string text;
-        double expected;
+    const std::pair<const char*, double> rows[] = {
+        {"12.5", 12.5}, {"  7", 7},    {"3abc", 3},  {"abc", 0}, {"", 0},     {"-5", -5},
+        {"0", 0},       {"1e3", 1000}, {"1e309", 0}, {"NaN", 0}, {"inf", 0},  {".5", 0.5},
+        {"5.", 5},      {"+4", 4},     {"1,000", 1}, {"1e", 1},  {"0x10", 0}, {"--5", 0},
     };
-    const Row rows[] = {
-        {"12.5", 12.5},
-        {"  7", 7},
-        {"3abc", 3},
-        {"abc", 0},
-        {"", 0},
-        {"-5", -5},
-        {"0", 0},
-        {"1e3", 1000},
-        {"1e309", 0},
-        {"NaN", 0},
-        {"inf", 0},
-        {".5", 0.5},
-        {"5.", 5},
-        {"+4", 4},
-        {"1,000", 1},
-        {"1e", 1},
-        {"0x10", 0},
-        {"--5", 0},
-        {std::string(1 << 20, '9'), 0},  // a 1 MB number is no amount
-        {std::string(1 << 20, 'x'), 0},
-    };
-    for (const Row& r : rows) {
-        EXPECT_EQ(leadingNumber(r.text), r.expected) << r.text.substr(0, 20);
+    for (const auto& [text, expected] : rows) {
+        EXPECT_EQ(leadingNumber(text), expected) << text;
     }
+    // A 1 MB number is no amount.
+    EXPECT_EQ(leadingNumber(std::string(1 << 20, '9')), 0);
+    EXPECT_EQ(leadingNumber(std::string(1 << 20, 'x')), 0);
 }
 
 TEST(StrictConversion, RefusesEmptyAndJunk) {

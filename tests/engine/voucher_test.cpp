@@ -42,11 +42,7 @@ const std::vector<std::string> kBox = {
     "**********************************"};
 
 TEST(Voucher, MarkersAreRemovedInTheirOrder) {
-    struct Row {
-        std::string in;
-        std::string out;
-    };
-    const std::vector<Row> rows = {
+    const std::vector<std::pair<std::string, std::string>> rows = {
         // " @b" goes last: what the others leave as " @b..." loses those three characters.
         {"x @bill", "xill"},
         {"TOTAL @cnb  @bill", "TOTALill"},
@@ -60,8 +56,8 @@ TEST(Voucher, MarkersAreRemovedInTheirOrder) {
         {"sin marcas", "sin marcas"},
         {"", ""},
     };
-    for (const Row& row : rows) {
-        EXPECT_EQ(voucher::withoutMarkers(row.in), row.out) << row.in;
+    for (const auto& [in, out] : rows) {
+        EXPECT_EQ(voucher::withoutMarkers(in), out) << in;
     }
 }
 
