@@ -63,16 +63,8 @@ TEST(RealEngine, TheConsoleRendersTheEngineThreadPostsToItAndQuitsWhenItHasEnded
                                 kWaitMs));
     EXPECT_EQ(window->windowTitle(), "Kestrix V5.0.0");
 
-    auto* user = qobject_cast<QLineEdit*>(window->control("ccUser"));
-    user->selectAll();
-    QTest::keyClicks(user, "tech");
-    QTest::mouseClick(qobject_cast<QPushButton*>(window->control("Save")), Qt::LeftButton);
-    qt::SqliteStore reader(store);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return reader.get("KSX", "Pin Pad", "User", "") == "tech"; },
-                                kWaitMs));
-
     // A long wait on the engine thread (a device that does not answer) leaves the window live:
-    // the link lamp lights and goes out again, and a click waits its turn.
+    // the link lamp lights and goes out again, and an edit and a click on Save wait their turn.
     std::atomic<bool> engineBusy{true};
     engine.post([&engineBusy](kestrix::Setup& setup) {
         setup.console().BlinkTx();
@@ -82,10 +74,13 @@ TEST(RealEngine, TheConsoleRendersTheEngineThreadPostsToItAndQuitsWhenItHasEnded
     auto* lamp = qobject_cast<IndicatorLamp*>(window->control("gLEDtx"));
     ASSERT_TRUE(QTest::qWaitFor([&] { return lamp->lit(); }, kWaitMs));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !lamp->lit(); }, kWaitMs));
-    QTest::keyClicks(user, "2");
+    auto* user = qobject_cast<QLineEdit*>(window->control("ccUser"));
+    user->selectAll();
+    QTest::keyClicks(user, "tech2");
     QTest::mouseClick(qobject_cast<QPushButton*>(window->control("Save")), Qt::LeftButton);
     EXPECT_TRUE(engineBusy) << "the engine's wait ended before the window had done all that";
     EXPECT_EQ(user->text(), "tech2");
+    qt::SqliteStore reader(store);
     ASSERT_TRUE(QTest::qWaitFor([&] { return reader.get("KSX", "Pin Pad", "User", "") == "tech2"; },
                                 kWaitMs));
     EXPECT_FALSE(engineBusy);

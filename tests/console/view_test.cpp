@@ -34,7 +34,6 @@ struct HeldEngine {
             [this](const Field& f) { changes.push_back(f); });
     }
     Console& console() { return kiosk.engine().console(); }
-    // The engine takes everything posted so far.
     void engineRuns() {
         while (!posted.empty()) {
             auto action = std::move(posted.front());
@@ -43,7 +42,6 @@ struct HeldEngine {
             action(commands);
         }
     }
-    // The GUI thread receives the engine's changes and acknowledgements.
     void guiRuns() {
         while (!changes.empty()) {
             window->renderField(changes.front());

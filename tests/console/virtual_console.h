@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 #include <QAbstractButton>
 #include <QCheckBox>
-#include <QComboBox>
 #include <QCoreApplication>
 #include <QLabel>
 #include <QLineEdit>
-#include <QPlainTextEdit>
 #include <QStyle>
 #include <QTabWidget>
 #include <QTest>
@@ -42,13 +40,6 @@ inline QString shownText(QWidget* w) {
     }
     if (auto* button = qobject_cast<QAbstractButton*>(w)) {
         return button->text();
-    }
-    if (auto* combo = qobject_cast<QComboBox*>(w)) {
-        return combo->currentIndex() < 0 ? combo->placeholderText()
-                                         : combo->currentData().toString();
-    }
-    if (auto* text = qobject_cast<QPlainTextEdit*>(w)) {
-        return text->toPlainText();
     }
     return {};
 }
@@ -86,7 +77,6 @@ public:
     }
 
     ~VirtualConsole() {
-        m_guiTimer.reset();
         kiosk.engine().console().setChangeListener({});
         kiosk.engine().console().setIndicatorListener({});
         kiosk.engine().console().setDeviceEventListener({});
@@ -99,7 +89,6 @@ public:
         return ok;
     }
 
-    // Runs both loops for `seconds` of virtual time.
     void run(double seconds) {
         kiosk.runFor(seconds);
         guiTurn();
@@ -118,7 +107,6 @@ public:
         return done();
     }
 
-    // The text a control shows on screen.
     QString shown(const char* name) const { return shownText(window->control(name)); }
     template <typename W>
     W* widget(const char* name) const {

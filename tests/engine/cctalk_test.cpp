@@ -19,33 +19,22 @@ struct Vector {
     std::uint8_t source = kHostAddress;
 };
 
-// The commands the engine sends and the replies it reads, as a real hopper frames them.
+// A command and the replies the engine reads, as a real hopper frames them. (The other commands
+// are in the hoppers' world tests: the hopper model answers no other header and no bad frame.)
 TEST(CcTalkFrames, BuildTheKnownVectors) {
     const Vector vectors[] = {
-        {"serial number", 3, header::kSerialNumber, "", "03 00 01 F2 0A"},
-        {"test hopper", 3, header::kTestHopper, "", "03 00 01 A3 59"},
-        {"enable", 3, header::kEnableHopper, "A5", "03 01 01 A4 A5 B2"},
-        {"cipher key", 3, header::kRequestCipherKey, "", "03 00 01 A0 5C"},
-        {"hopper status", 3, header::kHopperStatus, "", "03 00 01 A6 56"},
-        {"emergency stop", 3, header::kEmergencyStop, "", "03 00 01 AC 50"},
         {"reset", 3, header::kResetDevice, "", "03 00 01 01 FB"},
-        {"dispense zeros8 5", 3, header::kDispenseHopperCoins, "00 00 00 00 00 00 00 00 05",
-         "03 09 01 A7 00 00 00 00 00 00 00 00 05 47"},
-        {"dispense serial 3", 3, header::kDispenseHopperCoins, "4E 46 05 03",
-         "03 04 01 A7 4E 46 05 03 B5"},
         {"ACK from 3", 1, header::kAck, "", "01 00 03 00 FC", 3},
-        {"NAK from 3", 1, header::kNak, "", "01 00 03 05 F7", 3},
         {"status reply", 1, header::kAck, "07 00 05 00", "01 04 03 00 07 00 05 00 EC", 3},
     };
     for (const Vector& v : vectors) {
         const std::string built = buildFrame(v.destination, v.header, fromHex(v.data), v.source);
         EXPECT_EQ(hex(built), v.frame) << v.name;
-        const auto parsed = parseFrame(fromHex(v.frame));
-        ASSERT_TRUE(parsed.has_value()) << v.name;
-        EXPECT_EQ(parsed->destination, v.destination) << v.name;
-        EXPECT_EQ(parsed->source, v.source) << v.name;
-        EXPECT_EQ(parsed->header, v.header) << v.name;
-        EXPECT_EQ(hex(parsed->data), hex(fromHex(v.data))) << v.name;
+        // Parsed, every field is back where it came from: built again, the frame is the same.
+        const auto f = parseFrame(fromHex(v.frame));
+        ASSERT_TRUE(f.has_value()) << v.name;
+        EXPECT_EQ(hex(buildFrame(f->destination, f->header, f->data, f->source)), v.frame)
+            << v.name;
     }
 }
 

@@ -8,18 +8,11 @@ namespace {
 
 using Level = StatusLine::Level;
 
-Field text(const std::string& name, const std::string& value) {
+// A control as the engine gives it: a text, or a check box's state.
+Field field(const std::string& name, const std::string& text, int value = 0) {
     Field f;
     f.name = name;
-    f.kind = FieldKind::TextBox;
-    f.text = value;
-    return f;
-}
-
-Field box(const std::string& name, int value) {
-    Field f;
-    f.name = name;
-    f.kind = FieldKind::CheckBox;
+    f.text = text;
     f.value = value;
     return f;
 }
@@ -27,13 +20,13 @@ Field box(const std::string& name, int value) {
 TEST(DeviceStatus, ADeviceGoesFromDisabledToInitialisedAsItsFieldsFillIn) {
     DeviceStatus s;
     EXPECT_EQ(s.device(Device::BillValidator).level, Level::Off);
-    s.noteField(box("billValidatorEnabled", 1));
-    s.noteField(text("bvFeatureLevel", "N/A"));
+    s.noteField(field("billValidatorEnabled", "", 1));
+    s.noteField(field("bvFeatureLevel", "N/A"));
     EXPECT_EQ(s.device(Device::BillValidator).level, Level::Waiting);
-    s.noteField(text("bvManufacturer", "KSX"));
-    s.noteField(text("bvModelNumber", "BV-5        "));
-    s.noteField(text("bvSerialNumber", "000000020001"));
-    s.noteField(text("bvFeatureLevel", "01"));
+    s.noteField(field("bvManufacturer", "KSX"));
+    s.noteField(field("bvModelNumber", "BV-5        "));
+    s.noteField(field("bvSerialNumber", "000000020001"));
+    s.noteField(field("bvFeatureLevel", "01"));
     EXPECT_EQ(
         s.device(Device::BillValidator),
         (StatusLine{"Initialised: feature level 01, KSX BV-5, serial 000000020001.", Level::Ok}));
@@ -42,12 +35,12 @@ TEST(DeviceStatus, ADeviceGoesFromDisabledToInitialisedAsItsFieldsFillIn) {
 
 TEST(DeviceStatus, ANotAnsweringDeviceStaysReportedUntilItIsEnabledAgain) {
     DeviceStatus s;
-    s.noteField(box("CoinAcceptorEnabled", 1));
+    s.noteField(field("CoinAcceptorEnabled", "", 1));
     s.noteEvent(DeviceEvent::ChangerNotAnswering);
-    s.noteField(box("CoinAcceptorEnabled", 0));  // the engine unticks it
+    s.noteField(field("CoinAcceptorEnabled", "", 0));  // the engine unticks it
     EXPECT_EQ(s.device(Device::CoinAcceptor).level, Level::Problem);
     EXPECT_EQ(s.device(Device::BillValidator).level, Level::Off);
-    s.noteField(box("CoinAcceptorEnabled", 1));
+    s.noteField(field("CoinAcceptorEnabled", "", 1));
     EXPECT_EQ(s.device(Device::CoinAcceptor).level, Level::Waiting);
 }
 
@@ -59,18 +52,19 @@ TEST(DeviceStatus, APortErrorNamesTheLinkAndLastsUntilThePortChangesOrTheDeviceA
         Field clears;
     };
     const Row rows[] = {
-        {DeviceEvent::MdbPortError, Link::Mdb, Device::CoinAcceptor, text("comPorts", "2")},
-        {DeviceEvent::MdbPortError, Link::Mdb, Device::BillValidator, text("bvFeatureLevel", "01")},
+        {DeviceEvent::MdbPortError, Link::Mdb, Device::CoinAcceptor, field("comPorts", "2")},
+        {DeviceEvent::MdbPortError, Link::Mdb, Device::BillValidator,
+         field("bvFeatureLevel", "01")},
         {DeviceEvent::DispenserPortError, Link::Dispenser, Device::BillDispenser,
-         text("comPorts1", "7")},
-        {DeviceEvent::HoppersPortError, Link::Hoppers, Device::Hoppers, text("comPorts2", "4")},
+         field("comPorts1", "7")},
+        {DeviceEvent::HoppersPortError, Link::Hoppers, Device::Hoppers, field("comPorts2", "4")},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(static_cast<int>(r.event));
         DeviceStatus s;
         for (const char* b : {"CoinAcceptorEnabled", "billValidatorEnabled", "billDispenserEnabled",
                               "hoppersEnabled"}) {
-            s.noteField(box(b, 1));
+            s.noteField(field(b, "", 1));
         }
         EXPECT_NE(s.device(r.device).level, Level::Problem);
         s.noteEvent(r.event);

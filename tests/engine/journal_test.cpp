@@ -37,10 +37,14 @@ private:
     std::vector<JournalRecord> m_rows;
 };
 
+// The rows' kinds; an unknown payout with its device, amount and payment.
 std::vector<std::string> kinds(const std::vector<JournalEntry>& rows) {
     std::vector<std::string> out;
     for (const JournalEntry& e : rows) {
-        out.emplace_back(e.kind);
+        out.push_back(e.kind != jk::kPayoutUnknown
+                          ? std::string(e.kind)
+                          : std::string(e.kind) + " " + e.device + " " + e.amount.text() + " #" +
+                                std::to_string(e.paymentId));
     }
     return out;
 }
@@ -86,6 +90,14 @@ TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
          {"Credit Card Approved", "0", "25", ""},
          {"payment interrupted", "restart report"},
          "request=DueCC asked=25 outcome=paid credit=25 paid=0 unknown=0"},
+        {"a payout asked and never confirmed is unknown, with its device and amount",
+         Rows()
+             .crashedRun()
+             .add(jk::kPaymentStart, 3, "", 1000, "change", "host")
+             .add(jk::kPayoutAsked, 3, "hopper2", 300),
+         {"", "0", "0", ""},
+         {"payout unknown hopper2 3 #3", "payment interrupted", "restart report"},
+         "request=Change asked=10 outcome=unknown credit=0 paid=0 unknown=3"},
         {"the operator's own payment is closed but not put before the host",
          Rows()
              .crashedRun()
@@ -178,21 +190,6 @@ TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
             }
         }
     }
-}
-
-TEST(Recovery, UnknownPayoutsKeepTheDeviceAndAmountAsked) {
-    Rows r;
-    r.crashedRun()
-        .add(jk::kPaymentStart, 3, "", 1000, "change", "host")
-        .add(jk::kPayoutAsked, 3, "hopper2", 300)
-        .add(jk::kPaymentStart, 4, "", 500, "cash", "host")
-        .add(jk::kCredit, 4, "changer", 200);
-    const recovery::Plan plan = recovery::plan(r.rows(), {"", "5", "0", ""});
-    ASSERT_EQ(plan.rows.size(), 5u);
-    EXPECT_EQ(plan.rows[0].kind, jk::kPayoutUnknown);
-    EXPECT_EQ(plan.rows[0].device, "hopper2");
-    EXPECT_EQ(plan.rows[0].amount, Money::fromMinor(300));
-    EXPECT_EQ(plan.rows[0].paymentId, 3);
 }
 
 TEST(Totals, MoneyPerDeviceWithRoutingTubesAndCassette) {

@@ -4,6 +4,7 @@
 
 #include "bench.h"
 #include "engine/dispenser/bill_dispenser.h"
+#include "engine/mdb/reply.h"
 #include "sim/world/virtual_kiosk.h"
 
 namespace kestrix::sim {
@@ -11,117 +12,98 @@ namespace {
 
 using bd::field;
 using bd::renderReply;
-using test::ByteList;
+using test::Bench;
 using test::hex;
 
-// The models of the virtual kiosk, driven on their lines without the engine.
-struct Kiosk : VirtualKiosk {
-    std::string exchange(LinkDevice& d, const ByteList& bytes, double seconds = 0.1) {
-        d.receive(test::raw(bytes), clock().elapsed());
-        return wait(d, seconds);
+// Read rounds until the dispense answer came, and the last read.
+std::string dispense(Bench& k) {
+    LinkDevice& d = k.models.dispenserLink();
+    std::string got = k.exchange(d, test::bytesOf(bd::dispenseFrame().header), 0.2);
+    for (const std::string& part : bd::dispenseFrame().body) {
+        d.receive(part, k.now);
     }
-    std::string wait(LinkDevice& d, double seconds) {
-        clock().advance(seconds);
-        return d.transmit(clock().elapsed());
-    }
-    std::string mdb(const ByteList& command, bool ack = true) {
-        const std::string r = exchange(models().mdbLink(), test::mdbWords(command));
-        if (ack && r.size() >= 3 && r.compare(r.size() - 3, 3, "01 ") == 0) {
-            exchange(models().mdbLink(), test::kMdbAck, 0.01);
+    got += k.wait(d, 2);
+    for (int round = 1; round <= 5; ++round) {
+        got += k.wait(d, 1.4);
+        if (renderReply(got).size() >= 13) {
+            return renderReply(got);
         }
-        return r;
+        got.clear();
     }
-    // Read rounds until the dispense answer came, and the last read.
-    std::pair<int, std::string> dispense() {
-        LinkDevice& d = models().dispenserLink();
-        std::string got = exchange(d, test::bytesOf(bd::dispenseFrame().header), 0.2);
-        for (const std::string& part : bd::dispenseFrame().body) {
-            d.receive(part, clock().elapsed());
-        }
-        got += wait(d, 2);
-        for (int round = 1; round <= 5; ++round) {
-            got += wait(d, 1.4);
-            if (renderReply(got).size() >= 13) {
-                return {round, renderReply(got)};
-            }
-            got.clear();
-        }
-        return {0, {}};
-    }
-    std::string hopperStatusAfterPayingThree() {
-        LinkDevice& bus = models().hoppersLink();
-        exchange(bus, hex("03 01 01 A4 A5 B2"));
-        exchange(bus, hex("03 04 01 A7 4E 46 05 03 B5"));
-        wait(bus, 3);
-        const ByteList r = test::bytesOf(exchange(bus, hex("03 00 01 A6 56")));
-        return r.size() < 14 ? "?"
-                             : std::to_string(r[10]) + " " + std::to_string(r[11]) + " " +
-                                   std::to_string(r[12]);
-    }
-};
+    return {};
+}
+
+std::string hopperStatusAfterPayingThree(Bench& k) {
+    LinkDevice& bus = k.models.hoppersLink();
+    k.exchange(bus, hex("03 01 01 A4 A5 B2"));
+    k.exchange(bus, hex("03 04 01 A7 4E 46 05 03 B5"));
+    k.wait(bus, 3);
+    const test::ByteList r = test::bytesOf(k.exchange(bus, hex("03 00 01 A6 56")));
+    return r.size() < 14
+               ? "?"
+               : std::to_string(r[10]) + " " + std::to_string(r[11]) + " " + std::to_string(r[12]);
+}
 
 struct FaultRow {
     const char* device;
     const char* fault;
-    std::function<std::string(Kiosk&)> probe;
+    std::function<std::string(Bench&)> probe;
     const char* normal;
     const char* faulty;
 };
 
-std::string pollAfterReset(Kiosk& k) {
+std::string pollAfterReset(Bench& k) {
     k.mdb({0x0B});
     return k.mdb({0x0B});
 }
 
 const FaultRow kRows[] = {
-    {"adapter", "garbage", [](Kiosk& k) { return k.mdb({0x0B}); }, "0b00 0b01 ", "0b00 #~0b01 "},
+    {"adapter", "garbage", [](Bench& k) { return k.mdb({0x0B}); }, "0b00 0b01 ", "0b00 #~0b01 "},
     {"changer", "reset-only",
-     [](Kiosk& k) { return k.mdb({0x08}) + "/" + std::to_string(k.mdb({0x09}).size()); },
+     [](Bench& k) { return k.mdb({0x08}) + "/" + std::to_string(k.mdb({0x09}).size()); },
      "0001 /120", "0001 /0"},
     {"changer", "payout-jam",
-     [](Kiosk& k) {
+     [](Bench& k) {
          k.mdb({0x0B});
          k.mdb({0x0F, 0x02, 20});  // one coin of 20 credits
          std::string events;
          for (int i = 0; i < 10; ++i) {
-             k.clock().advance(0.2);
+             k.now += 0.2;
              const std::string r = k.mdb({0x0B});
              events += r == "0200 0201 " ? "" : r;
          }
          const bool jam = events.find("0700 0701 ") != std::string::npos;
-         return (jam ? "07, tube " : "tube ") + std::to_string(k.models().changer().tubeCount(4));
+         return (jam ? "07, tube " : "tube ") + std::to_string(k.models.changer().tubeCount(4));
      },
      "tube 9", "07, tube 10"},
     {"changer", "busy-forever", pollAfterReset, "0001 ", "0200 0201 "},
     {"validator", "ccd",
-     [](Kiosk& k) {
-         const ByteList id = test::replyBytes(k.mdb({0x37, 0x00}));
-         return std::string(id.begin(), id.begin() + 3);
+     [](Bench& k) {
+         return mdb::Reply(k.mdb({0x37, 0x00})).characters(1, 3);
      },
      "KSX", "CCD"},
-    {"dispenser", "empty", [](Kiosk& k) { return field(k.dispense().second, 100, 2); }, "B1", "00"},
-    {"dispenser", "slow", [](Kiosk& k) { return field(k.dispense().second, 1, 8); }, "10061006",
+    {"dispenser", "empty", [](Bench& k) { return field(dispense(k), 100, 2); }, "B1", "00"},
+    {"dispenser", "slow", [](Bench& k) { return field(dispense(k), 1, 8); }, "10061006",
      "10051002"},
-    {"hopper1", "empty", [](Kiosk& k) { return k.hopperStatusAfterPayingThree(); }, "0 3 0",
-     "0 0 3"},
+    {"hopper1", "empty", hopperStatusAfterPayingThree, "0 3 0", "0 0 3"},
     {"hopper2", "no-echo",
-     [](Kiosk& k) { return hexBytes(k.exchange(k.models().hoppersLink(), hex("03 00 01 FE FE"))); },
+     [](Bench& k) { return hexBytes(k.exchange(k.models.hoppersLink(), hex("03 00 01 FE FE"))); },
      "03 00 01 FE FE 01 00 03 00 FC", "01 00 03 00 FC"},
 };
 
 TEST(FaultSwitches, EachFaultChangesWhatTheDeviceDoes) {
     for (const FaultRow& row : kRows) {
         SCOPED_TRACE(std::string(row.device) + " " + row.fault);
-        Kiosk normal;
+        Bench normal;
         EXPECT_EQ(row.probe(normal), row.normal);
-        Kiosk faulty;
-        ASSERT_TRUE(faulty.models().setFault(row.device, row.fault, true).ok);
+        Bench faulty;
+        ASSERT_TRUE(faulty.models.setFault(row.device, row.fault, true).ok);
         EXPECT_EQ(row.probe(faulty), row.faulty);
     }
 }
 
 TEST(FaultSwitches, UnknownNamesAreRefusedAndEveryModelListsItsFaults) {
-    Kiosk k;
+    VirtualKiosk k;
     EXPECT_FALSE(k.models().changer().setFault("melted", true));
     const ControlResult r = k.models().setFault("changer", "melted", true);
     EXPECT_FALSE(r.ok);

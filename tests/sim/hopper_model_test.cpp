@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "bench.h"
-#include "sim/hoppers/hopper_bus.h"
+#include "engine/hoppers/cctalk.h"
 
 namespace kestrix::sim {
 namespace {
@@ -10,21 +10,13 @@ using test::ByteList;
 using test::bytesOf;
 using test::hex;
 
-HopperProfile second() {
-    HopperProfile p;
-    p.address = 4;
-    p.serialNumber = 0x05464F;
-    return p;
-}
-
-struct HopperBench {
-    HopperBus bus;
-    test::Host host{bus};
-
-    explicit HopperBench(HopperProfile first = {}, bool echo = true) : bus(first, second(), echo) {}
+struct HopperBench : test::Bench {
+    explicit HopperBench(const KioskProfile& profile = defaultProfile()) : Bench(profile) {}
 
     // Sends a frame and returns what came back within 0.1 s, echo included.
-    ByteList exchange(const ByteList& frame) { return bytesOf(host.exchange(frame, 0.1)); }
+    ByteList exchange(const ByteList& frame) {
+        return bytesOf(Bench::exchange(models.hoppersLink(), frame));
+    }
     // The reply after the echo of `frame`.
     ByteList reply(const ByteList& frame) {
         const ByteList all = exchange(frame);
@@ -33,15 +25,13 @@ struct HopperBench {
         return ByteList(all.begin() + static_cast<long>(std::min(frame.size(), all.size())),
                         all.end());
     }
-    static ByteList frame(std::uint8_t address, std::uint8_t header, ByteList data = {}) {
-        data.insert(data.begin(), {address, static_cast<std::uint8_t>(data.size()), 1, header});
-        ByteList f = data;
-        f.push_back(ccTalkChecksum(f));
-        return f;
+    static ByteList frame(std::uint8_t header, const std::string& data = {}) {
+        return bytesOf(cctalk::buildFrame(3, header, data));
     }
-    ByteList dispense(std::uint8_t coins) {
-        return reply(frame(3, 167, {0x4E, 0x46, 0x05, coins}));
+    ByteList dispense(char coins) {
+        return reply(frame(167, std::string("\x4E\x46\x05", 3) + coins));
     }
+    void enable() { reply(frame(164, "\xA5")); }
 };
 
 // The engine pays whatever these bits show: that they are right is the model's to check.
@@ -55,10 +45,10 @@ TEST(HopperBus, TheTestRegisterShowsPowerUpAndDisabledUntilEnabled) {
 // Coins leave one by one over time, and a dispense while busy is refused, not queued.
 TEST(HopperBus, PaysCoinsOverTimeAndRefusesADispenseWhileBusy) {
     HopperBench b;
-    b.reply(HopperBench::frame(3, 164, {0xA5}));
+    b.enable();
     b.dispense(5);
     EXPECT_EQ(b.dispense(1), hex("01 00 03 05 F7")) << "busy: refused, not queued";
-    b.host.wait(0.6);
+    b.wait(b.models.hoppersLink(), 0.6);
     const ByteList midway = b.reply(hex("03 00 01 A6 56"));
     EXPECT_GT(midway[5], 0) << "still paying";
     EXPECT_LT(midway[5], 5);
@@ -66,15 +56,15 @@ TEST(HopperBus, PaysCoinsOverTimeAndRefusesADispenseWhileBusy) {
 
 TEST(HopperBus, TheEventCounterWrapsToOneAndAResetClearsIt) {
     HopperBench b;
-    b.reply(HopperBench::frame(3, 164, {0xA5}));
+    b.enable();
     for (int i = 1; i <= 255; ++i) {
         b.dispense(0);
     }
-    EXPECT_EQ(b.bus.hopper(1).eventCounter(), 255);
+    EXPECT_EQ(b.models.hopper1().eventCounter(), 255);
     EXPECT_EQ(b.dispense(0)[4], 1);
     b.reply(hex("03 00 01 01 FB"));
     EXPECT_EQ(b.exchange(hex("03 00 01 A6 56")), hex("03 00 01 A6 56")) << "deaf after reset";
-    b.host.wait(0.2);
+    b.wait(b.models.hoppersLink(), 0.2);
     EXPECT_EQ(b.reply(hex("03 00 01 A6 56"))[4], 0);
     EXPECT_EQ(b.dispense(1), hex("01 00 03 05 F7")) << "disabled after reset";
 }
@@ -88,7 +78,7 @@ TEST(HopperBus, TakesOnlyTheSecurityBytesOfItsMode) {
     };
     const ByteList zeros8 = hex("03 09 01 A7 00 00 00 00 00 00 00 00 05 47");
     const ByteList serial = hex("03 04 01 A7 4E 46 05 03 B5");
-    const ByteList any8 = HopperBench::frame(3, 167, {1, 2, 3, 4, 5, 6, 7, 8, 2});
+    const ByteList any8 = HopperBench::frame(167, "\x01\x02\x03\x04\x05\x06\x07\x08\x02");
     const Row rows[] = {
         {"serial", false, serial, true},
         {"serial", false, zeros8, false},
@@ -99,10 +89,10 @@ TEST(HopperBus, TakesOnlyTheSecurityBytesOfItsMode) {
         {"noencrypt8", false, any8, false},
     };
     for (const Row& r : rows) {
-        HopperProfile p;
-        p.mode = r.mode;
+        KioskProfile p = defaultProfile();
+        p.hopper1.mode = r.mode;
         HopperBench b(p);
-        b.reply(HopperBench::frame(3, 164, {0xA5}));
+        b.enable();
         if (r.cipherFirst) {
             EXPECT_EQ(b.reply(hex("03 00 01 A0 5C")).size(), 13u);
         }
@@ -119,8 +109,8 @@ TEST(HopperBus, StaysQuietOnBadFramesAndUnsupportedHeaders) {
     EXPECT_EQ(b.exchange(hex("05 00 01 FE FC")), hex("05 00 01 FE FC")) << "nobody at 5";
     EXPECT_EQ(b.exchange(hex("03 00 01 A0 5C")), hex("03 00 01 A0 5C")) << "no cipher in serial";
     // A gap over 50 ms inside a frame resets the receiver.
-    b.host.write(hex("03 00"));
-    b.host.wait(0.08);
+    b.write(b.models.hoppersLink(), hex("03 00"));
+    b.wait(b.models.hoppersLink(), 0.08);
     EXPECT_EQ(b.exchange(hex("01 FE FE")), hex("01 FE FE"));
     EXPECT_EQ(b.reply(hex("03 00 01 FE FE")), hex("01 00 03 00 FC"));
 }

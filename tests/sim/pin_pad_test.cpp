@@ -3,22 +3,14 @@
 #include <vector>
 
 #include "engine/settings/layout.h"
-#include "sim/pinpad/sim_pin_pad.h"
-#include "sim/world/memory_store.h"
-#include "sim/world/virtual_time.h"
+#include "sim/world/virtual_kiosk.h"
 
 namespace kestrix::sim {
 namespace {
 
-struct PinPadBench {
-    VirtualClock clock;
-    VirtualScheduler scheduler{clock};
-    MemoryStore store;
-    SimPinPad pad{clock, scheduler, store};
-
-    PinPadBench() { clock.setDeadline(3600); }
+struct PinPadBench : VirtualKiosk {
     void steer(std::string_view key, std::string_view value) {
-        store.set(store::kApp, store::section::kPinPadSimulator, key, value);
+        store().set(store::kApp, store::section::kPinPadSimulator, key, value);
     }
     std::string sale() {
         SaleRequest r;
@@ -26,7 +18,7 @@ struct PinPadBench {
         r.branch = "0002";
         r.reference = "001A2B3C4D5E_261122090000";
         r.currency = "MXN";
-        return pad.runSale(r);
+        return pinPad().runSale(r);
     }
 };
 
@@ -36,34 +28,35 @@ TEST(SimPinPad, TheStoreSteersTheResultAndTheCard) {
     PinPadBench b;
     b.steer("Result", "Approved ");
     b.steer("Seconds", "1");
-    EXPECT_EQ(b.pad.readCard(), "");
+    EXPECT_EQ(b.pinPad().readCard(), "");
     EXPECT_FALSE(b.sale().empty());
-    EXPECT_EQ(b.pad.result(), "approved");
+    EXPECT_EQ(b.pinPad().result(), "approved");
     b.steer("Result", "readerror");
-    const std::string error = b.pad.readCard();
+    const std::string error = b.pinPad().readCard();
     EXPECT_FALSE(error.empty());
-    EXPECT_EQ(b.pad.errorDetails().error, error);
-    EXPECT_FALSE(b.pad.errorDetails().code.empty());
+    EXPECT_EQ(b.pinPad().errorDetails().error, error);
+    EXPECT_FALSE(b.pinPad().errorDetails().code.empty());
 
     PinPadBench custom;
     custom.steer("CardNumber", "************4242");
     custom.steer("CardHolder", "PEREZ/ANA");
-    custom.pad.readCard();
-    EXPECT_EQ(custom.pad.cardNumber(), "************4242");
-    EXPECT_EQ(custom.pad.cardHolder(), "PEREZ/ANA");
+    custom.pinPad().readCard();
+    EXPECT_EQ(custom.pinPad().cardNumber(), "************4242");
+    EXPECT_EQ(custom.pinPad().cardHolder(), "PEREZ/ANA");
 }
 
 // That a cancel ends a sale the world tests see; not that it ends with its operation.
 TEST(SimPinPad, ACancelDoesNotOutliveItsOperation) {
     PinPadBench b;
     b.steer("Seconds", "30");
-    auto cancel = b.scheduler.createTimer("cancel", 2000, true, [&b] { b.pad.cancelOperation(); });
+    auto cancel =
+        b.scheduler().createTimer("cancel", 2000, true, [&b] { b.pinPad().cancelOperation(); });
     b.sale();
     cancel->setEnabled(false);
-    b.pad.closeOperation();
+    b.pinPad().closeOperation();
     b.steer("Seconds", "0");
     b.sale();
-    EXPECT_EQ(b.pad.result(), "approved") << "a cancel does not outlive its operation";
+    EXPECT_EQ(b.pinPad().result(), "approved") << "a cancel does not outlive its operation";
 }
 
 }  // namespace
