@@ -402,10 +402,8 @@ void Setup::Monitor_Timer() {
     step([this] { publishHeartbeat(); });
 
     step([this] {
-        const std::string cmd = m_platform.instance.commandLine();
-        if (cmd.size() >= kHideSwitch.size() &&
-            cmd.compare(cmd.size() - kHideSwitch.size(), kHideSwitch.size(), kHideSwitch) == 0 &&
-            m_console.field("Setup").visible) {
+        if (m_console.field("Setup").visible &&
+            m_platform.instance.commandLine().ends_with(kHideSwitch)) {
             m_console.setVisible("Setup", false);
         }
     });
@@ -556,7 +554,15 @@ void Setup::publishHeartbeat() {
     if (m_lastHeartbeat >= 0 && now - m_lastHeartbeat < kHeartbeatSeconds) {
         return;
     }
+    // The heartbeat is no request: a mailbox found quiet stays quiet through it. The store
+    // counts this write as one change, so the count that keeps the mailbox quiet moves by one.
+    // Anything else that changed the store meanwhile (another program's write, this engine's
+    // waiting writes going out) moves it further, and the mailbox is read again.
+    const bool quiet = m_quietMailbox.has_value() && !m_storeWriter.troubled();
     writeMailbox(store::mailbox::kEngine, formatTime(m_platform.clock.now(), "%Y-%m-%d %H:%M:%S"));
+    if (quiet && m_quietMailbox) {
+        ++m_quietMailbox->change;
+    }
     m_lastHeartbeat = now;
 }
 

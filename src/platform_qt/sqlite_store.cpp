@@ -7,6 +7,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 #endif
+#ifdef __linux__
+#include <sys/inotify.h>
+#endif
 
 #include <cerrno>
 #include <cstdio>
@@ -22,12 +25,6 @@
 namespace kestrix::qt {
 
 namespace {
-
-#ifndef _WIN32
-long long nanoseconds(const timespec& t) {
-    return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
-}
-#endif
 
 using sqlite::bindText;
 using sqlite::columnText;
@@ -226,6 +223,11 @@ void SqliteStore::open() {
 
 SqliteStore::~SqliteStore() {
     closeAll();
+#ifndef _WIN32
+    if (m_watch >= 0) {
+        ::close(m_watch);
+    }
+#endif
 }
 
 void SqliteStore::closeAll() {
@@ -278,9 +280,6 @@ void SqliteStore::followFile() {
         const bool present = ::stat(m_path.c_str(), &st) == 0;
         if (present && static_cast<unsigned long long>(st.st_dev) == m_device &&
             static_cast<unsigned long long>(st.st_ino) == m_inode) {
-            m_dbMark.dbSize = static_cast<long long>(st.st_size);
-            m_dbMark.dbModifiedNs = nanoseconds(st.st_mtim);
-            m_dbMark.dbChangedNs = nanoseconds(st.st_ctim);
             return;
         }
         // Writing on into a file nobody else can open any more would lose every request the
@@ -376,36 +375,76 @@ std::vector<SettingsStore::Entry> SqliteStore::list(std::string_view app,
     }
 }
 
-SqliteStore::FileMark SqliteStore::fileMark() const {
-    FileMark mark = m_dbMark;
-#ifndef _WIN32
-    struct stat st {};
-    if (::stat((m_path + "-wal").c_str(), &st) == 0) {
-        mark.walSize = static_cast<long long>(st.st_size);
-        mark.walModifiedNs = nanoseconds(st.st_mtim);
-        mark.walChangedNs = nanoseconds(st.st_ctim);
-        mark.walInode = static_cast<long long>(st.st_ino);
+bool SqliteStore::filesTouched() {
+#ifdef __linux__
+    if (!m_watchTried) {
+        m_watchTried = true;
+        // A store reached through a link is written where the link leads (its log too): both
+        // directories are watched, the link's for the link being replaced.
+        namespace fs = std::filesystem;
+        std::error_code ec;
+        const fs::path given = fs::absolute(m_path, ec);
+        const fs::path real = fs::canonical(given, ec);
+        m_watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        for (const fs::path& p : {given, ec ? given : real}) {
+            m_watchedNames.push_back(p.filename().string());
+            constexpr std::uint32_t kEvents = IN_MODIFY | IN_ATTRIB | IN_CREATE | IN_DELETE |
+                                              IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF |
+                                              IN_MOVE_SELF;
+            if (m_watch >= 0 &&
+                ::inotify_add_watch(m_watch, p.parent_path().c_str(), kEvents) < 0) {
+                ::close(m_watch);
+                m_watch = -1;
+            }
+        }
+        return true;
     }
+    if (m_watch < 0) {
+        return true;
+    }
+    const auto ours = [this](std::string_view what) {
+        for (const std::string& name : m_watchedNames) {
+            if (what == name || (what.starts_with(name) && what.substr(name.size()) == "-wal")) {
+                return true;
+            }
+        }
+        return false;
+    };
+    bool touched = false;
+    alignas(inotify_event) char buffer[4096];
+    for (;;) {
+        const ssize_t n = ::read(m_watch, buffer, sizeof buffer);
+        if (n <= 0) {
+            // Drained (EAGAIN); anything else and the notification cannot be trusted any more.
+            return touched || !(n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK));
+        }
+        for (ssize_t at = 0; at < n;) {
+            const auto* e = reinterpret_cast<const inotify_event*>(buffer + at);
+            // The shared-memory index (-shm) is written through a mapping, which tells nothing;
+            // the database and its log are written with write(), which does.
+            const std::string_view what = e->len > 0 ? std::string_view(e->name) : "";
+            touched = touched || e->len == 0 || ours(what);
+            at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
+        }
+    }
+#else
+    return true;
 #endif
-    return mark;
 }
 
 std::optional<std::uint64_t> SqliteStore::changeCount() {
     std::lock_guard lock(m_mutex);
-    followFile();
-    // Asking SQLite takes a read transaction: file locks and a statement, twice a second for as
-    // long as the kiosk is idle, most of what an idle engine costs. Another program's commit
-    // writes the write-ahead log (or, in another journal mode, the database file), which shows
-    // in its size or change time; a file looked at alone cannot tell two writes apart within
-    // the file system's clock tick, so SQLite is still asked every kFullLookSeconds.
+    // Asking SQLite takes a read transaction (file locks, a statement) and following the file a
+    // look up of its path: twice a second for as long as the kiosk is idle, that was most of
+    // what an idle engine cost. Another program's commit writes the write-ahead log (or, in
+    // another journal mode, the database file), and replacing or deleting the store changes
+    // its directory: the file system tells of both. Where it cannot, or should it miss
+    // something, SQLite is still asked every kFullLookSeconds.
     const auto now = std::chrono::steady_clock::now();
-    const FileMark mark = fileMark();
-#ifndef _WIN32
-    if (mark == m_lastMark && now < m_nextFullLook) {
+    if (!filesTouched() && now < m_nextFullLook && m_db != nullptr) {
         return m_changes;
     }
-#endif
-    m_lastMark = mark;
+    followFile();
     m_nextFullLook = now + std::chrono::seconds(kFullLookSeconds);
     Reset reset{m_dataVersion};
     if (sqlite3_step(m_dataVersion) != SQLITE_ROW) {

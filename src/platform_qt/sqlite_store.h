@@ -4,6 +4,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "engine/platform/settings_store.h"
 
@@ -84,14 +85,9 @@ private:
     void closeAll();
     // Reopens when the file at the path is no longer the one open. Throws StoreError.
     void followFile();
-    // What the file system tells of the last writes to the store: the size, change times and
-    // inode of the database file and of its write-ahead log.
-    struct FileMark {
-        long long dbSize = -1, dbModifiedNs = -1, dbChangedNs = -1;
-        long long walSize = -1, walModifiedNs = -1, walChangedNs = -1, walInode = -1;
-        bool operator==(const FileMark&) const = default;
-    };
-    FileMark fileMark() const;
+    // Whether the store's files may have been written, replaced or deleted since the last
+    // call: true unless the file system's change notification says they were not.
+    bool filesTouched();
     void notice(const std::string& message);
     void exec(const char* sql);
     sqlite3_stmt* prepare(const char* sql);
@@ -107,11 +103,12 @@ private:
     // Counts this object's writes and opens and the other connections' commits it has seen.
     std::uint64_t m_changes = 0;
     long long m_lastDataVersion = -1;
-    // The files as the last full look at data_version found them, and when the next full look
-    // is due whatever the files tell.
-    FileMark m_lastMark;
-    FileMark m_dbMark;
+    // When the next look at data_version is due whatever the files tell, and the change
+    // notification on the store's directory (-1: none yet, or none to be had).
     std::chrono::steady_clock::time_point m_nextFullLook{};
+    int m_watch = -1;
+    bool m_watchTried = false;
+    std::vector<std::string> m_watchedNames;  // the store's file names in those directories
     // The identity (device, inode) of the file open.
     unsigned long long m_device = 0;
     unsigned long long m_inode = 0;

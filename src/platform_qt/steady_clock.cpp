@@ -18,11 +18,15 @@ namespace {
 constexpr double kLongestSleepSeconds = 86400.0;
 }  // namespace
 
-double SteadyClock::secondsSinceMidnight() const {
-    // Asking for the local time reads the time zone again each time (a look at /etc/localtime),
-    // and every step of a wait asks: paying, that was a tenth of the engine's processor time.
-    // The zone's offset from UTC is taken once a minute instead, which is how late a change of
-    // zone or of summer time shows. Kept per thread, so threads sharing the clock need no lock.
+namespace {
+
+// Milliseconds of local time since 1970: the system clock plus the zone's offset from UTC.
+// Asking the C library for the local time reads the time zone again each time (a look at
+// /etc/localtime); every step of a wait and every heartbeat asks, and paying that was a tenth
+// of the engine's processor time. The offset is taken once a minute instead, which is how late
+// a change of zone or of summer time shows. Kept per thread, so threads sharing a clock need no
+// lock.
+std::int64_t localMs() {
     struct Offset {
         std::chrono::steady_clock::time_point until{};
         std::int64_t seconds = 0;
@@ -33,11 +37,18 @@ double SteadyClock::secondsSinceMidnight() const {
         offset.seconds = QDateTime::currentDateTime().offsetFromUtc();
         offset.until = steadyNow + std::chrono::minutes(1);
     }
-    const std::int64_t ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                                std::chrono::system_clock::now().time_since_epoch())
-                                .count() +
-                            offset.seconds * 1000;
-    constexpr std::int64_t kMsPerDay = 86400LL * 1000;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+               .count() +
+           offset.seconds * 1000;
+}
+
+constexpr std::int64_t kMsPerDay = 86400LL * 1000;
+
+}  // namespace
+
+double SteadyClock::secondsSinceMidnight() const {
+    const std::int64_t ms = localMs();
     return static_cast<double>(((ms % kMsPerDay) + kMsPerDay) % kMsPerDay) / 1000.0;
 }
 
@@ -56,9 +67,10 @@ double SteadyClock::elapsedSeconds() const {
 }
 
 LocalDateTime SteadyClock::now() const {
-    const QDateTime t = QDateTime::currentDateTime();
-    const QDate d = t.date();
-    const QTime tm = t.time();
+    const std::int64_t ms = localMs();
+    const std::int64_t day = (ms >= 0 ? ms : ms - kMsPerDay + 1) / kMsPerDay;
+    const QDate d = QDate(1970, 1, 1).addDays(day);
+    const QTime tm = QTime::fromMSecsSinceStartOfDay(static_cast<int>(ms - day * kMsPerDay));
     return LocalDateTime{d.year(), d.month(), d.day(), tm.hour(), tm.minute(), tm.second()};
 }
 

@@ -37,9 +37,10 @@ public:
     // mailbox on a tick that finds nothing asked.
     virtual std::vector<Entry> list(std::string_view app, std::string_view section = {}) = 0;
     // A number that is different whenever anything in the store may have changed since it was
-    // last returned: at once for a write through this object; for one by another connection or
-    // process as soon as the store can tell (SQLite: at the next call in practice, a few seconds
-    // later at worst), and perhaps not at all when that write changed nothing.
+    // last returned: at once for a write through this object (a write that goes through moves
+    // it by exactly one); for one by another connection or process as soon as the store can
+    // tell (SQLite: at the next call in practice, a few seconds later at worst), and perhaps not
+    // at all when that write changed nothing.
     // Nothing when the store cannot tell cheaply. Lets the monitor skip reading a mailbox it
     // already knows. Throws StoreError.
     virtual std::optional<std::uint64_t> changeCount() { return std::nullopt; }
