@@ -15,16 +15,17 @@ namespace {
 // The simulator's links are pseudo-terminals that the port opens like any serial device (bytes
 // both ways and the read quantum are what every engine run on them relies on). Port 7 is its
 // MDB link.
-struct PortFixture : ::testing::Test {
+struct SimulatedPort {
     sim::MemoryStore store;
     sim::PtyKiosk device{test::makeTempDir("ksx-port")};
     QtSerialPort port{storePortResolver(store)};
 
-    void SetUp() override {
+    SimulatedPort() {
         device.start();
         store.set(store::kApp, store::section::kPorts, "7", device.path("mdb"));
     }
 };
+struct PortFixture : ::testing::Test, SimulatedPort {};
 
 TEST(QtSerialPortMapping, NumbersMapToDevices) {
     EXPECT_EQ(defaultPortDevice(0), "");
@@ -77,13 +78,10 @@ TEST_F(PortFixture, ReopeningClosesFirstAndABusyPortCannotBeOpenedTwice) {
 TEST(QtSerialPort, AVanishedDeviceClosesThePort) {
     for (const bool byRead : {true, false}) {
         SCOPED_TRACE(byRead ? "found by a read" : "found by the event loop");
-        sim::MemoryStore store;
-        sim::PtyKiosk device(test::makeTempDir("ksx-port"));
-        device.start();
-        store.set(store::kApp, store::section::kPorts, "7", device.path("mdb"));
-        QtSerialPort port(storePortResolver(store));
+        SimulatedPort rig;
+        QtSerialPort& port = rig.port;
         port.open(7, "9600,N,8,1");
-        device.stop();
+        rig.device.stop();
         int reported = 0;
         for (int i = 0; i < (byRead ? 50 : 500) && port.isOpen(); ++i) {
             if (!byRead) {

@@ -16,6 +16,7 @@ namespace kestrix::qt {
 namespace {
 
 namespace jk = journal_kind;
+using namespace std::chrono_literals;
 
 JournalEntry row(std::string_view kind, std::int64_t payment = 0, std::int64_t minor = 0,
                  std::string detail = {}) {
@@ -33,12 +34,6 @@ std::vector<std::string> describe(const std::vector<JournalRecord>& rows) {
         out.push_back(std::to_string(r.paymentId) + " " + r.kind);
     }
     return out;
-}
-
-std::int64_t nowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
 }
 
 TEST(SqliteJournal, FileBesideTheStorePrivateAndRowsKeptAcrossRestarts) {
@@ -105,9 +100,11 @@ TEST(SqliteJournal, RecoveryRowsAndRetentionFollowThePendingPayments) {
     EXPECT_EQ(describe(journal.recoveryRows()), expected);
     EXPECT_EQ(describe(memory.recoveryRows()), expected);
 
-    const std::int64_t day = 24LL * 3600 * 1000;
-    EXPECT_EQ(journal.prune(nowMs() + 29 * day), 0);
-    EXPECT_EQ(journal.prune(nowMs() + 31 * day), 10) << "all but payments 2 and 3";
+    const auto msIn = [](std::chrono::hours h) {
+        return (std::chrono::system_clock::now() + h).time_since_epoch() / 1ms;
+    };
+    EXPECT_EQ(journal.prune(msIn(29 * 24h)), 0);
+    EXPECT_EQ(journal.prune(msIn(31 * 24h)), 10) << "all but payments 2 and 3";
     EXPECT_EQ(describe(journal.rows({})),
               (std::vector<std::string>{"2 payment start", "2 credit", "3 payment start",
                                         "3 payment interrupted", "3 restart report"}));

@@ -95,17 +95,11 @@ TEST(SqliteStore, AStoreDeletedOrReplacedWhileInUseIsNoticedAndFollowed) {
 
     std::filesystem::remove(path);
     EXPECT_EQ(engine.get("KSX", "Status", "Credit", "none"), "none") << "a new, empty store";
-    {
-        SqliteStore host(path);
-        host.set("KSX", "Status", "Due", "7");
-    }
+    SqliteStore(path).set("KSX", "Status", "Due", "7");  // the host, in a connection of its own
     EXPECT_EQ(engine.get("KSX", "Status", "Due"), "7");
 
     const std::string replacement = path + ".new";
-    {
-        SqliteStore host(replacement);
-        host.set("KSX", "Status", "Due", "12");
-    }
+    SqliteStore(replacement).set("KSX", "Status", "Due", "12");
     std::filesystem::rename(replacement, path);
     EXPECT_EQ(engine.get("KSX", "Status", "Due"), "12");
     engine.set("KSX", "Status", "Credit", "12");

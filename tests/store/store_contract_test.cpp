@@ -4,6 +4,8 @@
 // one store holds for all.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -117,15 +119,6 @@ std::vector<Implementation> implementations() {
     return all;
 }
 
-std::string lowerAscii(std::string s) {
-    for (char& c : s) {
-        if (c >= 'A' && c <= 'Z') {
-            c = static_cast<char>(c - 'A' + 'a');
-        }
-    }
-    return s;
-}
-
 std::string names(const std::vector<SettingsStore::Entry>& entries) {
     std::string text;
     for (const auto& e : entries) {
@@ -177,7 +170,10 @@ TEST_P(StoreContract, ApplicationsAndSectionsAreSeparate) {
 // written is the one kept.
 TEST_P(StoreContract, NamesIgnoreAsciiCaseAndKeepTheirFirstSpelling) {
     store().set(app(), "Status", "Due", "1");
-    store().set(lowerAscii(app()), "STATUS", "due", "2");
+    std::string lowerApp = app();
+    std::transform(lowerApp.begin(), lowerApp.end(), lowerApp.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    store().set(lowerApp, "STATUS", "due", "2");
     EXPECT_EQ(store().get(app(), "status", "DUE"), "2");
     EXPECT_EQ(names(store().list(app())), "Status/Due=2;");
     EXPECT_EQ(names(store().list(app(), "sTaTuS")), "Status/Due=2;");
