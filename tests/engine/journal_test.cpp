@@ -29,8 +29,15 @@ public:
         m_rows.push_back(std::move(r));
         return *this;
     }
-    // A run that was started and died.
-    Rows& crashedRun() { return add(jk::kEngineStart, 0, "engine"); }
+    // A run of the engine (one that died unless an engine end row follows) and a payment in it.
+    static Rows payment(std::int64_t id, std::string device, std::int64_t minor, std::string kind,
+                        std::string requester = "host") {
+        Rows r;
+        r.add(jk::kEngineStart, 0, "engine");
+        r.add(jk::kPaymentStart, id, std::move(device), minor, std::move(kind),
+              std::move(requester));
+        return r;
+    }
     const std::vector<JournalRecord>& rows() const { return m_rows; }
 
 private:
@@ -60,56 +67,42 @@ TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
     };
     const std::vector<Case> cases = {
         {"a cash payment dies while accepting: its credit is owed",
-         Rows()
-             .crashedRun()
-             .add(jk::kPaymentStart, 7, "", 1250, "cash", "host")
+         Rows::payment(7, "", 1250, "cash")
              .add(jk::kCredit, 7, "changer", 500, "", "", "54")
              .add(jk::kCredit, 7, "validator", 2000),
          {"Insert Coins or Bills...", "12.5", "0", ""},
          {"payment interrupted", "restart report"},
          "request=Due asked=12.5 outcome=paid credit=25 paid=0 unknown=0"},
         {"change partly paid, the rest never asked",
-         Rows()
-             .crashedRun()
-             .add(jk::kPaymentStart, 10, "", 20000, "change", "host")
+         Rows::payment(10, "", 20000, "change")
              .add(jk::kPayoutAsked, 10, "tubes", 20000)
              .add(jk::kPayoutConfirmed, 10, "tubes", 12000),
          {"Dispensing change...", "0", "0", "200"},
          {"payment interrupted", "restart report"},
          "request=Change asked=200 outcome=partly paid credit=0 paid=120 unknown=0"},
         {"a card sale without a result: nobody knows whether the card was charged",
-         Rows().crashedRun().add(jk::kPaymentStart, 11, "pinpad", 2500, "card", "host"),
+         Rows::payment(11, "pinpad", 2500, "card"),
          {"PROCESSING...", "0", "25", ""},
          {"payment interrupted", "restart report"},
          "request=DueCC asked=25 outcome=unknown credit=0 paid=0 unknown=0"},
         {"an approved sale the host never saw end",
-         Rows()
-             .crashedRun()
-             .add(jk::kPaymentStart, 12, "pinpad", 2500, "card", "host")
+         Rows::payment(12, "pinpad", 2500, "card")
              .add(jk::kCardResult, 12, "pinpad", 2500, "approved, card 411111******1111"),
          {"Credit Card Approved", "0", "25", ""},
          {"payment interrupted", "restart report"},
          "request=DueCC asked=25 outcome=paid credit=25 paid=0 unknown=0"},
         {"a payout asked and never confirmed is unknown, with its device and amount",
-         Rows()
-             .crashedRun()
-             .add(jk::kPaymentStart, 3, "", 1000, "change", "host")
-             .add(jk::kPayoutAsked, 3, "hopper2", 300),
+         Rows::payment(3, "", 1000, "change").add(jk::kPayoutAsked, 3, "hopper2", 300),
          {"", "0", "0", ""},
          {"payout unknown hopper2 3 #3", "payment interrupted", "restart report"},
          "request=Change asked=10 outcome=unknown credit=0 paid=0 unknown=3"},
         {"the operator's own payment is closed but not put before the host",
-         Rows()
-             .crashedRun()
-             .add(jk::kPaymentStart, 13, "", 500, "cash", "operator")
-             .add(jk::kCredit, 13, "changer", 100),
+         Rows::payment(13, "", 500, "cash", "operator").add(jk::kCredit, 13, "changer", 100),
          {"", "0", "0", ""},
          {"payment interrupted"},
          ""},
         {"ended, but the engine died before the mailbox showed the result",
-         Rows()
-             .crashedRun()
-             .add(jk::kPaymentStart, 14, "", 20000, "change", "host")
+         Rows::payment(14, "", 20000, "change")
              .add(jk::kPayoutAsked, 14, "tubes", 20000)
              .add(jk::kPayoutConfirmed, 14, "tubes", 20000)
              .add(jk::kPaymentEnd, 14, "engine", 0, "Change dispensed"),
@@ -117,44 +110,34 @@ TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
          {"restart report"},
          "request=Change asked=200 outcome=paid credit=0 paid=200 unknown=0"},
         {"ended and shown, but the reset may wipe it before the host reads it",
-         Rows()
-             .crashedRun()
-             .add(jk::kPaymentStart, 15, "", 500, "cash", "host")
+         Rows::payment(15, "", 500, "cash")
              .add(jk::kCredit, 15, "changer", 500)
              .add(jk::kPaymentEnd, 15, "engine", 500, "Payment Completed; change 0; unpaid 0"),
          {"Payment Completed", "0", "0", ""},
          {"restart report"},
          "request=Due asked=5 outcome=paid credit=5 paid=0 unknown=0"},
         {"ended, and the host has blanked Status for its next request",
-         Rows()
-             .crashedRun()
-             .add(jk::kPaymentStart, 16, "", 500, "cash", "host")
+         Rows::payment(16, "", 500, "cash")
              .add(jk::kPaymentEnd, 16, "engine", 0, "Transaction Cancelled"),
          {"", "5", "0", ""},
          {},
          ""},
         {"a card's end before the mailbox showed it",
-         Rows()
-             .crashedRun()
-             .add(jk::kPaymentStart, 17, "pinpad", 2500, "card", "host")
+         Rows::payment(17, "pinpad", 2500, "card")
              .add(jk::kCardResult, 17, "pinpad", 2500, "denied, card 411111******1111")
              .add(jk::kPaymentEnd, 17, "pinpad", 0, "Credit Card Denied"),
          {"PROCESSING...", "0", "25", ""},
          {"restart report"},
          "request=DueCC asked=25 outcome=not paid credit=0 paid=0 unknown=0"},
         {"after a clean shutdown an ended payment is never reported",
-         Rows()
-             .add(jk::kEngineStart, 0, "engine")
-             .add(jk::kPaymentStart, 18, "", 500, "change", "host")
+         Rows::payment(18, "", 500, "change")
              .add(jk::kPaymentEnd, 18, "engine", 0, "Dispensing change...")
              .add(jk::kEngineEnd, 0, "engine"),
          {"", "0", "0", ""},
          {},
          ""},
         {"a report not yet acknowledged is published again, nothing appended",
-         Rows()
-             .add(jk::kEngineStart, 0, "engine")
-             .add(jk::kPaymentStart, 19, "", 20000, "change", "host")
+         Rows::payment(19, "", 20000, "change")
              .add(jk::kPayoutAsked, 19, "tubes", 20000)
              .add(jk::kPaymentInterrupted, 19, "engine")
              .add(jk::kPayoutUnknown, 19, "tubes", 20000)
@@ -164,9 +147,7 @@ TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
          {},
          "request=Change asked=200 outcome=unknown credit=0 paid=0 unknown=200"},
         {"an acknowledged report is over",
-         Rows()
-             .crashedRun()
-             .add(jk::kPaymentStart, 20, "", 500, "cash", "host")
+         Rows::payment(20, "", 500, "cash")
              .add(jk::kPaymentInterrupted, 20, "engine")
              .add(jk::kRestartReport, 20, "engine")
              .add(jk::kReportAcknowledged, 20, "engine"),
