@@ -33,12 +33,8 @@ int onLoopback(int port, bool connect) {
 
 }  // namespace
 
-int freePort() {
-    return onLoopback(0, false);
-}
-
 Broker::Broker(int port, const Tls* tls, const std::string& user, const std::string& password)
-    : m_dir(makeTempDir("ksx-broker")), m_port(port != 0 ? port : freePort()) {
+    : m_dir(makeTempDir("ksx-broker")), m_port(port != 0 ? port : onLoopback(0, false)) {
     const passwd* me = ::getpwuid(::getuid());
     std::ofstream conf(m_dir + "/mosquitto.conf");
     // As root, mosquitto would drop to a "mosquitto" user that cannot read the test's files.
@@ -48,7 +44,7 @@ Broker::Broker(int port, const Tls* tls, const std::string& user, const std::str
          << "listener " << m_port << " 127.0.0.1\n"
          << "allow_anonymous true\n";
     if (tls != nullptr) {
-        m_tlsPort = freePort();
+        m_tlsPort = onLoopback(0, false);  // a port nobody listens on just now
         const std::string passwordFile = m_dir + "/passwords";
         const RunResult r =
             run("/usr/bin/mosquitto_passwd", {"-b", "-c", passwordFile, user, password});

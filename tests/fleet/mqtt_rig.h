@@ -14,9 +14,6 @@
 
 namespace kestrix::test {
 
-// A TCP port nobody listens on just now.
-int freePort();
-
 // A mosquitto broker on a port of its own, killed with the test.
 class Broker {
 public:
