@@ -286,8 +286,15 @@ TEST(FleetTable, OneLinePerKioskFromTheRetainedStates) {
         publisherFor(configFor("127.0.0.1", broker.port(), "north"), northJournal, dir + "/n");
     fleet::Publisher south =
         publisherFor(configFor("127.0.0.1", broker.port(), "south"), southJournal, dir + "/s");
-    north.view().noteField({.name = "tubesAmount", .kind = FieldKind::TextBox, .text = "320"});
-    south.view().noteField({.name = "bdCasetteStatus", .kind = FieldKind::TextBox, .text = "LOW"});
+    const auto textBox = [](const char* name, const char* text) {
+        Field f;
+        f.name = name;
+        f.kind = FieldKind::TextBox;
+        f.text = text;
+        return f;
+    };
+    north.view().noteField(textBox("tubesAmount", "320"));
+    south.view().noteField(textBox("bdCasetteStatus", "LOW"));
     // Faults from before the start, each device's latest row telling whether one is still open,
     // and one that comes as an event.
     for (const auto& [kind, device, detail] : {
