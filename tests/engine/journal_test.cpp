@@ -61,44 +61,42 @@ TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
     struct Case {
         const char* name;
         Rows rows;
-        MailboxBefore before;
-        std::vector<std::string> appended;
-        std::string report;  // the first report's detail, "" for none
+        std::vector<std::string> appended = {};
+        std::string report = {};  // the first report's detail, "" for none
+        MailboxBefore before = {"", "0", "0", ""};
     };
     const std::vector<Case> cases = {
         {"a cash payment dies while accepting: its credit is owed",
          Rows::payment(7, "", 1250, "cash")
              .add(jk::kCredit, 7, "changer", 500, "", "", "54")
              .add(jk::kCredit, 7, "validator", 2000),
-         {"Insert Coins or Bills...", "12.5", "0", ""},
          {"payment interrupted", "restart report"},
-         "request=Due asked=12.5 outcome=paid credit=25 paid=0 unknown=0"},
+         "request=Due asked=12.5 outcome=paid credit=25 paid=0 unknown=0",
+         {"Insert Coins or Bills...", "12.5", "0", ""}},
         {"change partly paid, the rest never asked",
          Rows::payment(10, "", 20000, "change")
              .add(jk::kPayoutAsked, 10, "tubes", 20000)
              .add(jk::kPayoutConfirmed, 10, "tubes", 12000),
-         {"Dispensing change...", "0", "0", "200"},
          {"payment interrupted", "restart report"},
-         "request=Change asked=200 outcome=partly paid credit=0 paid=120 unknown=0"},
+         "request=Change asked=200 outcome=partly paid credit=0 paid=120 unknown=0",
+         {"Dispensing change...", "0", "0", "200"}},
         {"a card sale without a result: nobody knows whether the card was charged",
          Rows::payment(11, "pinpad", 2500, "card"),
-         {"PROCESSING...", "0", "25", ""},
          {"payment interrupted", "restart report"},
-         "request=DueCC asked=25 outcome=unknown credit=0 paid=0 unknown=0"},
+         "request=DueCC asked=25 outcome=unknown credit=0 paid=0 unknown=0",
+         {"PROCESSING...", "0", "25", ""}},
         {"an approved sale the host never saw end",
          Rows::payment(12, "pinpad", 2500, "card")
              .add(jk::kCardResult, 12, "pinpad", 2500, "approved, card 411111******1111"),
-         {"Credit Card Approved", "0", "25", ""},
          {"payment interrupted", "restart report"},
-         "request=DueCC asked=25 outcome=paid credit=25 paid=0 unknown=0"},
+         "request=DueCC asked=25 outcome=paid credit=25 paid=0 unknown=0",
+         {"Credit Card Approved", "0", "25", ""}},
         {"a payout asked and never confirmed is unknown, with its device and amount",
          Rows::payment(3, "", 1000, "change").add(jk::kPayoutAsked, 3, "hopper2", 300),
-         {"", "0", "0", ""},
          {"payout unknown hopper2 3 #3", "payment interrupted", "restart report"},
          "request=Change asked=10 outcome=unknown credit=0 paid=0 unknown=3"},
         {"the operator's own payment is closed but not put before the host",
          Rows::payment(13, "", 500, "cash", "operator").add(jk::kCredit, 13, "changer", 100),
-         {"", "0", "0", ""},
          {"payment interrupted"},
          ""},
         {"ended, but the engine died before the mailbox showed the result",
@@ -106,36 +104,33 @@ TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
              .add(jk::kPayoutAsked, 14, "tubes", 20000)
              .add(jk::kPayoutConfirmed, 14, "tubes", 20000)
              .add(jk::kPaymentEnd, 14, "engine", 0, "Change dispensed"),
-         {"Dispensing change...", "0", "0", "200"},
          {"restart report"},
-         "request=Change asked=200 outcome=paid credit=0 paid=200 unknown=0"},
+         "request=Change asked=200 outcome=paid credit=0 paid=200 unknown=0",
+         {"Dispensing change...", "0", "0", "200"}},
         {"ended and shown, but the reset may wipe it before the host reads it",
          Rows::payment(15, "", 500, "cash")
              .add(jk::kCredit, 15, "changer", 500)
              .add(jk::kPaymentEnd, 15, "engine", 500, "Payment Completed; change 0; unpaid 0"),
-         {"Payment Completed", "0", "0", ""},
          {"restart report"},
-         "request=Due asked=5 outcome=paid credit=5 paid=0 unknown=0"},
+         "request=Due asked=5 outcome=paid credit=5 paid=0 unknown=0",
+         {"Payment Completed", "0", "0", ""}},
         {"ended, and the host has blanked Status for its next request",
          Rows::payment(16, "", 500, "cash")
              .add(jk::kPaymentEnd, 16, "engine", 0, "Transaction Cancelled"),
-         {"", "5", "0", ""},
          {},
-         ""},
+         "",
+         {"", "5", "0", ""}},
         {"a card's end before the mailbox showed it",
          Rows::payment(17, "pinpad", 2500, "card")
              .add(jk::kCardResult, 17, "pinpad", 2500, "denied, card 411111******1111")
              .add(jk::kPaymentEnd, 17, "pinpad", 0, "Credit Card Denied"),
-         {"PROCESSING...", "0", "25", ""},
          {"restart report"},
-         "request=DueCC asked=25 outcome=not paid credit=0 paid=0 unknown=0"},
+         "request=DueCC asked=25 outcome=not paid credit=0 paid=0 unknown=0",
+         {"PROCESSING...", "0", "25", ""}},
         {"after a clean shutdown an ended payment is never reported",
          Rows::payment(18, "", 500, "change")
              .add(jk::kPaymentEnd, 18, "engine", 0, "Dispensing change...")
-             .add(jk::kEngineEnd, 0, "engine"),
-         {"", "0", "0", ""},
-         {},
-         ""},
+             .add(jk::kEngineEnd, 0, "engine")},
         {"a report not yet acknowledged is published again, nothing appended",
          Rows::payment(19, "", 20000, "change")
              .add(jk::kPayoutAsked, 19, "tubes", 20000)
@@ -143,17 +138,12 @@ TEST(Recovery, ClosesUnfinishedPaymentsAndReportsWhatTheHostAsked) {
              .add(jk::kPayoutUnknown, 19, "tubes", 20000)
              .add(jk::kRestartReport, 19, "engine")
              .add(jk::kEngineEnd, 0, "engine"),
-         {"", "0", "0", ""},
          {},
          "request=Change asked=200 outcome=unknown credit=0 paid=0 unknown=200"},
-        {"an acknowledged report is over",
-         Rows::payment(20, "", 500, "cash")
-             .add(jk::kPaymentInterrupted, 20, "engine")
-             .add(jk::kRestartReport, 20, "engine")
-             .add(jk::kReportAcknowledged, 20, "engine"),
-         {"", "0", "0", ""},
-         {},
-         ""},
+        {"an acknowledged report is over", Rows::payment(20, "", 500, "cash")
+                                               .add(jk::kPaymentInterrupted, 20, "engine")
+                                               .add(jk::kRestartReport, 20, "engine")
+                                               .add(jk::kReportAcknowledged, 20, "engine")},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

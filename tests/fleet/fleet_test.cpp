@@ -68,13 +68,11 @@ bool markedOnline(Subscriber& sub, const std::string& kiosk, bool online,
         .has_value();
 }
 
-JournalEntry paymentEnd(std::int64_t creditMinor, const std::string& detail = "Payment Completed") {
-    JournalEntry r;
-    r.kind = journal_kind::kPaymentEnd;
-    r.paymentId = creditMinor;
-    r.amount = Money::fromMinor(creditMinor);
-    r.detail = detail;
-    return r;
+JournalEntry paymentEnd(std::int64_t creditMinor) {
+    return {.kind = journal_kind::kPaymentEnd,
+            .paymentId = creditMinor,
+            .amount = Money::fromMinor(creditMinor),
+            .detail = "Payment Completed"};
 }
 
 // The sequence numbers of the events received, in order of arrival, each once.

@@ -73,11 +73,7 @@ TEST(SteadyClock, TimeOfDayAndSleep) {
             EXPECT_NEAR(seconds, now.hour * 3600.0 + now.minute * 60.0 + now.second, 2.0);
         }
     }).join();
-    if (zone.isNull()) {
-        qunsetenv("TZ");
-    } else {
-        qputenv("TZ", zone);
-    }
+    zone.isNull() ? qunsetenv("TZ") : qputenv("TZ", zone);
 
     const auto start = Steady::now();
     clock.sleep(0.05);

@@ -20,12 +20,8 @@ using namespace std::chrono_literals;
 
 JournalEntry row(std::string_view kind, std::int64_t payment = 0, std::int64_t minor = 0,
                  std::string detail = {}) {
-    JournalEntry e;
-    e.kind = kind;
-    e.paymentId = payment;
-    e.amount = Money::fromMinor(minor);
-    e.detail = std::move(detail);
-    return e;
+    return {
+        .kind = kind, .paymentId = payment, .amount = Money::fromMinor(minor), .detail = detail};
 }
 
 std::vector<std::string> describe(const std::vector<JournalRecord>& rows) {
