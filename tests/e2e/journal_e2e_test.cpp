@@ -29,8 +29,7 @@ int occurrences(const std::string& text, const std::string& what) {
 // What a technician and support read: the rows of one payment, rows since a point, and the
 // money per device since the cash box was last emptied.
 TEST(KsxctlJournal, RowsByPaymentAndSinceAndTotalsUntilTheCashBoxIsEmptied) {
-    const std::string dir = test::makeTempDir("ksx-journal");
-    const std::string store = dir + "/KSX.db";
+    const std::string store = test::makeTempDir("ksx-journal") + "/KSX.db";
     {
         qt::SqliteJournal journal(qt::journalPathFor(store), qt::SqliteJournal::Mode::Engine);
         for (const JournalEntry& e : {

@@ -26,11 +26,6 @@ namespace {
 using namespace std::chrono_literals;
 using Values = std::vector<std::pair<std::string, std::string>>;  // "Section/Key", value
 
-test::RunResult ksxctl(const std::vector<std::string>& args,
-                       const std::vector<std::string>& env = {}) {
-    return test::run(test::ksxctlBinary(), args, env, 60s);
-}
-
 // A store with the test playing the engine's part of the mailbox: it holds the engine's lock, so
 // ksxctl takes it for a running engine.
 struct Mailbox {
@@ -151,7 +146,8 @@ TEST(Ksxctl, CommandsExitStatusMessageAndWhatTheyWrite) {
             box.engine.unlock();
         }
         const std::vector<std::string> before = box.everything();
-        const test::RunResult r = ksxctl(row.args, {"KSX_STORE=" + box.store});
+        const test::RunResult r =
+            test::run(test::ksxctlBinary(), row.args, {"KSX_STORE=" + box.store}, 60s);
         EXPECT_EQ(r.status, row.status) << r.out << r.err;
         EXPECT_NE((r.out + r.err).find(row.says), std::string::npos) << r.out << r.err;
         if (row.status == 2 || row.status == 3) {
