@@ -79,24 +79,23 @@ TEST(QtSerialPort, AVanishedDeviceClosesThePort) {
     for (const bool byRead : {true, false}) {
         SCOPED_TRACE(byRead ? "found by a read" : "found by the event loop");
         SimulatedPort rig;
-        QtSerialPort& port = rig.port;
-        port.open(7, "9600,N,8,1");
+        rig.port.open(7, "9600,N,8,1");
         rig.device.stop();
         int reported = 0;
-        for (int i = 0; i < (byRead ? 50 : 500) && port.isOpen(); ++i) {
+        for (int i = 0; i < (byRead ? 50 : 500) && rig.port.isOpen(); ++i) {
             if (!byRead) {
                 QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
                 continue;
             }
             try {
-                port.read();
+                rig.port.read();
             } catch (const PortError&) {
                 ++reported;
             }
         }
         EXPECT_EQ(reported, byRead ? 1 : 0);
-        EXPECT_FALSE(port.isOpen());
-        EXPECT_THROW(port.write("x"), PortError);
+        EXPECT_FALSE(rig.port.isOpen());
+        EXPECT_THROW(rig.port.write("x"), PortError);
     }
 }
 
