@@ -193,7 +193,6 @@ double runCell(const Row& row, Phase phase) {
     EXPECT_EQ(ksxError, portGone ? "1" : "0") << "KSX_Error tells whether a port went";
     EXPECT_FALSE(k.engine().ended());
 
-    // The books of the payment.
     const double credited = k.journalSum(journalFrom, journal_kind::kCredit);
     const double reported = leadingNumber(k.mailbox(mb::kChangeDispensed));
     const double unknown = k.journalSum(journalFrom, journal_kind::kPayoutUnknown);

@@ -51,7 +51,6 @@ const Trouble kTroubles[] = {
     {"tube top-up", 4, ""},
 };
 
-// Every fault switch of every device, off.
 void allFaultsOff(sim::VirtualKiosk& v) {
     for (const std::string& device : v.models().deviceNames()) {
         std::istringstream faults(v.control("faults " + device).text);
