@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -80,7 +79,6 @@ struct HopperRig : test::Kiosk {
         });
     }
     sim::Hopper& hopper(int n) { return hoppers().hopper(n); }
-    sim::VirtualSerialPort& port() { return hoppersPort(); }
 
     // Pays `amount` through the console's button routine; returns hDispensed.
     std::string dispense(const std::string& amount) {
@@ -90,7 +88,7 @@ struct HopperRig : test::Kiosk {
     }
     int dispenseCommandsSent(int address) {
         int n = 0;
-        const std::string& w = port().written();
+        const std::string& w = hoppersPort().written();
         for (std::size_t i = 0; i + 4 < w.size(); i += static_cast<unsigned char>(w[i + 1]) + 5U) {
             n += static_cast<unsigned char>(w[i]) == address &&
                  static_cast<unsigned char>(w[i + 3]) == cctalk::header::kDispenseHopperCoins;
@@ -197,19 +195,19 @@ TEST(Hoppers, LinkFaultsPayNothingAndDoNotHang) {
     EXPECT_LT(silent.now() - before, 5.0);
 
     HopperRig gone;  // the port fails on its next use and closes
-    gone.port().unplug();
+    gone.hoppersPort().unplug();
     EXPECT_EQ(gone.dispense("13"), "0");
     EXPECT_TRUE(gone.buttonStates.back());
-    gone.port().plugIn();  // closed now: opened once more on the configured port
+    gone.hoppersPort().plugIn();  // closed now: opened once more on the configured port
     EXPECT_EQ(gone.dispense("5"), "5");
-    gone.port().close();
+    gone.hoppersPort().close();
     gone.console().setText("comPorts2", "9");  // no such port
     EXPECT_EQ(gone.dispense("5"), "0");
 
     HopperRig encrypted("default", {{store::key::kDispenseMode, "encrypted"}});
-    encrypted.port().clearWritten();
+    encrypted.hoppersPort().clearWritten();
     EXPECT_EQ(encrypted.dispense("13"), "0");
-    EXPECT_TRUE(encrypted.port().written().empty());
+    EXPECT_TRUE(encrypted.hoppersPort().written().empty());
     EXPECT_NE(encrypted.messageBox().shown().at(0).text.find("encrypted"), std::string::npos);
 }
 

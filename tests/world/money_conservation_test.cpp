@@ -5,6 +5,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "support/kiosk.h"
 
@@ -50,21 +51,6 @@ const Trouble kTroubles[] = {
     {"tube top-up", 4, ""},
 };
 
-const Trouble& pick(std::mt19937& rng) {
-    int total = 0;
-    for (const Trouble& t : kTroubles) {
-        total += t.weight;
-    }
-    int r = std::uniform_int_distribution<int>(0, total - 1)(rng);
-    for (const Trouble& t : kTroubles) {
-        if ((r -= t.weight) < 0) {
-            return t;
-        }
-    }
-    return kTroubles[0];
-}
-
-// Every fault switch of every device, off.
 void allFaultsOff(sim::VirtualKiosk& v) {
     for (const std::string& device : v.models().deviceNames()) {
         std::istringstream faults(v.control("faults " + device).text);
@@ -86,6 +72,11 @@ int paymentCount() {
 // owed and not paid back included (a refund that pays too little is recorded, never silent).
 TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
     std::mt19937 rng(20261122);
+    std::vector<int> weights;
+    for (const Trouble& t : kTroubles) {
+        weights.push_back(t.weight);
+    }
+    std::discrete_distribution<std::size_t> pick(weights.begin(), weights.end());
     const auto chance = [&rng](int lo, int hi) {
         return std::uniform_int_distribution<int>(lo, hi)(rng);
     };
@@ -96,21 +87,21 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
     const int payments = paymentCount();
 
     for (int i = 0; i < payments && failures < 5; ++i) {
-        const Trouble& picked = pick(rng);
+        const Trouble& picked = kTroubles[pick(rng)];
         const std::string& trouble = picked.name;
-        k.kiosk().clock().setDeadline(k.now() + 3600);  // a wait for ever fails the payment
-        allFaultsOff(k.kiosk());
-        k.kiosk().store().setWritesRefused(false);
+        k.clock().setDeadline(k.now() + 3600);  // a wait for ever fails the payment
+        allFaultsOff(k);
+        k.store().setWritesRefused(false);
         for (int type = 1; type <= 5; ++type) {
-            k.kiosk().models().setTube(type, trouble == "tubes low" ? chance(0, 2) : 30);
+            k.models().setTube(type, trouble == "tubes low" ? chance(0, 2) : 30);
         }
         if (trouble == "tube top-up") {
-            k.kiosk().models().setTube(chance(1, 5), chance(0, 100));
+            k.models().setTube(chance(1, 5), chance(0, 100));
         }
-        k.kiosk().hopper1().setCoins(200);
-        k.kiosk().hopper2().setCoins(trouble == "hopper empty" ? chance(0, 3) : 200);
-        k.kiosk().dispenser().setBills(trouble == "dispenser empty" ? 0 : 100);
-        k.kiosk().validator().setFlakyMisses(1);
+        k.hopper1().setCoins(200);
+        k.hopper2().setCoins(trouble == "hopper empty" ? chance(0, 3) : 200);
+        k.dispenser().setBills(trouble == "dispenser empty" ? 0 : 100);
+        k.validator().setFlakyMisses(1);
         for (FieldName box :
              std::initializer_list<FieldName>{"CoinAcceptorEnabled", "billValidatorEnabled"}) {
             if (!k.console().checked(box)) {
@@ -118,29 +109,29 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
             }
         }
         if (!picked.fault.empty()) {
-            EXPECT_TRUE(k.kiosk().control("fault " + picked.fault + " on").ok) << picked.fault;
+            EXPECT_TRUE(k.control("fault " + picked.fault + " on").ok) << picked.fault;
         }
         // Faults that strike when the changer is asked to pay out.
         k.onPayout([&k, &trouble, &chance](int) {
             if (trouble == "cancel in payout") {
                 k.hostWrite(mb::kCancel, "1");
             } else if (trouble == "changer silent in payout") {
-                k.kiosk().control("fault changer silent on");
+                k.control("fault changer silent on");
                 k.mdbTap().at(k.now() + chance(0, 10),
-                              [&k] { k.kiosk().control("fault changer silent off"); });
+                              [&k] { k.control("fault changer silent off"); });
             } else if (trouble == "changer busy in payout") {
-                k.kiosk().control("fault changer busy-forever on");
+                k.control("fault changer busy-forever on");
             }
         });
         if (trouble == "store trouble") {
             const double from = k.now() + chance(0, 60) / 10.0;
             const double seconds = chance(1, 20);
-            k.mdbTap().at(from, [&k] { k.kiosk().store().setWritesRefused(true); });
-            k.mdbTap().at(from + seconds, [&k] { k.kiosk().store().setWritesRefused(false); });
+            k.mdbTap().at(from, [&k] { k.store().setWritesRefused(true); });
+            k.mdbTap().at(from + seconds, [&k] { k.store().setWritesRefused(false); });
         }
 
         const Till before = k.till();
-        const std::size_t journalFrom = k.kiosk().journal().rows().size();
+        const std::size_t journalFrom = k.journal().rows().size();
         const double due = 0.5 * chance(1, 300);
         std::ostringstream what;
         what << "payment " << i << " (" << trouble << "), due " << due;
@@ -159,9 +150,9 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
         int n = 0;
         for (; k.paymentRunning() && n < 60 && !(cancels && n == cancelAfter); ++n) {
             if (trouble == "validator drops out" && n == 1) {
-                k.kiosk().control("fault validator silent on");
+                k.control("fault validator silent on");
                 k.mdbTap().at(k.now() + chance(1, 6),
-                              [&k] { k.kiosk().control("fault validator silent off"); });
+                              [&k] { k.control("fault validator silent off"); });
             }
             if (trouble == "coin at cancel" && n == 2) {
                 k.kiosk().insertCoin(chance(1, 5));
@@ -183,7 +174,7 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
                 k.insertCoin(chance(1, 5));
             }
             if (trouble == "changer drops out" && n == 1) {
-                k.kiosk().control("fault changer silent on");
+                k.control("fault changer silent on");
                 break;
             }
             k.runFor(chance(1, 15) / 10.0);
@@ -196,7 +187,7 @@ TEST(MoneyConservation, RandomPaymentsWithFaultsInEveryWindowBalance) {
             ++failures;
             continue;
         }
-        k.kiosk().store().setWritesRefused(false);
+        k.store().setWritesRefused(false);
         k.runUntil([&k] { return !k.engine().storeWriter().troubled(); }, 30);
 
         const Till after = k.till();
