@@ -11,7 +11,6 @@
 #include <QTest>
 #include <QTimer>
 #include <atomic>
-#include <memory>
 
 #include "console/console_app.h"
 #include "console/indicator_lamp.h"

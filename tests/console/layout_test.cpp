@@ -5,7 +5,6 @@
 #include <QGroupBox>
 #include <QLineEdit>
 #include <QTabWidget>
-#include <memory>
 #include <vector>
 
 #include "console/console_window.h"

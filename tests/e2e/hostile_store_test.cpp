@@ -7,7 +7,6 @@
 #include <sqlite3.h>
 
 #include <chrono>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>

@@ -115,6 +115,14 @@ public:
         return store().get(store::kApp, section, key, "<missing>");
     }
     const std::string& text(FieldName field) { return console().text(field); }
+    // Several fields' texts at once, to compare with a list.
+    std::vector<std::string> texts(std::initializer_list<FieldName> fields) {
+        std::vector<std::string> out;
+        for (const FieldName f : fields) {
+            out.push_back(text(f));
+        }
+        return out;
+    }
     bool checked(FieldName field) { return console().checked(field); }
     // The texts of the message boxes shown so far.
     std::vector<std::string> shown() {

@@ -223,19 +223,12 @@ TEST(InitEquipment, ChangerAndValidatorProfiles) {
     p.validator.securityLevels = 0x00FF;
     Kiosk k(p);
     ASSERT_TRUE(k.start());
-    EXPECT_EQ(k.text("ct1_value"), "2");
-    EXPECT_EQ(k.text("ct2_value"), "5");
-    EXPECT_EQ(k.text("ct4_value"), "10");
-    // Types 1 and 3 share a value: its slots show the higher type's count.
-    EXPECT_EQ(k.text("tubeCoinType1"), "2");
-    EXPECT_EQ(k.text("tubeCoinType3"), "2");
-    EXPECT_EQ(k.text("tubeCoinQty1"), "33");
-    EXPECT_EQ(k.text("tubeCoinQty3"), "33");
-    EXPECT_EQ(k.text("tubeCoinQty2"), "22");
-    EXPECT_EQ(k.text("tubeCoinType4"), "0") << "three routed types";
-    EXPECT_EQ(k.text("tubesAmount"), std::to_string(11 * 2 + 22 * 5 + 33 * 2));
-    EXPECT_EQ(k.text("bvEscrowCapability"), "YES");
-    EXPECT_EQ(k.text("bvSecurityLevels"), "f400H");
+    // Types 1 and 3 share a value: its slots show the higher type's count; three routed types.
+    EXPECT_EQ(k.texts({"ct1_value", "ct2_value", "ct4_value", "tubeCoinType1", "tubeCoinType3",
+                       "tubeCoinQty1", "tubeCoinQty3", "tubeCoinQty2", "tubeCoinType4",
+                       "tubesAmount", "bvEscrowCapability", "bvSecurityLevels"}),
+              (std::vector<std::string>{"2", "5", "10", "2", "2", "33", "33", "22", "0",
+                                        std::to_string(11 * 2 + 22 * 5 + 33 * 2), "YES", "f400H"}));
 }
 
 TEST(InitEquipment, ScriptedRepliesNoPeripheralShouldSend) {
@@ -253,15 +246,11 @@ TEST(InitEquipment, ScriptedRepliesNoPeripheralShouldSend) {
     EXPECT_TRUE(k.messageBox().shown().empty());
     EXPECT_EQ(mdb.asked["\x0A\x00"s], 3);
     EXPECT_EQ(mdb.asked["\x0F\x00"s], 2);
-    EXPECT_EQ(k.text("ct1_value"), "5");
-    EXPECT_EQ(k.text("ct3_value"), "0");
-    EXPECT_EQ(k.text("caManufacturer"), "KX\xA3") << "the check byte where a third letter was";
-    EXPECT_EQ(k.text("caSerialNumber"), "");
-    EXPECT_EQ(k.text("tubeCoinQty1"), "3");
-    EXPECT_EQ(k.text("tubeCoinQty2"), "0");
-    EXPECT_EQ(k.text("tubesAmount"), "15");
-    EXPECT_EQ(k.text("bvDecimalPlaces"), "1");
-    EXPECT_EQ(k.text("bvStackerCapacity"), "") << "a short SETUP: nothing there";
+    // The manufacturer ends in the check byte where a third letter was; a short SETUP leaves
+    // the stacker's capacity empty.
+    EXPECT_EQ(k.texts({"ct1_value", "ct3_value", "caManufacturer", "caSerialNumber", "tubeCoinQty1",
+                       "tubeCoinQty2", "tubesAmount", "bvDecimalPlaces", "bvStackerCapacity"}),
+              (std::vector<std::string>{"5", "0", "KX\xA3", "", "3", "0", "15", "1", ""}));
 
     // A scaling factor of 0 cannot give coin values: a run-time error, told as a port error.
     Kiosk zero;
