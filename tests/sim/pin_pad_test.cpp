@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-
 #include "engine/settings/layout.h"
 #include "sim/world/virtual_kiosk.h"
 
