@@ -560,7 +560,7 @@ void Setup::publishHeartbeat() {
     // waiting writes going out) moves it further, and the mailbox is read again.
     const bool quiet = m_quietMailbox.has_value() && !m_storeWriter.troubled();
     writeMailbox(store::mailbox::kEngine, formatTime(m_platform.clock.now(), "%Y-%m-%d %H:%M:%S"));
-    if (quiet && m_quietMailbox) {
+    if (quiet) {
         ++m_quietMailbox->change;
     }
     m_lastHeartbeat = now;

@@ -13,20 +13,24 @@
 namespace kestrix::qt {
 
 namespace {
+
 // No single pause of the engine is longer than a few minutes; a day bounds a hostile value
 // (a text converted to 1e300 seconds) without overflowing the sleep's duration type.
 constexpr double kLongestSleepSeconds = 86400.0;
-}  // namespace
+constexpr std::int64_t kMsPerDay = 86400LL * 1000;
 
-namespace {
+// The local time as days since 1970 and milliseconds into the day: the system clock plus the
+// zone's offset from UTC. Asking the C library for the local time reads the time zone again
+// each time (a look at /etc/localtime); every step of a wait and every heartbeat asks, and
+// paying that was a tenth of the engine's processor time. The offset is taken once a minute
+// instead, which is how late a change of zone or of summer time shows. Kept per thread, so
+// threads sharing a clock need no lock.
+struct LocalTime {
+    std::int64_t day;
+    std::int64_t msOfDay;
+};
 
-// Milliseconds of local time since 1970: the system clock plus the zone's offset from UTC.
-// Asking the C library for the local time reads the time zone again each time (a look at
-// /etc/localtime); every step of a wait and every heartbeat asks, and paying that was a tenth
-// of the engine's processor time. The offset is taken once a minute instead, which is how late
-// a change of zone or of summer time shows. Kept per thread, so threads sharing a clock need no
-// lock.
-std::int64_t localMs() {
+LocalTime localTime() {
     struct Offset {
         std::chrono::steady_clock::time_point until{};
         std::int64_t seconds = 0;
@@ -37,19 +41,18 @@ std::int64_t localMs() {
         offset.seconds = QDateTime::currentDateTime().offsetFromUtc();
         offset.until = steadyNow + std::chrono::minutes(1);
     }
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-               .count() +
-           offset.seconds * 1000;
+    const std::int64_t ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                std::chrono::system_clock::now().time_since_epoch())
+                                .count() +
+                            offset.seconds * 1000;
+    const std::int64_t msOfDay = ((ms % kMsPerDay) + kMsPerDay) % kMsPerDay;
+    return {(ms - msOfDay) / kMsPerDay, msOfDay};
 }
-
-constexpr std::int64_t kMsPerDay = 86400LL * 1000;
 
 }  // namespace
 
 double SteadyClock::secondsSinceMidnight() const {
-    const std::int64_t ms = localMs();
-    return static_cast<double>(((ms % kMsPerDay) + kMsPerDay) % kMsPerDay) / 1000.0;
+    return static_cast<double>(localTime().msOfDay) / 1000.0;
 }
 
 void SteadyClock::sleep(double seconds) {
@@ -67,10 +70,9 @@ double SteadyClock::elapsedSeconds() const {
 }
 
 LocalDateTime SteadyClock::now() const {
-    const std::int64_t ms = localMs();
-    const std::int64_t day = (ms >= 0 ? ms : ms - kMsPerDay + 1) / kMsPerDay;
-    const QDate d = QDate(1970, 1, 1).addDays(day);
-    const QTime tm = QTime::fromMSecsSinceStartOfDay(static_cast<int>(ms - day * kMsPerDay));
+    const LocalTime t = localTime();
+    const QDate d = QDate(1970, 1, 1).addDays(t.day);
+    const QTime tm = QTime::fromMSecsSinceStartOfDay(static_cast<int>(t.msOfDay));
     return LocalDateTime{d.year(), d.month(), d.day(), tm.hour(), tm.minute(), tm.second()};
 }
 
